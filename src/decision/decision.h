@@ -1,0 +1,55 @@
+// SPDX-License-Identifier: Apache-2.0
+// Flicker state decision: tuning parameters and state, the per-frame score and the sequential
+// tests over the shared 150-entry score queue.
+#ifndef KESTREL_DECISION_H
+#define KESTREL_DECISION_H
+
+#include <cstdint>
+
+#include "kestrel/flicker.h"
+
+// Tuning, replaced as a whole by CMD_SET_EXT_PARA.
+extern std::int32_t g_flickerFreq[9];  // candidate frequencies, Hz; freq_out follows this order
+extern std::int32_t flicker_grad_threshold;
+extern std::int32_t flicker_search_range;
+extern std::int32_t min_past_frames;
+extern std::int32_t g_maxPastFrames;
+// Likelihood tables: [0] knot, [1] slope below the knot (Q8), [2] slope at/above (Q8), [3] offset.
+extern std::int32_t ev50_l50[4];
+extern std::int32_t ev50_l60[4];
+extern std::int32_t ev60_l50[4];
+extern std::int32_t ev60_l60[4];
+extern std::int32_t ev50_thresholds[2];
+extern std::int32_t ev60_thresholds[2];
+extern std::int32_t freq_feature_index[2];
+extern std::uint8_t is_zhdr;
+extern std::uint8_t zhdr_se_small;
+extern std::uint8_t zhdr_gle_first;
+
+// Flicker state: the hypothesis under test (0 = 50 Hz, 1 = 60 Hz) and its result code (2 or 3;
+// 0 until the first set_flicker_state).
+extern std::int32_t g_flickerStateIndex;
+extern std::int32_t g_flickerResult;
+
+// Score queue: frame scores in Q8, a ring of 150 with the newest entry at g_queueHead.
+constexpr std::int32_t kScoreQueueSize = 150;
+extern std::int32_t g_scoreQueue[kScoreQueueSize];
+extern std::int32_t g_queueHead;
+extern std::int32_t g_queueCount;
+
+void flicker_setExtPara(FlkExtPara* para);
+FlkExtPara* flicker_setExtPara_seq(FlkExtPara* para);
+void set_flicker_state(EvTable s);
+void reset_flicker_queue();
+
+// Frame score in Q8 of n features: positive favours the other mains frequency.
+std::int32_t get_current_llr(const std::int32_t* f, std::uint32_t n);
+
+// Scores the frame, queues the score and returns the result code (2, 3 or g_flickerResult).
+std::int32_t test_next_frame(const std::int32_t* freq_out, std::uint32_t n, std::int8_t is_valid,
+                             std::uint32_t max_past);
+// The 2x5 variant: queues the caller's Q8 score; the first three parameters are ignored.
+std::int32_t test_next_frame_2x5(const std::int32_t* freq_out, std::uint32_t n,
+                                 std::int8_t is_valid, std::uint32_t max_past, std::int32_t score);
+
+#endif  // KESTREL_DECISION_H

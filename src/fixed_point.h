@@ -1,0 +1,91 @@
+// SPDX-License-Identifier: Apache-2.0
+// Named integer primitives shared by every pipeline: deliberate 32-bit wrap-around, rounding
+// shifts, truncating division and bit counts. Nobody hand-rolls these in a stage.
+#ifndef KESTREL_FIXED_POINT_H
+#define KESTREL_FIXED_POINT_H
+
+#include <cstdint>
+#include <limits>
+#include <type_traits>
+
+namespace fx {
+
+// 32-bit two's-complement arithmetic that wraps on purpose. Signed overflow is undefined in C++,
+// so the operation runs on uint32_t and the (modular, since C++20) conversion brings it back.
+constexpr std::int32_t wrap_add32(std::int32_t a, std::int32_t b) {
+  return static_cast<std::int32_t>(static_cast<std::uint32_t>(a) + static_cast<std::uint32_t>(b));
+}
+constexpr std::int32_t wrap_sub32(std::int32_t a, std::int32_t b) {
+  return static_cast<std::int32_t>(static_cast<std::uint32_t>(a) - static_cast<std::uint32_t>(b));
+}
+constexpr std::int32_t wrap_mul32(std::int32_t a, std::int32_t b) {
+  return static_cast<std::int32_t>(static_cast<std::uint32_t>(a) * static_cast<std::uint32_t>(b));
+}
+constexpr std::int32_t wrap_neg32(std::int32_t a) {
+  return static_cast<std::int32_t>(0u - static_cast<std::uint32_t>(a));
+}
+// |a| in 32 bits: |INT32_MIN| wraps to INT32_MIN, as the hardware does.
+constexpr std::int32_t wrap_abs32(std::int32_t a) { return a < 0 ? wrap_neg32(a) : a; }
+// a << k in 32 bits, bits shifted out are lost (k in 0..31).
+constexpr std::int32_t wrap_shl32(std::int32_t a, int k) {
+  return static_cast<std::int32_t>(static_cast<std::uint32_t>(a) << k);
+}
+// a << k in 64 bits, bits shifted out are lost (k in 0..63).
+constexpr std::int64_t wrap_shl64(std::int64_t a, int k) {
+  return static_cast<std::int64_t>(static_cast<std::uint64_t>(a) << k);
+}
+// 64-bit wrap-around, for energies of inputs far outside the statistics' range.
+constexpr std::int64_t wrap_add64(std::int64_t a, std::int64_t b) {
+  return static_cast<std::int64_t>(static_cast<std::uint64_t>(a) + static_cast<std::uint64_t>(b));
+}
+constexpr std::int64_t wrap_mul64(std::int64_t a, std::int64_t b) {
+  return static_cast<std::int64_t>(static_cast<std::uint64_t>(a) * static_cast<std::uint64_t>(b));
+}
+// The low 32 bits of a 64-bit value, as a signed number.
+constexpr std::int32_t low32(std::int64_t v) { return static_cast<std::int32_t>(v); }
+
+// v / 2^k rounded to nearest, halves away from zero: add 2^(k-1) to a non-negative value and
+// 2^(k-1) - 1 to a negative one, then shift arithmetically. k = 0 leaves v as it is. The sign
+// test is made before the rounding term is added.
+constexpr std::int64_t rshift_round64(std::int64_t v, int k) {
+  if (k <= 0) return v;
+  const std::int64_t half = std::int64_t{1} << (k - 1);
+  return (v >= 0 ? v + half : v + half - 1) >> k;
+}
+// The same in 32 bits; the rounding addition wraps like the rest of 32-bit band arithmetic.
+constexpr std::int32_t rshift_round32(std::int32_t v, int k) {
+  if (k <= 0) return v;
+  const std::int32_t half = std::int32_t{1} << (k - 1);
+  return wrap_add32(v, v >= 0 ? half : half - 1) >> k;
+}
+// v / 256, rounded half away from zero: the common "round8" of the despike rebuild.
+constexpr std::int64_t round8_64(std::int64_t v) { return rshift_round64(v, 8); }
+constexpr std::int32_t round8_32(std::int32_t v) { return rshift_round32(v, 8); }
+
+// Signed division truncating toward zero, as the design divides everywhere. A zero divisor
+// gives 0 and INT_MIN / -1 wraps to INT_MIN instead of trapping.
+template <typename T>
+constexpr T div_trunc(T a, T b) {
+  static_assert(std::is_signed_v<T>);
+  if (b == 0) return 0;
+  if (b == -1) return a == std::numeric_limits<T>::min() ? a : static_cast<T>(-a);
+  return a / b;
+}
+
+// B(v): the number of halvings until v reaches 0, floor(log2 v) + 1 for v >= 1; B(0) is 1.
+constexpr std::int32_t bit_count(std::uint64_t v) {
+  std::int32_t b = 0;
+  do {
+    ++b;
+    v >>= 1;
+  } while (v != 0);
+  return b;
+}
+
+constexpr std::int32_t clamp32(std::int32_t v, std::int32_t lo, std::int32_t hi) {
+  return v < lo ? lo : (v > hi ? hi : v);
+}
+
+}  // namespace fx
+
+#endif  // KESTREL_FIXED_POINT_H
