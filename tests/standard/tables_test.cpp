@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "interface/interface.h"
 #include "standard/standard.h"
 #include "support.h"
 
@@ -17,12 +18,11 @@ namespace {
 
 using kestrel_test::LogCapture;
 
-class TablesTest : public testing::Test {
+class TablesTest : public kestrel_test::LibraryTest {
  protected:
-  void SetUp() override { g_logFlow = 0; }
   void TearDown() override {
     flicker_uninit();
-    g_logFlow = 0;
+    kestrel_test::LibraryTest::TearDown();
   }
   // Runs flicker_init and returns what it printed on standard output.
   static std::string Init(std::int32_t line_length, std::int32_t column_length,
@@ -194,6 +194,37 @@ TEST_F(TablesTest, LargestAcceptedGeometry) {
   EXPECT_EQ(g_flkTabW, 16500);
   EXPECT_EQ(g_valuMax, 134211584);
   EXPECT_NE(g_flkTab1, nullptr);
+}
+
+TEST_F(TablesTest, InitAndUninitThroughTheCommandEntry) {
+  LogCapture log;
+  FlkInitPara para{};
+  para.type = FLK_SENSOR_STANDARD;
+  para.line_length = 4000;
+  para.column_length = 2000;
+  para.window_width = 512;
+  para.pclk = 240e6;
+  testing::internal::CaptureStdout();
+  SendCmdFlk(CMD_INIT, &para, nullptr);
+  EXPECT_THAT(testing::internal::GetCapturedStdout(), testing::EndsWith("\nsize: 2049\n"));
+  EXPECT_EQ(g_flkTabW, 500);
+  EXPECT_EQ(g_valuMax, 8388480);
+  EXPECT_EQ(g_flkTab1[3 * 500 + 4], 251);
+  EXPECT_EQ(g_flkTabType, FLK_SENSOR_STANDARD);
+  SendCmdFlk(CMD_UNINIT, nullptr, nullptr);
+  SendCmdFlk(CMD_UNINIT, nullptr, nullptr);
+  EXPECT_EQ(g_flkTab1, nullptr);
+  EXPECT_EQ(g_flkTab2, nullptr);
+  EXPECT_EQ(g_flkCompTab, nullptr);
+
+  // A refused geometry leaves the standard type without tables.
+  para.window_width = -1;
+  testing::internal::CaptureStdout();
+  SendCmdFlk(CMD_INIT, &para, nullptr);
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
+  EXPECT_EQ(g_flkTab1, nullptr);
+  EXPECT_EQ(g_flkTabType, -1);
+  EXPECT_TRUE(log.Contains("[flicker_init] refused: window_width -1 outside 0..65535"));
 }
 
 struct RefusalCase {
