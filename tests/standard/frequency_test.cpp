@@ -5,6 +5,7 @@
 
 #include <array>
 #include <cstdint>
+#include <ostream>
 #include <vector>
 
 #include "standard/standard.h"
@@ -145,6 +146,7 @@ TEST(Interpolation, SecondJunctionStartsAfterTheFirstSegments) {
 struct RoundingCase {
   std::vector<std::int32_t> signal, lengths, offsets, expected;
 };
+void PrintTo(const RoundingCase& c, std::ostream* os) { *os << "far end " << c.signal.back(); }
 class InterpolationRounding : public testing::TestWithParam<RoundingCase> {};
 
 TEST_P(InterpolationRounding, Q26StepRoundsHalfAwayFromZero) {

@@ -5,6 +5,7 @@
 
 #include <cmath>
 #include <cstdint>
+#include <ostream>
 #include <limits>
 #include <numeric>
 #include <string>
@@ -40,6 +41,7 @@ struct WidthCase {
   std::int32_t column_length;
   std::int32_t width;
 };
+void PrintTo(const WidthCase& c, std::ostream* os) { *os << "column_length " << c.column_length; }
 class TableWidthTest : public testing::TestWithParam<WidthCase> {};
 
 TEST_P(TableWidthTest, RoundsFourLineSamplesUpToMultipleOf500) {
@@ -64,6 +66,7 @@ struct RangeCase {
   std::int64_t table_sum;   // sum of the N log-table entries
   std::int32_t last_entry;
 };
+void PrintTo(const RangeCase& c, std::ostream* os) { *os << "window_width " << c.window_width; }
 class LogTableTest : public TablesTest, public testing::WithParamInterface<RangeCase> {};
 
 TEST_P(LogTableTest, RangeShiftValueMaxAndContents) {
@@ -111,6 +114,7 @@ struct TrigCase {
   std::int32_t cos80_123;    // row 1, sample 123
   std::int32_t sin120_77;    // row 4, sample 77
 };
+void PrintTo(const TrigCase& c, std::ostream* os) { *os << "column_length " << c.column_length; }
 class TrigTableTest : public TablesTest, public testing::WithParamInterface<TrigCase> {};
 
 TEST_P(TrigTableTest, EqualsReferenceEntryForEntry) {
@@ -233,6 +237,7 @@ struct RefusalCase {
   double pclk;
   const char* line;
 };
+void PrintTo(const RefusalCase& c, std::ostream* os) { *os << c.line; }
 class InitRefusalTest : public TablesTest, public testing::WithParamInterface<RefusalCase> {};
 
 TEST_P(InitRefusalTest, FreesOldTablesAndBuildsNone) {
