@@ -87,6 +87,9 @@ INSTANTIATE_TEST_SUITE_P(
                     RangeCase{1024, 8388480, 2049, 113736449, 62804},  // s = 2
                     RangeCase{2048, 8388480, 2049, 113736449, 62804},  // s = 3
                     RangeCase{4096, 8388480, 2049, 113736449, 62804},  // s = 4
+                    RangeCase{700, 11468625, 2801, 158940980, 64037},
+                    // Knots 3 and 6 fall exactly on entries 1538 and 4614.
+                    RangeCase{18676, 38247864, 9339, 574323335, 68782},
                     RangeCase{32768, 67107840, 16385, 1043948630, 70996},
                     RangeCase{65535, 134211584, 32768, 2177278144, 73727},
                     RangeCase{0, 0, 2, 34858, 34858}));
@@ -173,8 +176,10 @@ TEST_F(TablesTest, FlowFlagLogsTheGeometry) {
   g_logFlow = 1;
   LogCapture log;
   Init(4000, 2000, 512, 240000000.9);
+  Init(4000, 2000, 512, 2400000000.0);  // beyond 32 bits: shown as the lowest 32-bit value
   EXPECT_THAT(log.Lines(),
-              testing::ElementsAre("flicker_init 4000 columnLen=2000 winW = 512 240000000"));
+              testing::ElementsAre("flicker_init 4000 columnLen=2000 winW = 512 240000000",
+                                   "flicker_init 4000 columnLen=2000 winW = 512 -2147483648"));
 }
 
 TEST_F(TablesTest, SecondInitRebuildsAndUninitTwiceIsHarmless) {
