@@ -51,6 +51,9 @@ struct ToneCurve {
   }
 };
 
+// A band is at most 1000 rows of 10 columns, within the transposition buffer.
+static_assert(kSonyMaxWindowRows * kSonyMaxColumns <= kSonyMaxBandValues);
+
 // Every DETECT limit of the type-1 buffers, in one place. Returns false with the reason in `why`.
 bool geometry_fits(std::int32_t n_win_h, std::int32_t n_win_w, std::int32_t win_ht, char* why,
                    std::size_t size) {
@@ -70,10 +73,6 @@ bool geometry_fits(std::int32_t n_win_h, std::int32_t n_win_w, std::int32_t win_
   if (win_ht < kSonyMinWindowRows || win_ht > kSonyMaxWindowRows) {
     std::snprintf(why, size, "win_ht %d outside %d..%d rows per window", win_ht,
                   kSonyMinWindowRows, kSonyMaxWindowRows);
-    return false;
-  }
-  if (win_ht * n_win_w > kSonyMaxBandValues) {
-    std::snprintf(why, size, "band of %d values above %d", win_ht * n_win_w, kSonyMaxBandValues);
     return false;
   }
   const std::int32_t rows = win_ht * n_win_h;
