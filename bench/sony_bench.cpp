@@ -4,6 +4,7 @@
 
 #include <cmath>
 #include <cstdint>
+#include <numbers>
 #include <vector>
 
 #include "decision/decision.h"
@@ -25,7 +26,7 @@ void DiscardLog(int, const char*, const char*) {}
 // integrated over a 10 ms exposure, with a little deterministic grain.
 std::vector<std::int32_t> Frame(std::int32_t frame, std::int32_t rows, std::int32_t cols) {
   const double line_time = kLineLength / kPclk;
-  const double w = 2.0 * M_PI * 120.0;
+  const double w = 2.0 * std::numbers::pi * 120.0;
   const double exposure = 0.010;
   std::vector<std::int32_t> grid(static_cast<std::size_t>(rows) * cols);
   std::uint32_t grain = 12345u + static_cast<std::uint32_t>(frame);
@@ -35,7 +36,7 @@ std::vector<std::int32_t> Frame(std::int32_t frame, std::int32_t rows, std::int3
         1.0 + 0.2 * (std::sin(w * (t0 + exposure)) - std::sin(w * t0)) / (w * exposure);
     for (std::int32_t c = 0; c < cols; ++c) {
       grain = grain * 1664525u + 1013904223u;
-      const double scene = 380.0 + 140.0 * std::sin(2.0 * M_PI * r / 173.0 + c) +
+      const double scene = 380.0 + 140.0 * std::sin(2.0 * std::numbers::pi * r / 173.0 + c) +
                            static_cast<double>(grain >> 29);
       grid[static_cast<std::size_t>(r) * cols + c] = static_cast<std::int32_t>(scene * light);
     }

@@ -1,12 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 // SONY frequency features: single-signal energies and the three-candidate search.
-#include "sony/sony.h"
-
 #include <vector>
 
 #include "decision/decision.h"
 #include "fixed_point.h"
 #include "interface/interface.h"
+#include "sony/sony.h"
 #include "standard/standard.h"
 
 namespace {
@@ -99,8 +98,8 @@ void flicker_compute_freq_3x_SONY(std::int32_t* version_a, std::int32_t* version
   std::int64_t* const low_sin = low_cos + 9 * low_choices;
   std::int64_t* const high_cos = low_sin + 9 * low_choices;
   std::int64_t* const high_sin = high_cos + 9 * high_choices;
-  auto tabulate = [&](std::int32_t first, std::int32_t count, std::uint32_t n, std::int64_t* cos_out,
-                      std::int64_t* sin_out) {
+  auto tabulate = [&](std::int32_t first, std::int32_t count, std::uint32_t n,
+                      std::int64_t* cos_out, std::int64_t* sin_out) {
     std::int32_t digit[kSonyMaxWindows] = {};
     for (std::uint32_t a = 0; a < n; ++a) {
       for (std::int32_t k = 0; k < 9; ++k) {
@@ -127,10 +126,10 @@ void flicker_compute_freq_3x_SONY(std::int32_t* version_a, std::int32_t* version
     for (std::uint32_t a = 0; a < low_choices; ++a) {
       std::int64_t* const e = energy + 9 * (h * low_choices + a);
       for (std::int32_t k = 0; k < 9; ++k) {
-        const std::int64_t re =
-            fx::rshift_round64(low_cos[k * low_choices + a] + high_cos[k * high_choices + h], b - 1);
-        const std::int64_t im =
-            fx::rshift_round64(low_sin[k * low_choices + a] + high_sin[k * high_choices + h], b - 1);
+        const std::int64_t re = fx::rshift_round64(
+            low_cos[k * low_choices + a] + high_cos[k * high_choices + h], b - 1);
+        const std::int64_t im = fx::rshift_round64(
+            low_sin[k * low_choices + a] + high_sin[k * high_choices + h], b - 1);
         e[k] = fx::wrap_add64(fx::wrap_mul64(re, re), fx::wrap_mul64(im, im));
         if (e[k] > largest) largest = e[k];
       }

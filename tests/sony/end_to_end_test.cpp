@@ -7,6 +7,7 @@
 #include <cmath>
 #include <cstdint>
 #include <cstdlib>
+#include <numbers>
 #include <random>
 #include <vector>
 
@@ -26,14 +27,14 @@ constexpr double kPclk = 74.25e6;
 constexpr std::int32_t kActiveLines = 1080;
 constexpr std::int32_t kFrameLines = 1200;
 constexpr std::int32_t kWindowWidth = 300;
-constexpr std::int32_t kBands = 4;        // n_win_h
-constexpr std::int32_t kColumns = 4;      // n_win_w
-constexpr std::int32_t kBandRows = 270;   // win_ht
+constexpr std::int32_t kBands = 4;         // n_win_h
+constexpr std::int32_t kColumns = 4;       // n_win_w
+constexpr std::int32_t kBandRows = 270;    // win_ht
 constexpr double kExposure50 = 0.010;      // 10 ms: cancels 100 Hz, not 120 Hz
 constexpr double kExposure60 = 1.0 / 120;  // 8.3 ms: cancels 120 Hz, not 100 Hz
 
 struct Scene {
-  double depth;        // light modulation 1 + depth x cos(2 pi f t)
+  double depth;  // light modulation 1 + depth x cos(2 pi f t)
   double flicker_hz;
   double noise_lsb;    // per-statistic noise, standard deviation in 10-bit counts
   std::uint32_t seed;  // texture and noise
@@ -42,11 +43,13 @@ struct Scene {
 
 // Deterministic draws on every standard library: uniform in (0, 1) from the raw generator and
 // Box-Muller normals.
-double Uniform(std::mt19937& rng) { return (static_cast<double>(rng()) + 0.5) / 4294967296.0; }
+double Uniform(std::mt19937& rng) {
+  return (static_cast<double>(rng()) + 0.5) / 4294967296.0;
+}
 double Normal(std::mt19937& rng) {
   const double u1 = Uniform(rng);
   const double u2 = Uniform(rng);
-  return std::sqrt(-2.0 * std::log(u1)) * std::cos(2.0 * M_PI * u2);
+  return std::sqrt(-2.0 * std::log(u1)) * std::cos(2.0 * std::numbers::pi * u2);
 }
 
 // Mean 10-bit pixel value of each window row (one statistic per sensor line and window column)
@@ -58,8 +61,9 @@ class SonySensor {
     texture_.resize(static_cast<std::size_t>(kActiveLines) * kColumns);
     for (std::int32_t r = 0; r < kActiveLines; ++r) {
       for (std::int32_t c = 0; c < kColumns; ++c) {
-        texture_[r * kColumns + c] = 380.0 + 140.0 * std::sin(2.0 * M_PI * r / 173.0 + c) +
-                                     70.0 * std::sin(2.0 * M_PI * r / 41.0 + 2.0 * c) +
+        texture_[r * kColumns + c] = 380.0 +
+                                     140.0 * std::sin(2.0 * std::numbers::pi * r / 173.0 + c) +
+                                     70.0 * std::sin(2.0 * std::numbers::pi * r / 41.0 + 2.0 * c) +
                                      (Uniform(rng_) - 0.5) * 50.0;
       }
     }
@@ -67,13 +71,13 @@ class SonySensor {
 
   std::vector<std::int32_t> Frame(std::int32_t frame) {
     const double line_time = kLineLength / kPclk;
-    const double w = 2.0 * M_PI * scene_.flicker_hz;
+    const double w = 2.0 * std::numbers::pi * scene_.flicker_hz;
     std::vector<std::int32_t> grid(static_cast<std::size_t>(kActiveLines) * kColumns);
     for (std::int32_t r = 0; r < kActiveLines; ++r) {
       const double t0 = (static_cast<double>(frame) * kFrameLines + r) * line_time;
-      const double light =
-          1.0 + scene_.depth * (std::sin(w * (t0 + scene_.exposure)) - std::sin(w * t0)) /
-                    (w * scene_.exposure);
+      const double light = 1.0 + scene_.depth *
+                                     (std::sin(w * (t0 + scene_.exposure)) - std::sin(w * t0)) /
+                                     (w * scene_.exposure);
       for (std::int32_t c = 0; c < kColumns; ++c) {
         const double v = texture_[r * kColumns + c] * light + scene_.noise_lsb * Normal(rng_);
         grid[r * kColumns + c] = static_cast<std::int32_t>(std::lround(std::clamp(v, 0.0, 1023.0)));
@@ -152,17 +156,16 @@ class SonyEndToEndSeeds : public SonyEndToEnd,
 
 TEST_P(SonyEndToEndSeeds, MovingBandingAt120HzSwitchesTo60) {
   // 20 % modulation; the 10 ms exposure leaves about 3 % row-to-row banding.
-  const std::int32_t first = FirstSwitch(Run(Scene{0.2, 120.0, 1.0, GetParam()}, 14),
-                                         FLK_RESULT_50HZ, FLK_RESULT_60HZ);
+  const std::int32_t first =
+      FirstSwitch(Run(Scene{0.2, 120.0, 1.0, GetParam()}, 14), FLK_RESULT_50HZ, FLK_RESULT_60HZ);
   EXPECT_GE(first, 2);  // the test needs three scored frames
   EXPECT_NE(first, -1);
 }
 
 TEST_P(SonyEndToEndSeeds, MovingBandingAt100HzSwitchesTo50) {
   SetState(EV_TABLE_60HZ);
-  const std::int32_t first =
-      FirstSwitch(Run(Scene{0.2, 100.0, 1.0, GetParam(), kExposure60}, 14), FLK_RESULT_60HZ,
-                  FLK_RESULT_50HZ);
+  const std::int32_t first = FirstSwitch(Run(Scene{0.2, 100.0, 1.0, GetParam(), kExposure60}, 14),
+                                         FLK_RESULT_60HZ, FLK_RESULT_50HZ);
   EXPECT_GE(first, 2);
   EXPECT_NE(first, -1);
 }
