@@ -1,0 +1,231 @@
+// SPDX-License-Identifier: Apache-2.0
+// 2x5 sub-pixel alignment: shift range and neighbour step, cost ties, pads and valid lengths, the
+// clipped average cost, the exposure check and the quiet-scene cap.
+#include "twobyfive/twobyfive.h"
+
+#include <gtest/gtest.h>
+
+#include <vector>
+
+#include "decision/decision.h"
+#include "standard/standard.h"
+#include "support.h"
+
+namespace {
+
+TEST(TwoByFiveShiftLimits, RangeAndNeighbourStepFollowTheFrameLength) {
+  struct Case {
+    std::int32_t total, range, step;
+  };
+  for (const Case c : {Case{1878, 256, 226}, Case{3, 0, 1}, Case{100, 14, 12},
+                       Case{101, 14, 13}, Case{540, 74, 65}, Case{2000, 273, 240}}) {
+    EXPECT_EQ(shift_range_2x5(c.total), c.range) << c.total;
+    EXPECT_EQ(neighbour_step_2x5(c.total), c.step) << c.total;
+  }
+}
+
+TEST(TwoByFivePads, ShiftsLoseWholeSamplesAtTheirEnd) {
+  const std::int32_t lens[3] = {20, 20, 20};
+  std::int32_t pads[3] = {};
+  std::int32_t valid[3] = {};
+  std::int32_t vector[64] = {};
+  std::int32_t total = -1;
+
+  // -9 eighths lose ceil(9 / 8) = 2 samples at the left: pad +2, and window 0 starts 2 + 2 later.
+  const std::int32_t left[3] = {-9, 0, 9};
+  std::int32_t* start = vector;
+  determineValidLength_2x5(3, left, pads, 8, lens, 2, valid, start, total);
+  EXPECT_EQ(pads[0], 2);
+  EXPECT_EQ(pads[1], 0);
+  EXPECT_EQ(pads[2], -2);
+  EXPECT_EQ(valid[0], 16);
+  EXPECT_EQ(valid[1], 20);
+  EXPECT_EQ(valid[2], 16);
+  EXPECT_EQ(start, vector + 4);
+  EXPECT_EQ(total, 52);
+
+  // A positive shift in window 0 and a negative one in the last window keep their lengths.
+  const std::int32_t right[3] = {8, -1, -8};
+  start = vector;
+  determineValidLength_2x5(3, right, pads, 8, lens, 2, valid, start, total);
+  EXPECT_EQ(pads[0], -1);
+  EXPECT_EQ(pads[1], 1);
+  EXPECT_EQ(pads[2], 1);
+  EXPECT_EQ(valid[0], 18);
+  EXPECT_EQ(valid[1], 20);
+  EXPECT_EQ(valid[2], 18);
+  EXPECT_EQ(start, vector + 2);
+  EXPECT_EQ(total, 56);
+
+  // A single window follows window 0's rule only.
+  const std::int32_t single[1] = {17};
+  start = vector;
+  determineValidLength_2x5(1, single, pads, 8, lens, 2, valid, start, total);
+  EXPECT_EQ(pads[0], -3);
+  EXPECT_EQ(valid[0], 18);
+  EXPECT_EQ(total, 18);
+}
+
+TEST(TwoByFiveNeighbours, StepsUpToTheLimitKeepTheFrameRegistered) {
+  std::int32_t flag = 1;
+  const std::int32_t within[4] = {0, 12, 0, -12};
+  check_alignment_2x5(within, 4, 12, flag);
+  EXPECT_EQ(flag, 1);
+  const std::int32_t beyond[3] = {0, 5, 18};
+  check_alignment_2x5(beyond, 3, 12, flag);
+  EXPECT_EQ(flag, 0);
+  // The check only ever clears the flag.
+  check_alignment_2x5(within, 4, 12, flag);
+  EXPECT_EQ(flag, 0);
+}
+
+TEST(TwoByFiveCost, ClippedAverageScaledBy64) {
+  std::int32_t a[3] = {0, 0, 0};
+  std::int32_t b[3] = {1, 3000, -5};
+  // (1 + 2650 + 5) x 64 / 3
+  EXPECT_EQ(laplace_diff_avg_2x5(a, b, 3, 2650, 6), 56661);
+  EXPECT_EQ(laplace_diff_avg_2x5(a, b, 0, 2650, 6), 0);
+  EXPECT_EQ(laplace_diff_avg_2x5(a, b, -2, 2650, 6), 0);
+}
+
+// The 2x5 helpers give the SONY helpers' results.
+TEST(TwoByFiveHelpers, LaplacianAndShiftMatchTheirDefinitions) {
+  std::int32_t in[6] = {10, 20, 40, 80, 160, 320};
+  std::int32_t lap[6] = {};
+  convolve_Laplacian_filter_2x5(in, lap, 6);
+  const std::int32_t expected_lap[6] = {50, 60, 110, 220, 120, -560};
+  for (int i = 0; i < 6; ++i) EXPECT_EQ(lap[i], expected_lap[i]) << i;
+  std::int32_t shifted[6] = {};
+  subpixel_shift_vec_2x5(in, shifted, 6, -9, 8);  // one and an eighth samples later
+  // (4 + in[k] + 7 in[k + 1]) / 8 after two copies of in[0].
+  const std::int32_t expected_shift[6] = {10, 10, 19, 38, 75, 150};
+  for (int i = 0; i < 6; ++i) EXPECT_EQ(shifted[i], expected_shift[i]) << i;
+}
+
+class TwoByFiveAlign : public kestrel_test::LibraryTest {
+ protected:
+  void SetUp() override {
+    LibraryTest::SetUp();
+    testing::internal::CaptureStdout();
+    flicker_init_2x5(1389, 2160, 100, 4, 0, 100e6);
+    testing::internal::GetCapturedStdout();
+    // A log table linear in the statistic: L(v) = v / 64.
+    linear_.resize(4096);
+    for (std::int32_t j = 0; j < 4096; ++j) linear_[j] = 64 * j;
+    saved_table_ = g_flkCompTab;
+    saved_max_ = g_valuMax;
+    g_flkCompTab = linear_.data();
+    g_valuMax = 4000 * 4096;
+  }
+  void TearDown() override {
+    g_flkCompTab = saved_table_;
+    g_valuMax = saved_max_;
+    flicker_uninit();
+    LibraryTest::TearDown();
+  }
+
+  std::vector<std::int32_t> linear_;
+  std::int32_t* saved_table_ = nullptr;
+  std::int32_t saved_max_ = 0;
+};
+
+// Both frames carry the same log ramp (slope 10 a sample): every shift costs 0, so the last
+// shift R wins and R - 1 is second. Shifting by s eighths adds (10 s + 4) / 8 to the previous
+// log, which the ratios show.
+TEST_F(TwoByFiveAlign, CostTiesTakeTheLastShiftAndTheOneBefore) {
+  struct Case {
+    std::int32_t total, windows, best_ratio, second_ratio;
+  };
+  for (const Case c : {Case{40, 2, -6, -5}, Case{1878, 6, -320, -319}}) {
+    std::vector<std::int32_t> stats(c.total);
+    for (std::int32_t i = 0; i < c.total; ++i) stats[i] = 64 * (100 + 10 * i);
+    std::vector<std::int32_t> prev = stats;
+    const std::int32_t h = c.total / c.windows;
+    std::int32_t freq[9];
+    std::int32_t ae = -1;
+    std::int32_t score = 0;
+    align_flicker_subpixel_2x5(stats.data(), prev.data(), c.windows, h, 0, c.total, freq, ae,
+                               score);
+    EXPECT_EQ(ae, 1);
+    const std::int32_t lost = (shift_range_2x5(c.total) + 7) / 8;
+    for (std::int32_t w = 0; w < c.windows; ++w) {
+      // Scored positions of each window: from 2 into window 0, to the lost samples before its end.
+      const std::int32_t from = w == 0 ? 2 : w * h;
+      const std::int32_t to = (w == c.windows - 1 ? c.total - 2 : (w + 1) * h) - lost;
+      for (std::int32_t i = from; i < to; ++i) {
+        ASSERT_EQ(vec_align1_working_memory[i], c.best_ratio) << c.total << " at " << i;
+        ASSERT_EQ(vec_align2_working_memory[i], c.second_ratio) << c.total << " at " << i;
+      }
+    }
+  }
+}
+
+// Three rows allow no shift at all: the single candidate 0 writes the one scored ratio.
+TEST_F(TwoByFiveAlign, ThreeRowsTryOnlyShiftZero) {
+  std::int32_t cur[3] = {6400, 7040, 7680};
+  std::int32_t prev[3] = {6400, 7040, 7680};
+  vec_align1_working_memory[2] = 12345;
+  std::int32_t freq[9];
+  std::int32_t ae = 0;
+  std::int32_t score = 0;
+  align_flicker_subpixel_2x5(cur, prev, 1, 3, 0, 3, freq, ae, score);
+  EXPECT_EQ(vec_align1_working_memory[2], 0);
+}
+
+// With likelihood tables that score every frame 1000, only the quiet cap changes the score: an
+// unregistered ratio alternating by 13 has a mean absolute deviation of 13, by 14 of 14.
+TEST_F(TwoByFiveAlign, QuietRatioCapsTheScore) {
+  const std::int32_t flat_own[4] = {0, 0, 0, 0};
+  const std::int32_t flat_other[4] = {0, 0, 0, -1000};
+  std::copy(std::begin(flat_own), std::end(flat_own), ev50_l50);
+  std::copy(std::begin(flat_other), std::end(flat_other), ev50_l60);
+  struct Case {
+    std::int32_t swing, score;
+  };
+  for (const Case c : {Case{13, -128}, Case{14, 1000}}) {
+    std::vector<std::int32_t> cur(40);
+    std::vector<std::int32_t> prev(40, 64 * 1000);
+    for (int i = 0; i < 40; ++i) cur[i] = 64 * (1000 + (i % 2 ? c.swing : -c.swing));
+    std::int32_t freq[9];
+    std::int32_t ae = 0;
+    std::int32_t score = 0;
+    align_flicker_subpixel_2x5(cur.data(), prev.data(), 2, 20, 0, 40, freq, ae, score);
+    EXPECT_EQ(compute_noiseness_2x5(ovector_out1_working_memory, 40), c.swing);
+    EXPECT_EQ(score, c.score) << c.swing;
+  }
+}
+
+TEST_F(TwoByFiveAlign, ExposureOutsideSevenTenthsToSevenFifthsLeavesTheScore) {
+  kestrel_test::LogCapture log;
+  g_logFlow = 1;
+  std::vector<std::int32_t> prev(10, 6400);
+  struct Case {
+    std::int32_t cur_sum;
+    std::int32_t stable;
+  };
+  // Previous sum 64000: 89600 is exactly 1.4 times it, 44800 exactly 0.7 times.
+  for (const Case c : {Case{89600, 1}, Case{89601, 0}, Case{44800, 1}, Case{44799, 0}}) {
+    std::vector<std::int32_t> cur(10, 6400);
+    cur[0] += c.cur_sum - 64000;
+    EXPECT_EQ(check_AE_stable_2x5(10, cur.data(), prev.data()), c.stable) << c.cur_sum;
+    std::int32_t freq[9] = {1, 1, 1, 1, 1, 1, 1, 1, 1};
+    std::int32_t ae = -1;
+    std::int32_t score = 777;
+    log.Clear();
+    align_flicker_subpixel_2x5(cur.data(), prev.data(), 2, 5, 0, 10, freq, ae, score);
+    EXPECT_EQ(ae, c.stable);
+    EXPECT_EQ(log.Contains("frame AE unstable\n"), c.stable == 0);
+    if (c.stable == 0) {
+      EXPECT_EQ(score, 777);
+      for (int k = 0; k < 9; ++k) EXPECT_EQ(freq[k], 0);
+    }
+  }
+  // Without the flow flag the rejection is silent.
+  g_logFlow = 0;
+  log.Clear();
+  std::vector<std::int32_t> dark(10, 0);
+  EXPECT_EQ(check_AE_stable_2x5(10, dark.data(), prev.data()), 0);
+  EXPECT_TRUE(log.Lines().empty());
+}
+
+}  // namespace
