@@ -34,6 +34,22 @@ std::int32_t lost_samples(std::int32_t s) {
   return (a + kShiftDen - 1) / kShiftDen;
 }
 
+// The driver refuses geometry outside these bounds; direct callers get the same protection.
+bool geometry_fits(std::int32_t windows, std::int32_t window_length, std::int32_t total) {
+  if (windows < 0 || windows > kMaxWindows || window_length < 0 || total < 0) return false;
+  if (total > kDespikeSize || total > g_flkTabW) return false;
+  if (windows == 0) return true;
+  const std::int64_t last_length = total - std::int64_t{windows - 1} * window_length;
+  if (last_length < 0) return false;
+  // Segment lengths: window 0 borrows 2 on the right, middle windows 2 on each side, the last 2 on
+  // the left.
+  const std::int64_t first = (windows == 1 ? last_length : window_length) + kOverlap;
+  const std::int64_t middle = windows > 2 ? window_length + 2 * kOverlap : 0;
+  const std::int64_t last = windows > 1 ? last_length + kOverlap : 0;
+  const std::int64_t segment_size = 2000;  // seg_prev_log_shift / seg_laplace_prev
+  return first <= segment_size && middle <= segment_size && last <= segment_size;
+}
+
 }  // namespace
 
 void convolve_Laplacian_filter_2x5(std::int32_t* in, std::int32_t* out, std::int32_t n) {
@@ -113,6 +129,14 @@ void align_flicker_subpixel_2x5(std::int32_t* curStats, std::int32_t* prevStats,
   std::int32_t best_valid[kMaxWindows] = {};
   std::int32_t second_valid[kMaxWindows] = {};
   for (std::int32_t k = 0; k < 9; ++k) freq_out[k] = 0;
+  if (!geometry_fits(numWindows, windowLength, totalLength)) {
+    LogRefusalFlk("align_flicker_subpixel_2x5",
+                  "%d windows of %d rows in a frame of %d rows (limits 10 windows, 2000 rows, "
+                  "2000-sample segments, table width %d)",
+                  numWindows, windowLength, totalLength, g_flkTabW);
+    aeStable = 0;
+    return;
+  }
 
   if (check_AE_stable_2x5(totalLength, curStats, prevStats) == 0) {
     aeStable = 0;

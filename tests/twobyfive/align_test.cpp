@@ -228,4 +228,25 @@ TEST_F(TwoByFiveAlign, ExposureOutsideSevenTenthsToSevenFifthsLeavesTheScore) {
   EXPECT_TRUE(log.Lines().empty());
 }
 
+TEST_F(TwoByFiveAlign, GeometryBeyondTheBuffersIsRefused) {
+  std::vector<std::int32_t> stats(2001, 64000);
+  struct Case {
+    std::int32_t windows, length, total;
+  };
+  for (const Case c : {Case{11, 10, 110}, Case{2, 1000, 2001}, Case{1, 1999, 1999},
+                       Case{3, 100, 150}, Case{2, 1999, 2000}}) {
+    kestrel_test::LogCapture log;
+    std::int32_t freq[9] = {1, 1, 1, 1, 1, 1, 1, 1, 1};
+    std::int32_t ae = -1;
+    std::int32_t score = 5;
+    align_flicker_subpixel_2x5(stats.data(), stats.data(), c.windows, c.length, 0, c.total, freq,
+                               ae, score);
+    EXPECT_EQ(ae, 0) << c.windows << " x " << c.length;
+    EXPECT_EQ(score, 5);
+    EXPECT_EQ(freq[0], 0);
+    ASSERT_EQ(log.Lines().size(), 1u);
+    EXPECT_EQ(log.Lines()[0].rfind("[align_flicker_subpixel_2x5] refused: ", 0), 0u);
+  }
+}
+
 }  // namespace

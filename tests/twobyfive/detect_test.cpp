@@ -58,6 +58,32 @@ TEST(TwoByFiveColumnChooser, DarkOrEqualColumnsTakeTheBrightest) {
   EXPECT_EQ(find_vector_2x5(nullptr, 30, 0, 0, 100), 1);
 }
 
+// The exported band loop takes the band height as given and sends a single column through the
+// chooser too; a dark single column would be column 1, past the grid, and is refused.
+TEST(TwoByFiveVectorSelection, BandHeightIsTakenAsGiven) {
+  std::vector<std::int32_t> cur(2 * 8 * 2);
+  std::vector<std::int32_t> prev(cur.size());
+  for (std::size_t i = 0; i < cur.size(); ++i) {
+    cur[i] = static_cast<std::int32_t>(i % 2 ? 500 + i : 300 + i);  // column 1 is brighter
+    prev[i] = cur[i] - 1;
+  }
+  std::vector<std::int32_t> out_prev(16, -1);
+  std::vector<std::int32_t> out_cur(16, -1);
+  vector_selection_2x5(prev.data(), cur.data(), 2, 2, 0, 8, nullptr, out_prev.data(),
+                       out_cur.data());
+  EXPECT_EQ(out_cur[0], 501);
+  EXPECT_EQ(out_cur[15], 531);
+  EXPECT_EQ(out_prev[15], 530);
+
+  kestrel_test::LogCapture log;
+  std::vector<std::int32_t> dark(8, -3);
+  std::fill(out_cur.begin(), out_cur.end(), -1);
+  vector_selection_2x5(dark.data(), dark.data(), 1, 1, 0, 8, nullptr, out_prev.data(),
+                       out_cur.data());
+  EXPECT_EQ(out_cur[0], -1);
+  EXPECT_TRUE(log.Contains("[vector_selection_2x5] refused: column 1 past a grid of 1 columns"));
+}
+
 class TwoByFiveDriver : public kestrel_test::LibraryTest {
  protected:
   void SetUp() override {
