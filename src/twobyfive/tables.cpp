@@ -82,7 +82,7 @@ void flicker_init_2x5(std::int32_t line_length, std::int32_t column_length,
 
   std::int32_t area = block_height * window_width;  // fits: bounded above
   if (green_only != 0) area /= 2;
-  g_valuMax = area * 4096 - area;
+  g_valuMax = fx::wrap_sub32(fx::wrap_mul32(area, 4096), area);  // A x 4095 in 32 bits
   g_flkTabW = width;
   const std::int32_t top = (g_valuMax + 8192) & ~4095;
   const std::int32_t entries = (g_valuMax + 8192) >> 12;
