@@ -59,8 +59,9 @@ void flicker_init_2x5(std::int32_t line_length, std::int32_t column_length,
                       std::int32_t window_width, std::int32_t block_height,
                       std::int32_t green_only, double pclk) {
   const std::int64_t pixels = std::int64_t{block_height} * window_width;
+  const std::int64_t summed = green_only != 0 ? pixels / 2 : pixels;
   if (column_length > kMaxColumnLength || block_height < 0 || window_width < 0 ||
-      pixels > kMaxPixelsPerStatistic) {
+      pixels > INT32_MAX || summed > kMaxPixelsPerStatistic) {
     free_tables();
     LogRefusalFlk("flicker_init_2x5",
                   "column_length %d (limit %d) or block_height %d x window_width %d "

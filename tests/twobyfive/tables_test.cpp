@@ -112,6 +112,11 @@ TEST_F(TwoByFiveTables, AbsurdGeometryFreesTheTablesAndRefuses) {
   testing::internal::GetCapturedStdout();
   EXPECT_EQ(g_valuMax, 2147475330);
   EXPECT_NE(g_flkCompTab, nullptr);
+  // Green-only statistics sum half the pixels: twice the window fits.
+  testing::internal::CaptureStdout();
+  flicker_init_2x5(1000, 300, 524414, 2, 1, 24e6);
+  testing::internal::GetCapturedStdout();
+  EXPECT_EQ(g_valuMax, 2147475330);
 }
 
 }  // namespace
