@@ -2,6 +2,8 @@
 // 2x5 sub-pixel alignment: eighth-sample shifts over overlapping segments, averaged clipped cost.
 #include "twobyfive/twobyfive.h"
 
+#include <iterator>
+
 #include "decision/decision.h"
 #include "fixed_point.h"
 #include "interface/interface.h"
@@ -36,6 +38,7 @@ std::int32_t lost_samples(std::int32_t s) {
 
 // The driver refuses geometry outside these bounds; direct callers get the same protection.
 bool geometry_fits(std::int32_t windows, std::int32_t window_length, std::int32_t total) {
+  if (g_flkTab1 == nullptr || g_flkTab2 == nullptr || g_flkCompTab == nullptr) return false;
   if (windows < 0 || windows > kMaxWindows || window_length < 0 || total < 0) return false;
   if (total > kDespikeSize || total > g_flkTabW) return false;
   if (windows == 0) return true;
@@ -46,7 +49,7 @@ bool geometry_fits(std::int32_t windows, std::int32_t window_length, std::int32_
   const std::int64_t first = (windows == 1 ? last_length : window_length) + kOverlap;
   const std::int64_t middle = windows > 2 ? window_length + 2 * kOverlap : 0;
   const std::int64_t last = windows > 1 ? last_length + kOverlap : 0;
-  const std::int64_t segment_size = 2000;  // seg_prev_log_shift / seg_laplace_prev
+  const auto segment_size = static_cast<std::int64_t>(std::size(seg_prev_log_shift_working_memory));
   return first <= segment_size && middle <= segment_size && last <= segment_size;
 }
 
@@ -102,7 +105,7 @@ void determineValidLength_2x5(std::int32_t numWindows, const std::int32_t* offse
 void check_alignment_2x5(const std::int32_t* offsets, std::int32_t n, std::int32_t maxStep,
                          std::int32_t& flag) {
   for (std::int32_t i = 0; i + 1 < n; ++i) {
-    const std::int32_t step = offsets[i] - offsets[i + 1];
+    const std::int64_t step = std::int64_t{offsets[i]} - offsets[i + 1];
     if ((step < 0 ? -step : step) > maxStep) {
       flag = 0;
       return;
@@ -132,7 +135,7 @@ void align_flicker_subpixel_2x5(std::int32_t* curStats, std::int32_t* prevStats,
   if (!geometry_fits(numWindows, windowLength, totalLength)) {
     LogRefusalFlk("align_flicker_subpixel_2x5",
                   "%d windows of %d rows in a frame of %d rows (limits 10 windows, 2000 rows, "
-                  "2000-sample segments, table width %d)",
+                  "2000-sample segments, table width %d, tables built)",
                   numWindows, windowLength, totalLength, g_flkTabW);
     aeStable = 0;
     return;
