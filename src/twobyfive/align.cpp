@@ -1,7 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
 // 2x5 sub-pixel alignment: eighth-sample shifts over overlapping segments, averaged clipped cost.
-#include "twobyfive/twobyfive.h"
-
 #include <iterator>
 
 #include "decision/decision.h"
@@ -9,6 +7,7 @@
 #include "interface/interface.h"
 #include "sony/sony.h"
 #include "standard/standard.h"
+#include "twobyfive/twobyfive.h"
 
 std::int32_t vec_log_curr_working_memory[12000];
 std::int32_t vec_log_prev_working_memory[12000];
@@ -21,13 +20,13 @@ std::int32_t seg_laplace_prev_working_memory[2000];
 
 namespace {
 
-constexpr std::int32_t kCostClip = 2650;   // keeps a few mismatched rows from dominating
+constexpr std::int32_t kCostClip = 2650;     // keeps a few mismatched rows from dominating
 constexpr std::int32_t kCostScaleShift = 6;  // cost is a per-sample average x 64
-constexpr std::int32_t kShiftDen = 8;      // shifts in eighths of a sample
-constexpr std::int32_t kOverlap = 2;       // samples a segment borrows from each neighbour
+constexpr std::int32_t kShiftDen = 8;        // shifts in eighths of a sample
+constexpr std::int32_t kOverlap = 2;         // samples a segment borrows from each neighbour
 constexpr std::int32_t kDespikeLevels = 1;
 constexpr std::int32_t kDespikeThreshold = 225;
-constexpr std::int32_t kQuietDeviation = 14;  // log-ratio units
+constexpr std::int32_t kQuietDeviation = 14;   // log-ratio units
 constexpr std::int32_t kQuietScoreCap = -128;  // Q8
 
 // Samples lost at one end by a shift of s eighths: ceil(|s| / 8).
@@ -113,8 +112,7 @@ void check_alignment_2x5(const std::int32_t* offsets, std::int32_t n, std::int32
   }
 }
 
-std::int32_t check_AE_stable_2x5(std::int32_t n, std::int32_t* curStats,
-                                 std::int32_t* prevStats) {
+std::int32_t check_AE_stable_2x5(std::int32_t n, std::int32_t* curStats, std::int32_t* prevStats) {
   if (flicker_exposure_stable(curStats, prevStats, n)) return 1;
   if (g_logFlow) PrintLogFlk("frame AE unstable\n");
   return 0;
@@ -150,7 +148,8 @@ void align_flicker_subpixel_2x5(std::int32_t* curStats, std::int32_t* prevStats,
   for (std::int32_t i = 0; i < totalLength; ++i) {
     vec_log_curr_working_memory[i] = flicker_compand(curStats[i]);
     vec_log_prev_working_memory[i] = flicker_compand(prevStats[i]);
-    vec_nonAlign_working_memory[i] = vec_log_curr_working_memory[i] - vec_log_prev_working_memory[i];
+    vec_nonAlign_working_memory[i] =
+        vec_log_curr_working_memory[i] - vec_log_prev_working_memory[i];
   }
   convolve_Laplacian_filter_2x5(vec_log_curr_working_memory, vec_laplace_curr_working_memory,
                                 totalLength);
@@ -180,10 +179,9 @@ void align_flicker_subpixel_2x5(std::int32_t* curStats, std::int32_t* prevStats,
       const std::int32_t lost_right = s > 0 ? lost_samples(s) : 0;
       const std::int32_t first = 2 + lost_left;
       const std::int32_t scored = seg_len - 4 - lost_left - lost_right;
-      const std::int32_t cost =
-          laplace_diff_avg_2x5(seg_laplace_prev_working_memory + first,
-                               vec_laplace_curr_working_memory + start + first, scored, kCostClip,
-                               kCostScaleShift);
+      const std::int32_t cost = laplace_diff_avg_2x5(
+          seg_laplace_prev_working_memory + first, vec_laplace_curr_working_memory + start + first,
+          scored, kCostClip, kCostScaleShift);
       std::int32_t* target = nullptr;
       if (cost <= best_cost) {  // ties go to the later shift
         for (std::int32_t i = 0; i < len; ++i) {
@@ -220,8 +218,8 @@ void align_flicker_subpixel_2x5(std::int32_t* curStats, std::int32_t* prevStats,
   std::int32_t registered = 1;
   check_alignment_2x5(best_shift, numWindows, max_step, registered);
 
-  flickerDespikeAdaptive_2x5(vec_nonAlign_working_memory, ovector_out1_working_memory,
-                             totalLength, kDespikeLevels, kDespikeThreshold);
+  flickerDespikeAdaptive_2x5(vec_nonAlign_working_memory, ovector_out1_working_memory, totalLength,
+                             kDespikeLevels, kDespikeThreshold);
   if (registered != 0) {
     flicker_interpolation(best_vec, best_valid, best_pad, numWindows);
     flicker_interpolation(second_vec, second_valid, second_pad, numWindows);

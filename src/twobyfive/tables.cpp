@@ -1,7 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
 // 2x5 tables: one statistics sample per block of lines, pure-logarithm log table.
-#include "twobyfive/twobyfive.h"
-
 #include <chrono>
 #include <cmath>
 #include <cstdio>
@@ -12,6 +10,7 @@
 #include "fixed_point.h"
 #include "interface/interface.h"
 #include "standard/standard.h"
+#include "twobyfive/twobyfive.h"
 
 namespace {
 
@@ -56,8 +55,8 @@ void free_tables() {
 }  // namespace
 
 void flicker_init_2x5(std::int32_t line_length, std::int32_t column_length,
-                      std::int32_t window_width, std::int32_t block_height,
-                      std::int32_t green_only, double pclk) {
+                      std::int32_t window_width, std::int32_t block_height, std::int32_t green_only,
+                      double pclk) {
   const std::int64_t pixels = std::int64_t{block_height} * window_width;
   const std::int64_t summed = green_only != 0 ? pixels / 2 : pixels;
   if (column_length > kMaxColumnLength || block_height < 0 || window_width < 0 ||
@@ -106,8 +105,7 @@ void flicker_init_2x5(std::int32_t line_length, std::int32_t column_length,
   }
   std::printf("log table exec time = %f\n", seconds_since(start));
 
-  calFftTable_2x5(fx::wrap_mul32(block_height, line_length), width, 9, pclk, g_flkTab1,
-                  g_flkTab2);
+  calFftTable_2x5(fx::wrap_mul32(block_height, line_length), width, 9, pclk, g_flkTab1, g_flkTab2);
 }
 
 void calLogTable_2x5(std::int32_t value_max, std::int32_t* table, std::int32_t shift) {

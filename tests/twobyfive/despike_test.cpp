@@ -1,14 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 // 2x5 adaptive despike: the four modes on constants, the level-1 clip, the skipped write of a
 // negative level count, and the refusals.
-#include "twobyfive/twobyfive.h"
-
 #include <gtest/gtest.h>
 
 #include <vector>
 
 #include "standard/standard.h"
 #include "support.h"
+#include "twobyfive/twobyfive.h"
 
 namespace {
 

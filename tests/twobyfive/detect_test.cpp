@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // 2x5 driver and column selection: the middle-column reference with result 1, the dark and
 // equal fallbacks, the single-column copy, the dump without a closing row, and the refusals.
-#include "twobyfive/twobyfive.h"
-
 #include <gtest/gtest.h>
 
 #include <string>
@@ -11,6 +9,7 @@
 #include "decision/decision.h"
 #include "standard/standard.h"
 #include "support.h"
+#include "twobyfive/twobyfive.h"
 
 namespace {
 
@@ -24,8 +23,7 @@ std::vector<std::int32_t> Column(std::int32_t mean, std::int32_t swings) {
 std::int32_t Choose(const std::vector<std::vector<std::int32_t>>& columns, std::int32_t min_mean) {
   std::vector<std::int32_t> packed;
   for (const auto& c : columns) packed.insert(packed.end(), c.begin(), c.end());
-  return find_vector_2x5(packed.data(), 30, static_cast<std::int32_t>(columns.size()), 0,
-                         min_mean);
+  return find_vector_2x5(packed.data(), 30, static_cast<std::int32_t>(columns.size()), 0, min_mean);
 }
 
 TEST(TwoByFiveColumnChooser, NoColumnBeatsAQuietBrightMiddleSoTheAnswerIsColumnOne) {
@@ -38,21 +36,20 @@ TEST(TwoByFiveColumnChooser, NoColumnBeatsAQuietBrightMiddleSoTheAnswerIsColumnO
 TEST(TwoByFiveColumnChooser, QuieterAndNotMuchDarkerOrAsQuietAndBrighterReplaceTheMiddle) {
   // Middle: 9 swings at 2000. Column 3 has 3 swings at 1960 (> 2000 - 51); column 4 as many
   // (within the margin 30 / 30 = 1) and brighter.
-  EXPECT_EQ(Choose({Column(1000, 9), Column(1100, 7), Column(2000, 9), Column(1960, 3),
-                    Column(1970, 3)},
-                   100),
-            4);
+  EXPECT_EQ(
+      Choose({Column(1000, 9), Column(1100, 7), Column(2000, 9), Column(1960, 3), Column(1970, 3)},
+             100),
+      4);
   // 50 darker is too dark: 1949 is not above 1949.
-  EXPECT_EQ(Choose({Column(1000, 9), Column(1100, 7), Column(2000, 9), Column(1949, 3),
-                    Column(1900, 11)},
-                   100),
-            1);
+  EXPECT_EQ(
+      Choose({Column(1000, 9), Column(1100, 7), Column(2000, 9), Column(1949, 3), Column(1900, 11)},
+             100),
+      1);
 }
 
 TEST(TwoByFiveColumnChooser, DarkOrEqualColumnsTakeTheBrightest) {
-  EXPECT_EQ(Choose({Column(50, 1), Column(80, 3), Column(20, 5), Column(80, 7), Column(-5, 9)},
-                   100),
-            1);
+  EXPECT_EQ(
+      Choose({Column(50, 1), Column(80, 3), Column(20, 5), Column(80, 7), Column(-5, 9)}, 100), 1);
   EXPECT_EQ(Choose({Column(500, 3), Column(400, 3), Column(900, 3)}, 100), 2);
   EXPECT_EQ(Choose({Column(0, 3), Column(-4, 3)}, 100), 1);
   EXPECT_EQ(find_vector_2x5(nullptr, 30, 0, 0, 100), 1);
@@ -98,8 +95,8 @@ class TwoByFiveDriver : public kestrel_test::LibraryTest {
   }
   std::int32_t Detect(std::vector<std::int32_t>& prev, std::vector<std::int32_t>& cur,
                       std::int32_t n_win_h, std::int32_t n_win_w, std::int32_t win_ht) {
-    return detectFlicker_SW_2x5(prev.data(), cur.data(), n_win_h, n_win_w, 0, win_ht, 0, {}, {},
-                                {}, nullptr);
+    return detectFlicker_SW_2x5(prev.data(), cur.data(), n_win_h, n_win_w, 0, win_ht, 0, {}, {}, {},
+                                nullptr);
   }
 };
 

@@ -86,7 +86,8 @@ class Scene {
           sum += reflectance_[l * Sensor::kColumns + c] * light * Sensor::kWidth;
         }
         sum *= 1 + noise_ * rng_.Gauss();
-        grid[r * Sensor::kColumns + c] = static_cast<std::int32_t>(std::lround(std::min(sum, full)));
+        grid[r * Sensor::kColumns + c] =
+            static_cast<std::int32_t>(std::lround(std::min(sum, full)));
       }
     }
     return grid;
@@ -102,8 +103,8 @@ class TwoByFiveEndToEnd : public kestrel_test::LibraryTest {
  protected:
   void SetUp() override {
     LibraryTest::SetUp();
-    FlkInitPara init{FLK_SENSOR_2X5, Sensor::kLineLength, 2160, Sensor::kWidth, Sensor::kPclk,
-                     Sensor::kBlock, 0};
+    FlkInitPara init{FLK_SENSOR_2X5, Sensor::kLineLength, 2160, Sensor::kWidth,
+                     Sensor::kPclk,  Sensor::kBlock,      0};
     testing::internal::CaptureStdout();
     SendCmdFlk(CMD_INIT, &init, nullptr);
     testing::internal::GetCapturedStdout();

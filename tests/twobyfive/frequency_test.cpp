@@ -1,14 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 // 2x5 frequency features: output headroom, the length-normalised and equal-length three-candidate
 // searches, and the noiseness measure.
-#include "twobyfive/twobyfive.h"
-
 #include <gtest/gtest.h>
 
 #include <vector>
 
 #include "standard/standard.h"
 #include "support.h"
+#include "twobyfive/twobyfive.h"
 
 namespace {
 
@@ -124,12 +123,12 @@ TEST(TwoByFiveNoiseness, MeanAbsoluteDeviationRoundedByHalfTheCount) {
     std::int32_t expected;
   };
   const Case cases[] = {
-      {{1, 2, 3, 4}, 1},          // mean (10 + 2) / 4 = 3, deviation (4 + 2) / 4
-      {{}, 0},                    // no values
-      {{-5, 5}, 5},               // mean (0 + 1) / 2 = 0, deviation (10 + 1) / 2
+      {{1, 2, 3, 4}, 1},  // mean (10 + 2) / 4 = 3, deviation (4 + 2) / 4
+      {{}, 0},            // no values
+      {{-5, 5}, 5},       // mean (0 + 1) / 2 = 0, deviation (10 + 1) / 2
       {{-13, 13, -13, 13}, 13},
       {{-14, 14, -14, 14}, 14},
-      {{-7, -9, -11}, 2},         // mean (-27 + 1) / 3 = -8 (truncated), deviation (5 + 1) / 3
+      {{-7, -9, -11}, 2},  // mean (-27 + 1) / 3 = -8 (truncated), deviation (5 + 1) / 3
   };
   for (const Case& c : cases) {
     EXPECT_EQ(compute_noiseness_2x5(c.values.data(), static_cast<std::int32_t>(c.values.size())),
