@@ -26,8 +26,12 @@ void* operator new(std::size_t size) {
   if (void* p = std::malloc(size == 0 ? 1 : size)) return p;
   throw std::bad_alloc();
 }
-void operator delete(void* p) noexcept { std::free(p); }
-void operator delete(void* p, std::size_t) noexcept { std::free(p); }
+void operator delete(void* p) noexcept {
+  std::free(p);
+}
+void operator delete(void* p, std::size_t) noexcept {
+  std::free(p);
+}
 
 namespace {
 
@@ -45,10 +49,11 @@ std::vector<std::int64_t> Frame(int k) {
   const double exposure = 0.01;
   for (int r = 0; r < kBands * kRows; ++r) {
     const double t = k / 27.0 + r * kLineLength / kPclk;
-    const double light = 1 + 0.3 / (w * exposure) * (std::sin(w * t) - std::sin(w * (t - exposure)));
+    const double light =
+        1 + 0.3 / (w * exposure) * (std::sin(w * t) - std::sin(w * (t - exposure)));
     for (int c = 0; c < kColumns; ++c) {
-      const double content = (0.5 + 0.2 * c) * (1.0 + 0.3 * ((r / 37 + c) % 3)) +
-                             0.05 * std::sin(r * 0.021 + c);
+      const double content =
+          (0.5 + 0.2 * c) * (1.0 + 0.3 * ((r / 37 + c) % 3)) + 0.05 * std::sin(r * 0.021 + c);
       grid[r * kColumns + c] = std::llround(2.5e6 * content * light) + (r * 7919 + k * 31) % 97;
     }
   }

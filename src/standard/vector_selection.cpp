@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Column selection: per band of windows, the steadiest column of the current frame.
-#include "standard/standard.h"
-
 #include "fixed_point.h"
+#include "standard/standard.h"
 
 namespace {
 
@@ -27,8 +26,8 @@ constexpr std::int32_t kDefaultColumn = 1;
 
 }  // namespace
 
-std::int32_t find_vector(std::int32_t* cols, std::int32_t len, std::int32_t ncols,
-                         std::int32_t thr, std::int32_t minMean) {
+std::int32_t find_vector(std::int32_t* cols, std::int32_t len, std::int32_t ncols, std::int32_t thr,
+                         std::int32_t minMean) {
   if (ncols < 1 || ncols > kMaxColumns) return kDefaultColumn;
   std::int32_t mean[kMaxColumns];
   std::int32_t count[kMaxColumns];
@@ -91,8 +90,7 @@ std::int32_t find_vector(std::int32_t* cols, std::int32_t len, std::int32_t ncol
 }
 
 // Exported for the host interface; motion is not measured here.
-std::int32_t measureMotion(const std::int32_t*, const std::int32_t*, std::uint32_t,
-                           std::int32_t) {
+std::int32_t measureMotion(const std::int32_t*, const std::int32_t*, std::uint32_t, std::int32_t) {
   return 1;
 }
 

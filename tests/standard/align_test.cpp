@@ -1,14 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 // Frame alignment: exposure bounds, flat windows, block lengths, the coarse-range rejection, the
 // strict spread tolerance and the zHDR working vectors.
-#include "standard/standard.h"
-
 #include <gtest/gtest.h>
 
 #include <cstdint>
 #include <string>
 #include <vector>
 
+#include "standard/standard.h"
 #include "support.h"
 
 namespace {
@@ -38,8 +37,8 @@ class AlignTest : public kestrel_test::LibraryTest {
     LibraryTest::TearDown();
   }
 
-  void Align(std::vector<std::int32_t>& cur, std::vector<std::int32_t>& prev,
-             std::int32_t windows, std::int32_t window_length) {
+  void Align(std::vector<std::int32_t>& cur, std::vector<std::int32_t>& prev, std::int32_t windows,
+             std::int32_t window_length) {
     ae_stable_ = align_flag_ = -1;
     std::fill(std::begin(freq_out_), std::end(freq_out_), -1);
     align_flicker(cur.data(), prev.data(), windows, window_length,
@@ -90,14 +89,15 @@ TEST_P(ExposureTest, BoundsAreInclusive) {
   }
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Cases, ExposureTest,
-    ::testing::Values(ExposureCase{"upper_bound_stable", 1400000, 0, true},
-                      ExposureCase{"one_above_upper_bound", 1400000, 1, false},
-                      ExposureCase{"lower_bound_stable", 700000, 0, true},
-                      ExposureCase{"one_below_lower_bound", 700000, -1, false},
-                      ExposureCase{"current_zero", 0, 0, false}),
-    [](const ::testing::TestParamInfo<ExposureCase>& info) { return info.param.name; });
+INSTANTIATE_TEST_SUITE_P(Cases, ExposureTest,
+                         ::testing::Values(ExposureCase{"upper_bound_stable", 1400000, 0, true},
+                                           ExposureCase{"one_above_upper_bound", 1400000, 1, false},
+                                           ExposureCase{"lower_bound_stable", 700000, 0, true},
+                                           ExposureCase{"one_below_lower_bound", 700000, -1, false},
+                                           ExposureCase{"current_zero", 0, 0, false}),
+                         [](const ::testing::TestParamInfo<ExposureCase>& info) {
+                           return info.param.name;
+                         });
 
 TEST_F(AlignTest, PreviousSumZeroIsUnstable) {
   std::vector<std::int32_t> prev(100, 0);

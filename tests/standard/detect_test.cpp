@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // Standard detection driver: geometry refusals, the line dump, the zHDR switch, the validity gate,
 // and whole frames of moving 120 Hz banding through SendCmdFlk.
-#include "standard/standard.h"
-
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -13,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "standard/standard.h"
 #include "support.h"
 
 namespace {
@@ -137,8 +136,7 @@ TEST_F(DetectTest, RefusesWithoutTablesOrGrids) {
   LogCapture log;
   EXPECT_EQ(detectFlicker_SW(nullptr, grid.data(), 1, 1, 1000, 100, 0, {}, {}, {}, nullptr), 2);
   SendCmdFlk(CMD_UNINIT, nullptr, nullptr);
-  EXPECT_EQ(detectFlicker_SW(grid.data(), grid.data(), 1, 1, 1000, 100, 0, {}, {}, {}, nullptr),
-            2);
+  EXPECT_EQ(detectFlicker_SW(grid.data(), grid.data(), 1, 1, 1000, 100, 0, {}, {}, {}, nullptr), 2);
   EXPECT_TRUE(log.Contains("[detectFlicker_SW] refused: missing statistics grid, result 2"));
   EXPECT_TRUE(log.Contains("[detectFlicker_SW] refused: no tables (INIT type 0 first), result 2"));
 }
@@ -150,8 +148,8 @@ TEST_F(DetectTest, AcceptsTheLimits) {
   struct Geometry {
     std::int32_t n_win_h, n_win_w, win_ht;
   };
-  for (const Geometry& g : {Geometry{1, 2, 53}, Geometry{10, 2, 600}, Geometry{3, 6, 2000},
-                            Geometry{1, 10, 1200}}) {
+  for (const Geometry& g :
+       {Geometry{1, 2, 53}, Geometry{10, 2, 600}, Geometry{3, 6, 2000}, Geometry{1, 10, 1200}}) {
     std::vector<std::int64_t> prev(static_cast<std::size_t>(g.n_win_h * g.n_win_w * g.win_ht),
                                    1000000);
     std::vector<std::int64_t> cur = prev;
@@ -243,12 +241,12 @@ TEST_F(DetectTest, UnstableExposureIsAnInvalidFrame) {
 // integrates 1 + depth x cos(2 pi f t) over the exposure before it. The content has edges, slow
 // shading and per-frame noise.
 struct Banding {
-  double depth = 0.3;            // light modulation depth (0: steady light)
-  double band_hz = 120.0;        // 60 Hz mains
-  double exposure = 0.01;        // s; the 50 Hz controller's exposure cancels 100 Hz only
+  double depth = 0.3;              // light modulation depth (0: steady light)
+  double band_hz = 120.0;          // 60 Hz mains
+  double exposure = 0.01;          // s; the 50 Hz controller's exposure cancels 100 Hz only
   double frame_period = 1.0 / 27;  // not a whole number of 1/120 s: the bands move
-  double noise = 0.002;          // relative, per statistic
-  bool zhdr = false;             // odd rows: a four times shorter exposure, packed words
+  double noise = 0.002;            // relative, per statistic
+  bool zhdr = false;               // odd rows: a four times shorter exposure, packed words
 };
 
 constexpr int kBands = 6;
@@ -352,14 +350,15 @@ Banding Zhdr(double depth) {
   return b;
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Scenes, EndToEndTest,
-    ::testing::Values(EndToEndCase{"depth_10_percent", WithDepth(0.1), 4},
-                      EndToEndCase{"depth_30_percent", WithDepth(0.3), 4},
-                      EndToEndCase{"depth_100_percent", WithDepth(1.0), 4},
-                      EndToEndCase{"noise_1_percent", WithNoise(0.01), 4},
-                      EndToEndCase{"zhdr_depth_10_percent", Zhdr(0.1), 2}),
-    [](const ::testing::TestParamInfo<EndToEndCase>& info) { return info.param.name; });
+INSTANTIATE_TEST_SUITE_P(Scenes, EndToEndTest,
+                         ::testing::Values(EndToEndCase{"depth_10_percent", WithDepth(0.1), 4},
+                                           EndToEndCase{"depth_30_percent", WithDepth(0.3), 4},
+                                           EndToEndCase{"depth_100_percent", WithDepth(1.0), 4},
+                                           EndToEndCase{"noise_1_percent", WithNoise(0.01), 4},
+                                           EndToEndCase{"zhdr_depth_10_percent", Zhdr(0.1), 2}),
+                         [](const ::testing::TestParamInfo<EndToEndCase>& info) {
+                           return info.param.name;
+                         });
 
 struct SteadyCase {
   const char* name;
