@@ -1,12 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 // Frame alignment: exposure check, per-window registration and the log-ratio vectors.
+#include "standard/standard.h"
+
 #include <cstdio>
 
 #include "decision/decision.h"
 #include "filterbank/filterbank.h"
 #include "fixed_point.h"
 #include "interface/interface.h"
-#include "standard/standard.h"
 
 std::int32_t cvector_current_full_working_memory[2000];
 std::int32_t cvector_prev_full_working_memory[2000];

@@ -1,8 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 // Standard detection driver: column selection, alignment and the sequential test for one frame.
+#include "standard/standard.h"
+
 #include "decision/decision.h"
 #include "interface/interface.h"
-#include "standard/standard.h"
 
 std::int32_t line_prev_working_memory[kLineVectorSize];
 std::int32_t line_curr_working_memory[kLineVectorSize];
@@ -15,10 +16,13 @@ constexpr const char* kDriver = "detectFlicker_SW";
 // border mirrors:
 // - a window is win_ht samples and the alignment copies at most 2000 of them;
 // - win_ht >= 53 gives at least 27 working samples and 14 log-ratio samples per window, enough
-//   for the 13-tap mirror of the coarse search and the 14-sample mirrors of the despike;
+//   for the 13-tap mirror of the coarse search and the 14-sample mirrors of the despike (an
+//   aligned window keeps at least 15: the searches only register windows of 58 + 2 x range rows
+//   or more, and drop shifts beyond the range);
 // - find_vector keeps ten columns, align_flicker ten windows;
 // - one band transposed (win_ht x n_win_w) fills at most the 12000-entry column buffer, and the
 //   line vectors hold 6000 rows;
+// - the frequency estimators read one table column per log-ratio sample;
 // - the zHDR counters hold 12 windows.
 constexpr std::int32_t kMinWinHt = 53;
 constexpr std::int32_t kMaxWinHt = 2000;

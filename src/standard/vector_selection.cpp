@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // Column selection: per band of windows, the steadiest column of the current frame.
-#include "fixed_point.h"
 #include "standard/standard.h"
+
+#include "fixed_point.h"
 
 namespace {
 

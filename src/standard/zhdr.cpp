@@ -1,11 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 // zHDR statistics: unpacking the packed words and choosing a column and exposure per band.
+#include "standard/standard.h"
+
 #include <algorithm>
 #include <cstdio>
 
 #include "decision/decision.h"
 #include "fixed_point.h"
-#include "standard/standard.h"
 
 std::int32_t ZHDR_LE_SAT_PREV[12];
 std::int32_t ZHDR_LE_SAT_CURR[12];
