@@ -1,3 +1,152 @@
 // SPDX-License-Identifier: Apache-2.0
 // SONY frequency features: single-signal energies and the three-candidate search.
+#include <vector>
+
+#include "decision/decision.h"
+#include "fixed_point.h"
+#include "interface/interface.h"
 #include "sony/sony.h"
+#include "standard/standard.h"
+
+namespace {
+
+// Largest output of the single-signal estimate: under about 2^22, a bit below the standard's.
+constexpr std::int32_t kSingleHeadroom = 22;
+// Common scale of the three-candidate energies: the maximum is shifted under 2^22 from 2^21.
+constexpr std::int32_t kChoiceHeadroom = 21;
+// Segments whose partial sums and 3^segments energies fit the fixed scratch (27 choices).
+constexpr std::int32_t kFixedSegments = 3;
+constexpr std::int32_t kFixedChoices = 27;
+
+}  // namespace
+
+void flicker_compute_freq_SONY(std::int32_t* signal, std::int32_t length, std::int32_t* freq_out) {
+  if (g_flkTab1 == nullptr || g_flkTab2 == nullptr || length > g_flkTabW) {
+    LogRefusalFlk("flicker_compute_freq_SONY", "%d samples past the tables' %d columns", length,
+                  g_flkTab1 == nullptr ? 0 : g_flkTabW);
+    return;
+  }
+  std::int64_t energies[9];
+  flicker_energies(signal, length, energies);
+  flicker_energies_to_features(energies, kSingleHeadroom, freq_out);
+}
+
+void flicker_compute_freq_3x_SONY(std::int32_t* version_a, std::int32_t* version_b,
+                                  std::int32_t* version_c, std::int32_t segment_count,
+                                  std::int32_t segment_length, std::int32_t* freq_out) {
+  const std::int64_t span = std::int64_t{segment_count} * segment_length;
+  if (segment_count > kSonyMaxWindows || g_flkTab1 == nullptr || g_flkTab2 == nullptr ||
+      span > g_flkTabW) {
+    LogRefusalFlk("flicker_compute_freq_3x_SONY",
+                  "%d segments of %d samples (at most %d segments within the tables' %d columns)",
+                  segment_count, segment_length, kSonyMaxWindows,
+                  g_flkTab1 == nullptr ? 0 : g_flkTabW);
+    return;
+  }
+  const std::int32_t segments = segment_count < 1 ? 0 : segment_count;
+  std::uint32_t choices = 1;
+  for (std::int32_t i = 0; i < segments; ++i) choices *= 3;
+  const std::int32_t total = segment_count * segment_length;
+  const std::int32_t b = fx::bit_count(total < 0 ? 0u : static_cast<std::uint64_t>(total));
+
+  // Partial sums by frequency, then segment and version (index 3 x segment + version).
+  const std::int32_t* versions[3] = {version_a, version_b, version_c};
+  std::int64_t fixed_part[2 * 9 * 3 * kFixedSegments];
+  std::vector<std::int64_t> wide_part;
+  std::int64_t* part_cos = fixed_part;
+  if (segments > kFixedSegments) {
+    wide_part.resize(2 * 9 * 3 * static_cast<std::size_t>(segments));
+    part_cos = wide_part.data();
+  }
+  std::int64_t* const part_sin = part_cos + 9 * 3 * segments;
+  const std::int32_t stride = 3 * segments;
+  for (std::int32_t k = 0; k < 9; ++k) {
+    for (std::int32_t i = 0; i < segments; ++i) {
+      const std::int32_t start = i * segment_length;
+      for (std::int32_t v = 0; v < 3; ++v) {
+        std::int64_t re = 0;
+        std::int64_t im = 0;
+        if (segment_length >= 1) {
+          flicker_partial_sums(versions[v] + start, segment_length, k, start, re, im);
+        }
+        part_cos[k * stride + 3 * i + v] = re;
+        part_sin[k * stride + 3 * i + v] = im;
+      }
+    }
+  }
+
+  // Choice q picks version (digit i of q in base 3) for segment i, segment 0 least significant.
+  // Its sums are those of its low `low_segments` digits plus those of its high digits, each half
+  // tabulated once: two additions per choice and frequency instead of one per segment (exact,
+  // 64-bit sums of at most ten partial sums).
+  const std::int32_t low_segments = segments / 2;
+  std::uint32_t low_choices = 1;
+  for (std::int32_t i = 0; i < low_segments; ++i) low_choices *= 3;
+  const std::uint32_t high_choices = choices / low_choices;
+  std::int64_t fixed_half[2 * 9 * (3 + 9)];  // up to three segments: 3 low and 9 high choices
+  std::int64_t fixed_energy[9 * kFixedChoices];
+  std::vector<std::int64_t> wide_half;
+  std::vector<std::int64_t> wide_energy;
+  std::int64_t* low_cos = fixed_half;
+  std::int64_t* energy = fixed_energy;
+  if (segments > kFixedSegments) {
+    wide_half.resize(2 * 9 * static_cast<std::size_t>(low_choices + high_choices));
+    wide_energy.resize(9 * static_cast<std::size_t>(choices));
+    low_cos = wide_half.data();
+    energy = wide_energy.data();
+  }
+  std::int64_t* const low_sin = low_cos + 9 * low_choices;
+  std::int64_t* const high_cos = low_sin + 9 * low_choices;
+  std::int64_t* const high_sin = high_cos + 9 * high_choices;
+  auto tabulate = [&](std::int32_t first, std::int32_t count, std::uint32_t n,
+                      std::int64_t* cos_out, std::int64_t* sin_out) {
+    std::int32_t digit[kSonyMaxWindows] = {};
+    for (std::uint32_t a = 0; a < n; ++a) {
+      for (std::int32_t k = 0; k < 9; ++k) {
+        std::int64_t re = 0;
+        std::int64_t im = 0;
+        for (std::int32_t i = 0; i < count; ++i) {
+          re += part_cos[k * stride + 3 * (first + i) + digit[i]];
+          im += part_sin[k * stride + 3 * (first + i) + digit[i]];
+        }
+        cos_out[k * n + a] = re;
+        sin_out[k * n + a] = im;
+      }
+      for (std::int32_t i = 0; i < count; ++i) {
+        if (++digit[i] < 3) break;
+        digit[i] = 0;
+      }
+    }
+  };
+  tabulate(0, low_segments, low_choices, low_cos, low_sin);
+  tabulate(low_segments, segments - low_segments, high_choices, high_cos, high_sin);
+
+  std::int64_t largest = 0;
+  for (std::uint32_t h = 0; h < high_choices; ++h) {
+    for (std::uint32_t a = 0; a < low_choices; ++a) {
+      std::int64_t* const e = energy + 9 * (h * low_choices + a);
+      for (std::int32_t k = 0; k < 9; ++k) {
+        const std::int64_t re = fx::rshift_round64(
+            low_cos[k * low_choices + a] + high_cos[k * high_choices + h], b - 1);
+        const std::int64_t im = fx::rshift_round64(
+            low_sin[k * low_choices + a] + high_sin[k * high_choices + h], b - 1);
+        e[k] = fx::wrap_add64(fx::wrap_mul64(re, re), fx::wrap_mul64(im, im));
+        if (e[k] > largest) largest = e[k];
+      }
+    }
+  }
+  flicker_scale_candidates(energy, static_cast<std::int32_t>(9 * choices), largest,
+                           kChoiceHeadroom);
+
+  // The best frame score wins; ties keep the earlier choice (version_a everywhere first).
+  std::int32_t best = INT32_MIN;
+  for (std::uint32_t q = 0; q < choices; ++q) {
+    std::int32_t scratch[9];
+    for (std::int32_t k = 0; k < 9; ++k) scratch[k] = fx::low32(energy[q * 9 + k]);
+    const std::int32_t score = get_current_llr(scratch, 9);
+    if (score > best) {
+      for (std::int32_t k = 0; k < 9; ++k) freq_out[k] = scratch[k];
+      best = score;
+    }
+  }
+}
