@@ -318,17 +318,22 @@ struct EndToEndCase {
   const char* name;
   Banding banding;
   int columns;
+  std::int32_t state;  // SET_STATE before the first frame
 };
 
 class EndToEndTest : public DetectTest, public ::testing::WithParamInterface<EndToEndCase> {};
 
-// Three valid frames are the fewest the sequential test decides on; moving 120 Hz bands make the
-// third frame report 60 Hz, and the switch repeats until the host confirms it.
-TEST_P(EndToEndTest, MovingBandsSwitchTo60HzOnTheThirdFrame) {
+// Three valid frames are the fewest the sequential test decides on; bands of the other mains
+// frequency that move between frames make the third frame report it, and the switch repeats until
+// the host confirms it.
+TEST_P(EndToEndTest, MovingBandsSwitchOnTheThirdFrame) {
   const EndToEndCase& c = GetParam();
   is_zhdr = c.banding.zhdr ? 1 : 0;
+  SetState(c.state);
   const std::vector<std::int32_t> results = RunFrames(c.banding, 6, c.columns);
-  const std::vector<std::int32_t> expected = {2, 2, 3, 3, 3, 3};
+  const std::vector<std::int32_t> expected = c.state == 0
+                                                 ? std::vector<std::int32_t>{2, 2, 3, 3, 3, 3}
+                                                 : std::vector<std::int32_t>{3, 3, 2, 2, 2, 2};
   EXPECT_EQ(results, expected);
   EXPECT_EQ(g_queueCount, 6);  // every frame was valid
 }
@@ -349,16 +354,24 @@ Banding Zhdr(double depth) {
   b.zhdr = true;
   return b;
 }
+// 50 Hz mains seen by a controller in the 60 Hz state (exposure 1/120 s cancels 120 Hz only).
+Banding Mains50(double depth) {
+  Banding b;
+  b.depth = depth;
+  b.band_hz = 100.0;
+  b.exposure = 1.0 / 120;
+  return b;
+}
 
-INSTANTIATE_TEST_SUITE_P(Scenes, EndToEndTest,
-                         ::testing::Values(EndToEndCase{"depth_10_percent", WithDepth(0.1), 4},
-                                           EndToEndCase{"depth_30_percent", WithDepth(0.3), 4},
-                                           EndToEndCase{"depth_100_percent", WithDepth(1.0), 4},
-                                           EndToEndCase{"noise_1_percent", WithNoise(0.01), 4},
-                                           EndToEndCase{"zhdr_depth_10_percent", Zhdr(0.1), 2}),
-                         [](const ::testing::TestParamInfo<EndToEndCase>& info) {
-                           return info.param.name;
-                         });
+INSTANTIATE_TEST_SUITE_P(
+    Scenes, EndToEndTest,
+    ::testing::Values(EndToEndCase{"depth_10_percent", WithDepth(0.1), 4, 0},
+                      EndToEndCase{"depth_30_percent", WithDepth(0.3), 4, 0},
+                      EndToEndCase{"depth_100_percent", WithDepth(1.0), 4, 0},
+                      EndToEndCase{"noise_1_percent", WithNoise(0.01), 4, 0},
+                      EndToEndCase{"zhdr_depth_10_percent", Zhdr(0.1), 2, 0},
+                      EndToEndCase{"mains_50_in_60_state", Mains50(0.3), 4, 1}),
+    [](const ::testing::TestParamInfo<EndToEndCase>& info) { return info.param.name; });
 
 struct SteadyCase {
   const char* name;

@@ -79,16 +79,6 @@ TEST(FindVectorTest, CentresColumnsInPlace) {
   EXPECT_EQ(cols, (std::vector<std::int32_t>{-10, 0, 10, 23, -12, -10}));
 }
 
-TEST(FindVectorTest, FourParameterVariantUsesTheDarkBound) {
-  std::vector<std::int32_t> cols = {358399, 357899, 358899, 357899, 358899,
-                                    100,    -400,   600,    100,    100};
-  EXPECT_EQ(find_vector(cols.data(), 5, 2, 100), 0);
-}
-
-TEST(MeasureMotionTest, ReturnsOne) {
-  EXPECT_EQ(measureMotion(nullptr, nullptr, 0, 0), 1);
-}
-
 // win_ht 20: every eighth row (0 and 8) of each column is examined. Column 0 is wild on the
 // other rows, column 1's only pair (column 0's row 8 against its row 0) swings: column 0 is kept.
 TEST(VectorSelectionTest, DecimatesEveryEighthRowAndCopiesBothFrames) {
