@@ -37,7 +37,7 @@ constexpr std::uint64_t kCountMask = 0xFFF;
 constexpr std::int32_t kWordBeforeSequences = 0;
 
 constexpr std::int32_t kNoValue = 1 << 30;  // "no candidate yet" of the value and crossing scans
-constexpr std::int32_t kFallbackCandidate = 2;
+constexpr std::int32_t kFallbackCandidate = 2;  // no usable flagged candidate: column 1, even rows
 constexpr std::int32_t kInitialSelection = 1;  // column 0, odd rows
 constexpr std::int32_t kCrossingThreshold = 2560;
 constexpr std::int32_t kBrightMean = 335544;
@@ -105,7 +105,7 @@ std::int32_t find_vector_zHDR(std::int32_t* seqs, std::int32_t len, std::int32_t
   for (std::int32_t k = 0; k < count; ++k) {
     if (flags[k] == 0) continue;
     std::int32_t* seq = seqs + static_cast<std::int64_t>(k) * len;
-    std::int32_t sum = 0;  // 32-bit on purpose: wraps like the detectors always have
+    std::int32_t sum = 0;  // 32-bit sum, wrapping on purpose
     for (std::int32_t i = 0; i < len; ++i) sum = fx::wrap_add32(sum, seq[i]);
     mean[k] = fx::div_trunc(sum, len);
     for (std::int32_t i = 0; i < len; ++i) seq[i] = fx::wrap_sub32(seq[i], mean[k]);
