@@ -1,13 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 // Logging and debug controls: the three log flags, PrintLogFlk and its sinks, system properties
 // and the small exported host utilities.
-#include "interface/interface.h"
-
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <string>
+
+#include "interface/interface.h"
 
 #ifdef __ANDROID__
 #include <android/log.h>
@@ -34,26 +34,29 @@ extern "C" int PrintLogFlk(const char* fmt, ...) {
 #ifdef __ANDROID__
   const int result = __android_log_vprint(kLogPriorityDebug, kLogTag, fmt, args);
 #else
-  // One formatted message per call; long messages (line dumps) fit in the first try.
+  // Formatted on the stack: the per-frame lines must not allocate. Only a message longer than
+  // the buffer (never one of the library's own) goes to the heap.
   char buffer[1024];
   va_list again;
   va_copy(again, args);
   const int needed = std::vsnprintf(buffer, sizeof buffer, fmt, args);
-  std::string text;
-  if (needed >= static_cast<int>(sizeof buffer)) {
-    text.resize(static_cast<std::size_t>(needed) + 1);
-    std::vsnprintf(text.data(), text.size(), fmt, again);
-    text.resize(static_cast<std::size_t>(needed));
-  } else if (needed >= 0) {
-    text.assign(buffer, static_cast<std::size_t>(needed));
+  std::string long_text;
+  const char* text = buffer;
+  if (needed < 0) {
+    buffer[0] = '\0';
+  } else if (needed >= static_cast<int>(sizeof buffer)) {
+    long_text.resize(static_cast<std::size_t>(needed) + 1);
+    std::vsnprintf(long_text.data(), long_text.size(), fmt, again);
+    text = long_text.c_str();
   }
   va_end(again);
   int result = needed;
   if (g_logSink != nullptr) {
-    g_logSink(kLogPriorityDebug, kLogTag, text.c_str());
+    g_logSink(kLogPriorityDebug, kLogTag, text);
   } else {
-    const bool has_newline = !text.empty() && text.back() == '\n';
-    result = std::fprintf(stderr, "D %s%s%s", kLogTag, text.c_str(), has_newline ? "" : "\n");
+    const std::size_t length = std::strlen(text);
+    const bool has_newline = length > 0 && text[length - 1] == '\n';
+    result = std::fprintf(stderr, "D %s%s%s", kLogTag, text, has_newline ? "" : "\n");
   }
 #endif
   va_end(args);
@@ -94,9 +97,13 @@ std::int32_t set_log_level(FlkLogPara* para) {
   return set_log(g_logFlow);
 }
 
-void setFlkPause(std::int32_t pause) { FLKPAUSE = pause; }
+void setFlkPause(std::int32_t pause) {
+  FLKPAUSE = pause;
+}
 
-std::int32_t getFlkPause() { return FLKPAUSE; }
+std::int32_t getFlkPause() {
+  return FLKPAUSE;
+}
 
 void setLMVcnt(std::uint32_t) {}
 

@@ -1,13 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 // Frequency estimation: energies at the nine candidate frequencies, junction interpolation and the
 // two-candidate robust estimate.
-#include "standard/standard.h"
-
-#include <vector>
-
 #include "decision/decision.h"
 #include "fixed_point.h"
 #include "interface/interface.h"
+#include "standard/standard.h"
 
 void flicker_partial_sums(const std::int32_t* signal, std::int32_t length, std::int32_t k,
                           std::int32_t column, std::int64_t& re, std::int64_t& im) {
@@ -91,13 +88,12 @@ void flicker_interpolation(std::int32_t* signal, std::int32_t* segment_lengths,
 namespace {
 
 // Segments of one robust estimate: the alignment splits a frame into at most kMaxWindows, so
-// 2^16 version choices (9 x 65536 energies, 4.5 MB) is far beyond any real call.
+// 2^16 version choices is far beyond any real call.
 constexpr std::int32_t kMaxRobustSegments = 16;
 
 // True when samples [first, first + length) sit inside the trigonometric tables.
 bool inside_tables(std::int32_t first, std::int64_t length) {
-  return g_flkTab1 != nullptr && g_flkTab2 != nullptr && first >= 0 &&
-         first + length <= g_flkTabW;
+  return g_flkTab1 != nullptr && g_flkTab2 != nullptr && first >= 0 && first + length <= g_flkTabW;
 }
 
 }  // namespace
@@ -117,6 +113,18 @@ void flicker_compute_freq(std::int32_t* signal, std::int32_t length, std::int32_
   // Largest energy under 2^23 after one shift common to all nine, so their ratios survive.
   flicker_energies_to_features(energies, 23, freq_out);
 }
+
+namespace {
+
+// Per-half choice sums of the robust estimate, for up to half of its segment limit each.
+struct HalfSums {
+  std::int64_t re[9][1 << ((kMaxRobustSegments + 1) / 2)];
+  std::int64_t im[9][1 << ((kMaxRobustSegments + 1) / 2)];
+};
+HalfSums g_robustLow;
+HalfSums g_robustHigh;
+
+}  // namespace
 
 void flicker_compute_freq_robust(std::int32_t* version_a, std::int32_t* version_b,
                                  std::int32_t segment_count, std::int32_t* segment_lengths,
@@ -148,50 +156,73 @@ void flicker_compute_freq_robust(std::int32_t* version_a, std::int32_t* version_
   const std::int32_t b = total_len < 1 ? 1 : fx::bit_count(static_cast<std::uint64_t>(total_len));
 
   const std::int32_t masks = std::int32_t{1} << segments;
-  // Energies of every version choice q (bit i set: version A for segment i), nine per choice.
-  std::vector<std::int64_t> energies(static_cast<std::size_t>(masks) * 9, 0);
-  std::int64_t cos_a[kMaxRobustSegments], sin_a[kMaxRobustSegments];
-  std::int64_t cos_b[kMaxRobustSegments], sin_b[kMaxRobustSegments];
+  // Cosine and sine sums of each segment, both versions, every frequency: a choice's energies are
+  // rebuilt from them by additions only, so nothing of size 2^segments is stored.
+  std::int64_t cos_a[9][kMaxRobustSegments], sin_a[9][kMaxRobustSegments];
+  std::int64_t cos_b[9][kMaxRobustSegments], sin_b[9][kMaxRobustSegments];
   for (std::int32_t k = 0; k < 9; ++k) {
     std::int32_t pos = 0;
     for (std::int32_t i = 0; i < segments; ++i) {
       const std::int32_t len = segment_lengths[i];
-      cos_a[i] = sin_a[i] = cos_b[i] = sin_b[i] = 0;
+      cos_a[k][i] = sin_a[k][i] = cos_b[k][i] = sin_b[k][i] = 0;
       if (len >= 1) {
         // The table column is the position in the whole signal: phases run on across segments.
-        flicker_partial_sums(version_b + pos, len, k, pos, cos_b[i], sin_b[i]);
-        flicker_partial_sums(version_a + pos, len, k, pos, cos_a[i], sin_a[i]);
+        flicker_partial_sums(version_b + pos, len, k, pos, cos_b[k][i], sin_b[k][i]);
+        flicker_partial_sums(version_a + pos, len, k, pos, cos_a[k][i], sin_a[k][i]);
       }
       pos += len;
     }
-    for (std::int32_t q = 0; q < masks; ++q) {
-      std::int64_t re = 0;
-      std::int64_t im = 0;
-      for (std::int32_t i = 0; i < segments; ++i) {
-        const bool a = (q >> i) & 1;
-        re += a ? cos_a[i] : cos_b[i];
-        im += a ? sin_a[i] : sin_b[i];
+  }
+  // Sums of every choice over the low and the high half of the segments, tabulated once, so a
+  // choice q (bit i set: version A for segment i) costs two additions per frequency.
+  const std::int32_t low_bits = segments / 2;
+  const std::int32_t high_bits = segments - low_bits;
+  const auto tabulate = [&](std::int32_t first, std::int32_t bits, HalfSums& half) {
+    for (std::int32_t k = 0; k < 9; ++k) {
+      for (std::int32_t h = 0; h < (std::int32_t{1} << bits); ++h) {
+        std::int64_t re = 0;
+        std::int64_t im = 0;
+        for (std::int32_t j = 0; j < bits; ++j) {
+          const bool a = (h >> j) & 1;
+          re += a ? cos_a[k][first + j] : cos_b[k][first + j];
+          im += a ? sin_a[k][first + j] : sin_b[k][first + j];
+        }
+        half.re[k][h] = re;
+        half.im[k][h] = im;
       }
-      re = fx::rshift_round64(re, b - 1);
-      im = fx::rshift_round64(im, b - 1);
-      energies[static_cast<std::size_t>(q) * 9 + k] =
-          fx::wrap_add64(fx::wrap_mul64(re, re), fx::wrap_mul64(im, im));
+    }
+  };
+  tabulate(0, low_bits, g_robustLow);
+  tabulate(low_bits, high_bits, g_robustHigh);
+  const std::int32_t low_mask = (std::int32_t{1} << low_bits) - 1;
+  const auto choice_energies = [&](std::int32_t q, std::int64_t* energies) {
+    const std::int32_t lo = q & low_mask;
+    const std::int32_t hi = q >> low_bits;
+    for (std::int32_t k = 0; k < 9; ++k) {
+      const std::int64_t re =
+          fx::rshift_round64(g_robustLow.re[k][lo] + g_robustHigh.re[k][hi], b - 1);
+      const std::int64_t im =
+          fx::rshift_round64(g_robustLow.im[k][lo] + g_robustHigh.im[k][hi], b - 1);
+      energies[k] = fx::wrap_add64(fx::wrap_mul64(re, re), fx::wrap_mul64(im, im));
+    }
+  };
+
+  std::int64_t energies[9];
+  std::int64_t largest = -1;
+  for (std::int32_t q = 0; q < masks; ++q) {
+    choice_energies(q, energies);
+    for (const std::int64_t e : energies) {
+      if (e > largest) largest = e;
     }
   }
-
-  std::int64_t largest = -1;
-  for (const std::int64_t e : energies) {
-    if (e > largest) largest = e;
-  }
-  // One shift less than the single estimate's threshold: the largest ends under 2^23 as well.
-  flicker_scale_candidates(energies.data(), masks * 9, largest, 22);
 
   std::int32_t best_score = 0;
   std::int32_t scratch[9];
   for (std::int32_t q = 0; q < masks; ++q) {
-    for (std::int32_t k = 0; k < 9; ++k) {
-      scratch[k] = fx::low32(energies[static_cast<std::size_t>(q) * 9 + k]);
-    }
+    choice_energies(q, energies);
+    // One shift less than the single estimate's threshold: the largest ends under 2^23 as well.
+    flicker_scale_candidates(energies, 9, largest, 22);
+    for (std::int32_t k = 0; k < 9; ++k) scratch[k] = fx::low32(energies[k]);
     const std::int32_t score = get_current_llr(scratch, 9);
     // Strictly greater only: the lowest mask (version B everywhere first) wins ties.
     if (q == 0 || score > best_score) {
