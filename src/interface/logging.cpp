@@ -1,13 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 // Logging and debug controls: the three log flags, PrintLogFlk and its sinks, system properties
 // and the small exported host utilities.
+#include "interface/interface.h"
+
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <string>
-
-#include "interface/interface.h"
 
 #ifdef __ANDROID__
 #include <android/log.h>

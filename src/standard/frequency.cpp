@@ -1,10 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 // Frequency estimation: energies at the nine candidate frequencies, junction interpolation and the
 // two-candidate robust estimate.
+#include "standard/standard.h"
+
 #include "decision/decision.h"
 #include "fixed_point.h"
 #include "interface/interface.h"
-#include "standard/standard.h"
 
 void flicker_partial_sums(const std::int32_t* signal, std::int32_t length, std::int32_t k,
                           std::int32_t column, std::int64_t& re, std::int64_t& im) {
