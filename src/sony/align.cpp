@@ -1,9 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 // SONY sub-pixel alignment: quarter-sample shifts scored on Laplacians of the log vectors.
+#include "sony/sony.h"
+
 #include "decision/decision.h"
 #include "fixed_point.h"
 #include "interface/interface.h"
-#include "sony/sony.h"
 #include "standard/standard.h"
 
 std::int32_t ovector_out_tmp_working_memory[2000];

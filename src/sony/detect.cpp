@@ -1,12 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 // SONY detection driver: tone curve, width scaling, column selection and the sequential test.
+#include "sony/sony.h"
+
 #include <cstdio>
 #include <vector>
 
 #include "decision/decision.h"
 #include "fixed_point.h"
 #include "interface/interface.h"
-#include "sony/sony.h"
 #include "standard/standard.h"
 
 namespace {
@@ -145,6 +146,12 @@ void SGG_adaptive_SONY(std::int32_t* in, std::int32_t* out, std::int32_t n, std:
 
 std::int32_t find_vector_SONY(std::int32_t* cols, std::int32_t len, std::int32_t ncols,
                               std::int32_t thr, std::int32_t minMean) {
+  return flicker_choose_column(cols, len, ncols, thr, minMean, -1);
+}
+
+std::int32_t flicker_choose_column(std::int32_t* cols, std::int32_t len, std::int32_t ncols,
+                                   std::int32_t thr, std::int32_t minMean,
+                                   std::int32_t reference) {
   if (ncols < 1) return 1;
   // The driver passes at most kSonyMaxColumns; other callers may pass more.
   std::int32_t fixed_mean[kSonyMaxColumns];
@@ -187,6 +194,11 @@ std::int32_t find_vector_SONY(std::int32_t* cols, std::int32_t len, std::int32_t
     const std::int32_t margin = len / 30;
     std::int32_t best_count = 0x7fffffff;
     std::int32_t best_mean = 0;
+    if (reference >= 0 && reference < ncols) {
+      best_count = count[reference];
+      best_mean = mean[reference];
+    }
+    // The answer starts at column 1 whatever the reference: when no column beats it, column 1.
     std::int32_t result = 1;
     for (std::int32_t c = 0; c < ncols; ++c) {
       if (count[c] < fx::wrap_sub32(best_count, margin) &&

@@ -1,11 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 // SONY frequency features: single-signal energies and the three-candidate search.
+#include "sony/sony.h"
+
 #include <vector>
 
 #include "decision/decision.h"
 #include "fixed_point.h"
 #include "interface/interface.h"
-#include "sony/sony.h"
 #include "standard/standard.h"
 
 namespace {

@@ -33,6 +33,14 @@ void SGG_adaptive_SONY(std::int32_t* in, std::int32_t* out, std::int32_t n, std:
                        std::int32_t outBits);
 std::int32_t find_vector_SONY(std::int32_t* cols, std::int32_t len, std::int32_t ncols,
                               std::int32_t thr, std::int32_t minMean);
+// The column choice of the sub-pixel pipelines: per column the mean (subtracted in place) and
+// the sign swings across +-thr between neighbouring rows; the quietest column that is not much
+// darker wins, unless all counts are equal or all means below minMean (then the brightest). The
+// search starts from the reference column's count and mean (-1: from no reference), and from
+// result 1 either way.
+std::int32_t flicker_choose_column(std::int32_t* cols, std::int32_t len, std::int32_t ncols,
+                                   std::int32_t thr, std::int32_t minMean,
+                                   std::int32_t reference);
 void vector_selection_SONY(const std::int32_t* prev, const std::int32_t* cur,
                            std::int32_t n_win_h, std::int32_t n_win_w, std::int32_t win_wd,
                            std::int32_t win_ht, std::int32_t* ignored, std::int32_t* outPrev,

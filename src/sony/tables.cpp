@@ -1,5 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // SONY tables: one statistics sample per line, 10-bit log table indexed directly.
+#include "sony/sony.h"
+
 #include <cmath>
 #include <cstdlib>
 #include <limits>
@@ -7,7 +9,6 @@
 #include "decision/decision.h"
 #include "fixed_point.h"
 #include "interface/interface.h"
-#include "sony/sony.h"
 #include "standard/standard.h"
 
 namespace {
@@ -17,46 +18,10 @@ namespace {
 constexpr std::int32_t kMaxColumnLength = 65536;
 constexpr std::int32_t kMaxWindowWidth = 65536;
 
-// Rounds half away from zero to a 32-bit integer. Non-finite values (a zero clock) give 0 and
-// out-of-range ones saturate, so a bad argument never reaches an undefined conversion.
-std::int32_t round_away(double x) {
-  if (!std::isfinite(x)) return 0;
-  const double r = x >= 0.0 ? std::trunc(x + 0.5) : -std::trunc(-x + 0.5);
-  if (r >= 2147483647.0) return std::numeric_limits<std::int32_t>::max();
-  if (r <= -2147483648.0) return std::numeric_limits<std::int32_t>::min();
-  return static_cast<std::int32_t>(r);
-}
-
-// Truncation toward zero for the log entries and the logged clock, saturating like round_away.
-std::int32_t trunc_sat(double x) {
-  if (!std::isfinite(x)) return 0;
-  if (x >= 2147483647.0) return std::numeric_limits<std::int32_t>::max();
-  if (x <= -2147483648.0) return std::numeric_limits<std::int32_t>::min();
-  return static_cast<std::int32_t>(x);
-}
-
-// Range shift s: keeps the linearised range of wide windows near the narrow ones'.
-std::int32_t range_shift(std::int32_t window_width) {
-  if (window_width > 4095) return 4;
-  if (window_width > 2047) return 3;
-  if (window_width > 1023) return 2;
-  if (window_width > 511) return 1;
-  return 0;
-}
-
 // V = (half x 1023) >> s, 64-bit, stored as 32 bits: the largest scaled statistic covered.
 std::int32_t table_top(std::int32_t window_width, std::int32_t s) {
   const std::int64_t half = window_width >> 1;
   return fx::low32((half * 1024 - half) >> s);
-}
-
-void free_tables() {
-  std::free(g_flkTab1);
-  std::free(g_flkTab2);
-  std::free(g_flkCompTab);
-  g_flkTab1 = nullptr;
-  g_flkTab2 = nullptr;
-  g_flkCompTab = nullptr;
 }
 
 }  // namespace
@@ -65,11 +30,11 @@ void flicker_init_SONY(std::int32_t line_length, std::int32_t column_length,
                        std::int32_t window_width, double pclk) {
   if (g_logFlow != 0) {
     PrintLogFlk("flicker_init_SONY %d columnLen=%d winW = %d %d", line_length, column_length,
-                window_width, trunc_sat(pclk));
+                window_width, flicker_clock_for_log(pclk));
   }
   if (column_length > kMaxColumnLength || window_width < 0 || window_width > kMaxWindowWidth ||
       !std::isfinite(pclk) || pclk <= 0.0) {
-    free_tables();
+    flicker_uninit();
     LogRefusalFlk("flicker_init_SONY",
                   "column_length %d (at most %d), window_width %d (0..%d) or pclk %f (a positive "
                   "clock) out of range",
@@ -78,17 +43,17 @@ void flicker_init_SONY(std::int32_t line_length, std::int32_t column_length,
   }
   // W: column_length rounded up to a multiple of 256, at least 256.
   const std::int32_t width = ((column_length > 256 ? column_length : 256) + 255) & ~255;
-  free_tables();
+  flicker_uninit();
   g_flkTab1 = static_cast<std::int32_t*>(std::calloc(9 * static_cast<std::size_t>(width), 4));
   g_flkTab2 = static_cast<std::int32_t*>(std::calloc(9 * static_cast<std::size_t>(width), 4));
   g_flkTabW = width;
 
-  const std::int32_t s = range_shift(window_width);
+  const std::int32_t s = flicker_range_shift(window_width);
   g_valuMax = table_top(window_width, s);
   g_flkCompTab =
       static_cast<std::int32_t*>(std::calloc(static_cast<std::size_t>(g_valuMax) + 2, 4));
   if (g_flkTab1 == nullptr || g_flkTab2 == nullptr || g_flkCompTab == nullptr) {
-    free_tables();
+    flicker_uninit();
     LogRefusalFlk("flicker_init_SONY", "tables of %d columns and %d log entries not allocated",
                   width, g_valuMax + 2);
     return;
@@ -124,7 +89,7 @@ double calCompTable_SONY(std::int32_t window_width, std::int32_t* table, std::in
   if (fx::wrap_add32(top, 2) < 2) return 0.0;
 
   // An entry is 65535 x log2(x) / D.
-  const double scale = 65535.0 / divisor / 0.3010299956639812;
+  const double scale = 65535.0 / divisor / kFlickerLog10Of2;
   // Knots of the tone curve on the 0..1023 scale; the thresholds scale with half >> s, the
   // segment divisors deliberately do not.
   static constexpr std::int32_t kKnot[7] = {80, 116, 168, 249, 353, 505, 722};
@@ -146,7 +111,7 @@ double calCompTable_SONY(std::int32_t window_width, std::int32_t* table, std::in
     const std::int64_t gain = std::int64_t{512} << (seg == 0 ? 0 : seg - 1);
     const std::int64_t x = base[seg] + (gain * (v - from)) / kWidth[seg];
     last = scale * std::log10(static_cast<double>(x)) + 0.5;
-    table[i + 1] = trunc_sat(last);
+    table[i + 1] = flicker_trunc_entry(last);
   }
   return last;
 }
@@ -160,18 +125,18 @@ void calFftTable_SONY(std::int32_t line_length, std::int32_t width, std::int32_t
   double omega[kMaxRows];
   const std::int32_t rows = count < kMaxRows ? count : kMaxRows;
   for (std::int32_t k = 0; k < rows; ++k) {
-    omega[k] = (g_flickerFreq[k] * 6.28318530718 * line_length) / pclk;
+    omega[k] = (g_flickerFreq[k] * kFlickerTwoPi * line_length) / pclk;
   }
   for (std::int32_t k = 0; k < rows; ++k) {
     double n = 0.0;
     std::int32_t* row = cosTable + static_cast<std::int64_t>(k) * width;
     for (std::int32_t i = 0; i < width; ++i, n += 1.0)
-      row[i] = round_away(255.0 * std::cos(omega[k] * n));
+      row[i] = flicker_round_entry(255.0 * std::cos(omega[k] * n));
   }
   for (std::int32_t k = 0; k < rows; ++k) {
     double n = 0.0;
     std::int32_t* row = sinTable + static_cast<std::int64_t>(k) * width;
     for (std::int32_t i = 0; i < width; ++i, n += 1.0)
-      row[i] = round_away(255.0 * std::sin(omega[k] * n));
+      row[i] = flicker_round_entry(255.0 * std::sin(omega[k] * n));
   }
 }

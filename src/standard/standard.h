@@ -23,6 +23,20 @@ void calFlickerTable(std::int32_t line_length, std::int32_t column_length, doubl
                      std::int32_t* logTable);
 void flicker_uninit();
 
+// Shared by the three pipelines' table builders.
+constexpr double kFlickerTwoPi = 6.28318530718;  // 2 pi to eleven decimals: every table uses it
+constexpr double kFlickerLog10Of2 = 0.3010299956639812;
+// Range shift s of a window width: 4 above 4095 pixels, 3 above 2047, 2 above 1023, 1 above 511.
+std::int32_t flicker_range_shift(std::int32_t window_width);
+// R(x): nearest 32-bit integer, halves away from zero. Table arguments are finite and small; a
+// non-finite value gives 0 and an out-of-range one saturates, so nothing is undefined.
+std::int32_t flicker_round_entry(double x);
+// Truncation toward zero, with the same guards.
+std::int32_t flicker_trunc_entry(double x);
+// The pixel clock as the INIT lines print it: truncated; outside the 32-bit range (or not a
+// number) the lowest 32-bit value, as the hardware conversion gives.
+std::int32_t flicker_clock_for_log(double pclk);
+
 // Interpolating compand lookup L(v) of types 0 and 2: v clamped to 0..g_valuMax, linear
 // interpolation between entries v >> 12 and (v >> 12) + 1 of g_flkCompTab (32-bit arithmetic).
 inline std::int32_t flicker_compand(std::int32_t v) {

@@ -36,8 +36,16 @@ std::int32_t table_width(std::int32_t column_length) {
   return static_cast<std::int32_t>((static_cast<std::uint32_t>(c) - 1u) / 500u * 500u + 500u);
 }
 
-// s: keeps the linearised range of half a window of 16-bit samples near 2^24.
-std::int32_t range_shift(std::int32_t window_width) {
+// Largest statistic covered: (half x 65535) >> s, 64-bit, kept as 32 bits.
+std::int32_t value_max(std::int32_t window_width) {
+  const std::int64_t half = window_width >> 1;
+  return fx::low32((half * 65536 - half) >> flicker_range_shift(window_width));
+}
+
+}  // namespace
+
+// s keeps the linearised range of half a window of full-scale samples near that of a narrow one.
+std::int32_t flicker_range_shift(std::int32_t window_width) {
   if (window_width > 4095) return 4;
   if (window_width > 2047) return 3;
   if (window_width > 1023) return 2;
@@ -45,26 +53,22 @@ std::int32_t range_shift(std::int32_t window_width) {
   return 0;
 }
 
-// Largest statistic covered: (half x 65535) >> s, 64-bit, kept as 32 bits.
-std::int32_t value_max(std::int32_t window_width) {
-  const std::int64_t half = window_width >> 1;
-  return fx::low32((half * 65536 - half) >> range_shift(window_width));
+std::int32_t flicker_trunc_entry(double x) {
+  if (std::isnan(x)) return 0;
+  if (x >= 2147483647.0) return INT32_MAX;
+  if (x <= -2147483648.0) return INT32_MIN;
+  return static_cast<std::int32_t>(x);
 }
 
-// The pixel clock as the INIT line shows it: truncated toward zero; a clock outside the 32-bit
-// range (or not a number) shows as the lowest 32-bit value, as the hardware conversion gives.
-std::int32_t clock_for_log(double pclk) {
+std::int32_t flicker_round_entry(double x) {
+  if (!std::isfinite(x)) return 0;
+  return x >= 0.0 ? flicker_trunc_entry(x + 0.5) : -flicker_trunc_entry(-x + 0.5);
+}
+
+std::int32_t flicker_clock_for_log(double pclk) {
   if (!(pclk > -2147483649.0 && pclk < 2147483648.0)) return INT32_MIN;
   return static_cast<std::int32_t>(pclk);
 }
-
-// R(x): nearest integer, halves away from zero.
-std::int32_t round_half_away(double x) {
-  if (x >= 0) return static_cast<std::int32_t>(x + 0.5);
-  return -static_cast<std::int32_t>(-x + 0.5);
-}
-
-}  // namespace
 
 void flk_getTablSize(std::int32_t, std::int32_t column_length, std::int32_t* width,
                      std::int32_t* count) {
@@ -81,24 +85,24 @@ void calFlickerTable(std::int32_t line_length, std::int32_t column_length, doubl
   // the eleven-decimal one and the operation order is fixed: the tables are compared entry by
   // entry with those of other builds.
   for (std::int32_t k = 0; k < kFreqCount; ++k) {
-    const double omega4 = static_cast<double>(g_flickerFreq[k]) * 6.28318530718 * 2.0 * 2.0;
+    const double omega4 = static_cast<double>(g_flickerFreq[k]) * kFlickerTwoPi * 2.0 * 2.0;
     std::int32_t* row = cosTable + k * w;
     for (std::int32_t n = 0; n < w; ++n) {
       const double phase = omega4 * line_length * n / pclk;
-      row[n] = round_half_away(255.0 * std::cos(phase));
+      row[n] = flicker_round_entry(255.0 * std::cos(phase));
     }
   }
   for (std::int32_t k = 0; k < kFreqCount; ++k) {
-    const double omega4 = static_cast<double>(g_flickerFreq[k]) * 6.28318530718 * 2.0 * 2.0;
+    const double omega4 = static_cast<double>(g_flickerFreq[k]) * kFlickerTwoPi * 2.0 * 2.0;
     std::int32_t* row = sinTable + k * w;
     for (std::int32_t n = 0; n < w; ++n) {
       const double phase = omega4 * line_length * n / pclk;
-      row[n] = round_half_away(255.0 * std::sin(phase));
+      row[n] = flicker_round_entry(255.0 * std::sin(phase));
     }
   }
 
   const auto start = std::chrono::steady_clock::now();
-  const std::int32_t s = range_shift(window_width);
+  const std::int32_t s = flicker_range_shift(window_width);
   const std::int32_t half = window_width >> 1;
   const std::int32_t v_max = value_max(window_width);
   const std::int32_t n_entries = (v_max >> 12) + 2;
@@ -140,7 +144,7 @@ void flicker_init(std::int32_t line_length, std::int32_t column_length, std::int
                   double pclk) {
   if (g_logFlow) {
     PrintLogFlk("flicker_init %d columnLen=%d winW = %d %d", line_length, column_length,
-                window_width, clock_for_log(pclk));
+                window_width, flicker_clock_for_log(pclk));
   }
   flicker_uninit();
 

@@ -1,5 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // 2x5 sub-pixel alignment: eighth-sample shifts over overlapping segments, averaged clipped cost.
+#include "twobyfive/twobyfive.h"
+
 #include <iterator>
 
 #include "decision/decision.h"
@@ -7,7 +9,6 @@
 #include "interface/interface.h"
 #include "sony/sony.h"
 #include "standard/standard.h"
-#include "twobyfive/twobyfive.h"
 
 std::int32_t vec_log_curr_working_memory[12000];
 std::int32_t vec_log_prev_working_memory[12000];

@@ -1,10 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 // 2x5 detection driver: column selection, alignment and the score-driven sequential test.
+#include "twobyfive/twobyfive.h"
+
 #include "decision/decision.h"
 #include "fixed_point.h"
 #include "interface/interface.h"
+#include "sony/sony.h"
 #include "standard/standard.h"
-#include "twobyfive/twobyfive.h"
 
 namespace {
 
@@ -41,65 +43,9 @@ void transpose_band(const std::int32_t* band, std::int32_t rows, std::int32_t nc
 
 std::int32_t find_vector_2x5(std::int32_t* cols, std::int32_t len, std::int32_t ncols,
                              std::int32_t thr, std::int32_t minMean) {
-  if (ncols < 1) return 1;
-  std::int32_t mean[kMaxColumns];
-  std::int32_t count[kMaxColumns];
-  if (ncols > kMaxColumns) {
-    LogRefusalFlk("find_vector_2x5", "%d columns exceed %d", ncols, kMaxColumns);
-    return 1;
-  }
-  for (std::int32_t c = 0; c < ncols; ++c) {
-    std::int32_t* col = cols + c * len;
-    // 64-bit: a column of up to 12000 statistics of 32 bits.
-    std::int64_t sum = 0;
-    for (std::int32_t i = 0; i < len; ++i) sum += col[i];
-    mean[c] = fx::low32(fx::div_trunc<std::int64_t>(sum, len));
-    for (std::int32_t i = 0; i < len; ++i) col[i] = fx::wrap_sub32(col[i], mean[c]);
-    // Sign swings across the dead band, pairs taken inside the column.
-    std::int32_t swings = 0;
-    for (std::int32_t i = 1; i < len; ++i) {
-      if ((col[i - 1] < -thr && col[i] > thr) || (col[i - 1] > thr && col[i] < -thr)) ++swings;
-    }
-    count[c] = swings;
-  }
-  bool all_equal = true;
-  bool all_dark = true;
-  for (std::int32_t c = 0; c < ncols; ++c) {
-    if (count[c] != count[0]) all_equal = false;
-    if (mean[c] >= minMean) all_dark = false;
-  }
-
-  if (!all_equal && !all_dark) {
-    const std::int32_t margin = len / 30;
-    // The middle column is the reference, yet the answer starts at column 1: a frame where no
-    // column beats the middle one takes column 1.
-    std::int32_t best_count = count[ncols / 2];
-    std::int32_t best_mean = mean[ncols / 2];
-    std::int32_t result = 1;
-    for (std::int32_t c = 0; c < ncols; ++c) {
-      if (count[c] < fx::wrap_sub32(best_count, margin) &&
-          mean[c] > fx::wrap_sub32(best_mean, 51)) {
-        result = c;
-        best_count = count[c];
-        best_mean = mean[c];
-      } else if (count[c] <= fx::wrap_add32(best_count, margin) && mean[c] > best_mean) {
-        result = c;
-        best_count = count[c];
-        best_mean = mean[c];
-      }
-    }
-    return result;
-  }
-
-  std::int32_t result = 1;
-  std::int32_t brightest = 0;
-  for (std::int32_t c = 0; c < ncols; ++c) {
-    if (mean[c] > brightest) {
-      brightest = mean[c];
-      result = c;
-    }
-  }
-  return result;
+  // The middle column is the reference, yet the answer starts at column 1: a frame where no
+  // column beats the middle one takes column 1.
+  return flicker_choose_column(cols, len, ncols, thr, minMean, ncols / 2);
 }
 
 void vector_selection_2x5(const std::int32_t* prev, const std::int32_t* cur, std::int32_t n_win_h,

@@ -1,10 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 // 2x5 frequency features: single-signal energies, the length-normalised three-candidate search.
+#include "twobyfive/twobyfive.h"
+
 #include "decision/decision.h"
 #include "fixed_point.h"
 #include "interface/interface.h"
 #include "standard/standard.h"
-#include "twobyfive/twobyfive.h"
 
 namespace {
 
