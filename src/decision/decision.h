@@ -45,6 +45,22 @@ void reset_flicker_queue();
 // Frame score in Q8 of n features: positive favours the other mains frequency.
 std::int32_t get_current_llr(const std::int32_t* f, std::uint32_t n);
 
+// The scoring steps shared by get_current_llr and test_next_frame.
+// Index into freq_out of the feature scored in the current state (any non-zero state is 60 Hz).
+std::int32_t flicker_scored_index();
+// Mean of the features other than k, each clamped to +-2^26, their 32-bit sum divided unsigned by
+// n - 1 (0 when n - 1 is 0): a negative sum gives a large quotient, deliberately.
+std::int32_t flicker_other_mean(const std::int32_t* f, std::uint32_t n, std::int32_t k);
+struct FlkScoreTerms {
+  std::int32_t z;      // relative deviation of the scored feature, Q8
+  std::int32_t t_own;  // |likelihood term| of the current hypothesis
+  std::int32_t t_other;
+  std::int32_t score;  // Q8, positive favours the other hypothesis
+};
+// Scores feature k against the divisor m (>= 1).
+FlkScoreTerms flicker_score_terms(const std::int32_t* f, std::uint32_t n, std::int32_t k,
+                                  std::int32_t m);
+
 // Scores the frame, queues the score and returns the result code (2, 3 or g_flickerResult).
 std::int32_t test_next_frame(const std::int32_t* freq_out, std::uint32_t n, std::int8_t is_valid,
                              std::uint32_t max_past);

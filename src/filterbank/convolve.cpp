@@ -2,19 +2,163 @@
 // The filter bank's kernels: border extension, dilated correlation, rounding shift.
 #include "filterbank/filterbank.h"
 
+#include "fixed_point.h"
+
 std::int32_t convolve_analysis_working_memory_32[kFilterWorkSize];
 std::int64_t convolve_analysis_working_memory_64[kFilterWorkSize];
 std::int32_t convolve_synthesis_working_memory_32[kFilterWorkSize];
 std::int64_t convolve_synthesis_working_memory_64[kFilterWorkSize];
 
-// Placeholders until the kernels land.
-void convolve_analysis(std::int32_t*, std::int32_t, std::int32_t*, std::int32_t*, std::int32_t,
-                       std::int32_t, std::int32_t, std::int32_t, std::int32_t) {}
-void convolve_analysis(std::int64_t*, std::int32_t, std::int64_t*, std::int32_t*, std::int32_t,
-                       std::int32_t, std::int32_t, std::int32_t, std::int32_t) {}
-void convolve_synthesis(std::int32_t*, std::int32_t, std::int32_t*, std::int32_t*, std::int32_t,
-                        std::int32_t, std::int32_t, std::int32_t) {}
-void convolve_synthesis(std::int64_t*, std::int32_t, std::int64_t*, std::int32_t*, std::int32_t,
-                        std::int32_t, std::int32_t, std::int32_t) {}
-void convolve_synthesis_32_to_64_2x5(std::int32_t*, std::int32_t, std::int64_t*, std::int32_t*,
-                                     std::int32_t, std::int32_t, std::int32_t, std::int32_t) {}
+namespace {
+
+// Border extensions. Analysis always mirrors half-sample symmetrically (the edge sample repeats);
+// synthesis does so only for symmetric tap layouts. The antisymmetric synthesis filter at d >= 2
+// mirrors with negation on both sides; at d = 1 the two sides differ on purpose: the left side
+// inserts a zero before the negated mirror, the right side skips the edge sample instead.
+enum class Border { kSymmetric, kAntisymmetric, kZeroInsert };
+
+// Sample arithmetic in the kernel's width: 32-bit wraps deliberately, 64-bit cannot overflow for
+// statistics-range inputs but goes through the same wrapping helpers so nothing is undefined.
+inline std::int32_t Negate(std::int32_t v) { return fx::wrap_neg32(v); }
+inline std::int64_t Negate(std::int64_t v) { return fx::wrap_mul64(v, -1); }
+inline std::int32_t MulAdd(std::int32_t acc, std::int32_t tap, std::int32_t v) {
+  return fx::wrap_add32(acc, fx::wrap_mul32(tap, v));
+}
+inline std::int64_t MulAdd(std::int64_t acc, std::int32_t tap, std::int64_t v) {
+  return fx::wrap_add64(acc, fx::wrap_mul64(tap, v));
+}
+inline std::int32_t RoundShift(std::int32_t v, std::int32_t s) { return fx::rshift_round32(v, s); }
+inline std::int64_t RoundShift(std::int64_t v, std::int32_t s) { return fx::rshift_round64(v, s); }
+
+struct Layout {
+  std::int32_t left_pad;
+  std::int32_t right_pad;
+  bool centred;  // c = 0: no half-dilation offset of the centre tap
+};
+
+// Centre offset c = d >> 1 (negated when R > L) for asymmetric filters; pads P = dL - c and
+// Q = dR + c.
+Layout LayoutOf(std::int32_t L, std::int32_t R, std::int32_t d) {
+  std::int32_t c = 0;
+  if (L != R) {
+    c = d >> 1;
+    if (R > L) c = -c;
+  }
+  return {d * L - c, d * R + c, c == 0};
+}
+
+// An extended copy longer than the working memory, negative tap counts, dilations or shifts are
+// never asked for by the pipelines; such calls write nothing.
+template <typename W>
+bool Acceptable(std::int32_t n, std::int32_t L, std::int32_t R, std::int32_t d, std::int32_t s,
+                const Layout& layout) {
+  constexpr std::int32_t kMaxShift = static_cast<std::int32_t>(sizeof(W) * 8 - 2);
+  if (n < 1 || L < 0 || R < 0 || d < 0 || s < 0 || s > kMaxShift) return false;
+  if (layout.left_pad < 0 || layout.right_pad < 0) return false;
+  return static_cast<std::int64_t>(layout.left_pad) + n + layout.right_pad <= kFilterWorkSize;
+}
+
+// Mirror source index kept inside the signal: only a signal shorter than its pad needs this, and
+// there the edge sample is repeated instead of reading past the input.
+inline std::int32_t Inside(std::int32_t i, std::int32_t n) { return fx::clamp32(i, 0, n - 1); }
+
+// Fills work[0 .. P + n + Q - 1] with the border-extended input.
+template <typename In, typename W>
+void Extend(const In* x, std::int32_t n, W* work, const Layout& layout, Border border) {
+  const std::int32_t P = layout.left_pad;
+  const std::int32_t Q = layout.right_pad;
+  for (std::int32_t j = 0; j < n; ++j) work[P + j] = static_cast<W>(x[j]);
+  switch (border) {
+    case Border::kSymmetric:
+      for (std::int32_t m = 0; m < P; ++m) work[P - 1 - m] = static_cast<W>(x[Inside(m, n)]);
+      for (std::int32_t m = 0; m < Q; ++m) {
+        work[P + n + m] = static_cast<W>(x[Inside(n - 1 - m, n)]);
+      }
+      break;
+    case Border::kAntisymmetric:
+      for (std::int32_t m = 0; m < P; ++m) {
+        work[P - 1 - m] = Negate(static_cast<W>(x[Inside(m, n)]));
+      }
+      for (std::int32_t m = 0; m < Q; ++m) {
+        work[P + n + m] = Negate(static_cast<W>(x[Inside(n - 1 - m, n)]));
+      }
+      break;
+    case Border::kZeroInsert:
+      if (P >= 1) {
+        work[P - 1] = 0;
+        for (std::int32_t m = 0; m < P - 1; ++m) {
+          work[P - 2 - m] = Negate(static_cast<W>(x[Inside(m, n)]));
+        }
+      }
+      for (std::int32_t m = 0; m < Q; ++m) {
+        work[P + n + m] = Negate(static_cast<W>(x[Inside(n - 2 - m, n)]));
+      }
+      break;
+  }
+}
+
+// y[k] = round(sum_t h[t] * work[i + t * d], s) for i = k * step; a correlation (taps in table
+// order on increasing positions).
+template <typename W, typename Out>
+void Correlate(const W* work, std::int32_t n, Out* y, const std::int32_t* h, std::int32_t taps,
+               std::int32_t d, std::int32_t s, std::int32_t step) {
+  std::int32_t k = 0;
+  for (std::int32_t i = 0; i < n; i += step) {
+    W acc = 0;
+    const W* window = work + i;
+    for (std::int32_t t = 0; t < taps; ++t) acc = MulAdd(acc, h[t], window[t * d]);
+    y[k++] = static_cast<Out>(s == 0 ? acc : RoundShift(acc, s));
+  }
+}
+
+template <typename In, typename W, typename Out>
+void Analysis(In* x, std::int32_t n, Out* y, std::int32_t* h, std::int32_t L, std::int32_t R,
+              std::int32_t d, std::int32_t s, std::int32_t step, W* work) {
+  const Layout layout = LayoutOf(L, R, d);
+  if (step < 1 || !Acceptable<W>(n, L, R, d, s, layout)) return;
+  Extend(x, n, work, layout, Border::kSymmetric);
+  Correlate(work, n, y, h, L + R + 1, d, s, step);
+}
+
+template <typename In, typename W, typename Out>
+void Synthesis(In* x, std::int32_t n, Out* y, std::int32_t* h, std::int32_t L, std::int32_t R,
+               std::int32_t d, std::int32_t s, W* work) {
+  const Layout layout = LayoutOf(L, R, d);
+  if (!Acceptable<W>(n, L, R, d, s, layout)) return;
+  Border border = Border::kSymmetric;
+  if (L != R) border = layout.centred ? Border::kZeroInsert : Border::kAntisymmetric;
+  Extend(x, n, work, layout, border);
+  Correlate(work, n, y, h, L + R + 1, d, s, 1);
+}
+
+}  // namespace
+
+void convolve_analysis(std::int32_t* x, std::int32_t n, std::int32_t* y, std::int32_t* h,
+                       std::int32_t L, std::int32_t R, std::int32_t d, std::int32_t s,
+                       std::int32_t step) {
+  Analysis(x, n, y, h, L, R, d, s, step, convolve_analysis_working_memory_32);
+}
+
+void convolve_analysis(std::int64_t* x, std::int32_t n, std::int64_t* y, std::int32_t* h,
+                       std::int32_t L, std::int32_t R, std::int32_t d, std::int32_t s,
+                       std::int32_t step) {
+  Analysis(x, n, y, h, L, R, d, s, step, convolve_analysis_working_memory_64);
+}
+
+void convolve_synthesis(std::int32_t* x, std::int32_t n, std::int32_t* y, std::int32_t* h,
+                        std::int32_t L, std::int32_t R, std::int32_t d, std::int32_t s) {
+  Synthesis(x, n, y, h, L, R, d, s, convolve_synthesis_working_memory_32);
+}
+
+void convolve_synthesis(std::int64_t* x, std::int32_t n, std::int64_t* y, std::int32_t* h,
+                        std::int32_t L, std::int32_t R, std::int32_t d, std::int32_t s) {
+  Synthesis(x, n, y, h, L, R, d, s, convolve_synthesis_working_memory_64);
+}
+
+// 32-bit bands widened to 64 bits as they are copied (and negated in 64 bits), so the deep rebuild
+// of the 2x5 despike loses nothing to 32-bit overflow.
+void convolve_synthesis_32_to_64_2x5(std::int32_t* x, std::int32_t n, std::int64_t* y,
+                                     std::int32_t* h, std::int32_t L, std::int32_t R,
+                                     std::int32_t d, std::int32_t s) {
+  Synthesis(x, n, y, h, L, R, d, s, convolve_synthesis_working_memory_64);
+}
