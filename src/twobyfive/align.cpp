@@ -2,6 +2,12 @@
 // 2x5 sub-pixel alignment: eighth-sample shifts over overlapping segments, averaged clipped cost.
 #include "twobyfive/twobyfive.h"
 
+#include "decision/decision.h"
+#include "fixed_point.h"
+#include "interface/interface.h"
+#include "sony/sony.h"
+#include "standard/standard.h"
+
 std::int32_t vec_log_curr_working_memory[12000];
 std::int32_t vec_log_prev_working_memory[12000];
 std::int32_t vec_laplace_curr_working_memory[12000];
@@ -10,3 +16,205 @@ std::int32_t vec_align1_working_memory[12000];
 std::int32_t vec_align2_working_memory[12000];
 std::int32_t seg_prev_log_shift_working_memory[2000];
 std::int32_t seg_laplace_prev_working_memory[2000];
+
+namespace {
+
+constexpr std::int32_t kCostClip = 2650;   // keeps a few mismatched rows from dominating
+constexpr std::int32_t kCostScaleShift = 6;  // cost is a per-sample average x 64
+constexpr std::int32_t kShiftDen = 8;      // shifts in eighths of a sample
+constexpr std::int32_t kOverlap = 2;       // samples a segment borrows from each neighbour
+constexpr std::int32_t kDespikeLevels = 1;
+constexpr std::int32_t kDespikeThreshold = 225;
+constexpr std::int32_t kQuietDeviation = 14;  // log-ratio units
+constexpr std::int32_t kQuietScoreCap = -128;  // Q8
+
+// Samples lost at one end by a shift of s eighths: ceil(|s| / 8).
+std::int32_t lost_samples(std::int32_t s) {
+  const std::int32_t a = s < 0 ? -s : s;
+  return (a + kShiftDen - 1) / kShiftDen;
+}
+
+}  // namespace
+
+void convolve_Laplacian_filter_2x5(std::int32_t* in, std::int32_t* out, std::int32_t n) {
+  convolve_Laplacian_filter_SONY(in, out, n);
+}
+
+void subpixel_shift_vec_2x5(const std::int32_t* in, std::int32_t* out, std::int32_t n,
+                            std::int32_t shift, std::int32_t den) {
+  // The SONY shift only reads its input.
+  subpixel_shift_vec_SONY(const_cast<std::int32_t*>(in), out, n, shift, den);
+}
+
+std::int32_t laplace_diff_avg_2x5(std::int32_t* a, std::int32_t* b, std::int32_t n,
+                                  std::int32_t clip, std::int32_t scaleShift) {
+  if (n < 1) return 0;
+  // 32-bit as the cost has always been: 2000 clipped terms of 2650, x 64, stay below 2^29.
+  std::int32_t sum = 0;
+  for (std::int32_t i = 0; i < n; ++i) {
+    const std::int32_t d = fx::wrap_abs32(fx::wrap_sub32(a[i], b[i]));
+    sum = fx::wrap_add32(sum, d < clip ? d : clip);
+  }
+  return fx::div_trunc(fx::wrap_shl32(sum, scaleShift), n);
+}
+
+void determineValidLength_2x5(std::int32_t numWindows, const std::int32_t* offsets,
+                              std::int32_t* pads, std::int32_t den, const std::int32_t* winLens,
+                              std::int32_t margin, std::int32_t* validLens, std::int32_t*& start,
+                              std::int32_t& total) {
+  total = 0;
+  for (std::int32_t w = 0; w < numWindows; ++w) {
+    const std::int32_t o = offsets[w];
+    const std::int32_t a = o < 0 ? -o : o;
+    const std::int32_t lost = den > 0 ? (a + den - 1) / den : 0;
+    // A negative shift loses samples at the window's start: the gap follows the previous block.
+    pads[w] = o == 0 ? 0 : (o < 0 ? lost : -lost);
+    std::int32_t valid = winLens[w];
+    if (w == 0) {
+      valid -= margin;
+      if (o < 0) valid -= lost;
+      start += (o < 0 ? lost : 0) + margin;
+    } else if (w == numWindows - 1) {
+      valid -= margin;
+      if (o > 0) valid -= lost;
+    }
+    validLens[w] = valid;
+    total += valid;
+  }
+}
+
+void check_alignment_2x5(const std::int32_t* offsets, std::int32_t n, std::int32_t maxStep,
+                         std::int32_t& flag) {
+  for (std::int32_t i = 0; i + 1 < n; ++i) {
+    const std::int32_t step = offsets[i] - offsets[i + 1];
+    if ((step < 0 ? -step : step) > maxStep) {
+      flag = 0;
+      return;
+    }
+  }
+}
+
+std::int32_t check_AE_stable_2x5(std::int32_t n, std::int32_t* curStats,
+                                 std::int32_t* prevStats) {
+  if (flicker_exposure_stable(curStats, prevStats, n)) return 1;
+  if (g_logFlow) PrintLogFlk("frame AE unstable\n");
+  return 0;
+}
+
+void align_flicker_subpixel_2x5(std::int32_t* curStats, std::int32_t* prevStats,
+                                std::int32_t numWindows, std::int32_t windowLength, std::int32_t,
+                                std::int32_t totalLength, std::int32_t* freq_out,
+                                std::int32_t& aeStable, std::int32_t& frameScore) {
+  std::int32_t win_len[kMaxWindows] = {};
+  std::int32_t best_shift[kMaxWindows] = {};
+  std::int32_t second_shift[kMaxWindows] = {};
+  std::int32_t best_pad[kMaxWindows] = {};
+  std::int32_t second_pad[kMaxWindows] = {};
+  std::int32_t best_valid[kMaxWindows] = {};
+  std::int32_t second_valid[kMaxWindows] = {};
+  for (std::int32_t k = 0; k < 9; ++k) freq_out[k] = 0;
+
+  if (check_AE_stable_2x5(totalLength, curStats, prevStats) == 0) {
+    aeStable = 0;
+    return;
+  }
+  aeStable = 1;
+
+  for (std::int32_t i = 0; i < totalLength; ++i) {
+    vec_log_curr_working_memory[i] = flicker_compand(curStats[i]);
+    vec_log_prev_working_memory[i] = flicker_compand(prevStats[i]);
+    vec_nonAlign_working_memory[i] = vec_log_curr_working_memory[i] - vec_log_prev_working_memory[i];
+  }
+  convolve_Laplacian_filter_2x5(vec_log_curr_working_memory, vec_laplace_curr_working_memory,
+                                totalLength);
+
+  const std::int32_t range = shift_range_2x5(totalLength);
+  const std::int32_t last = numWindows - 1;
+  for (std::int32_t w = 0; w < numWindows; ++w) {
+    const std::int32_t base = w * windowLength;
+    const std::int32_t len = w == last ? totalLength - last * windowLength : windowLength;
+    win_len[w] = len;
+    // Segments overlap their neighbours so the Laplacian's end rows stay outside the cost. A
+    // single window still takes its right overlap, reading two samples past the frame.
+    const std::int32_t start = w == 0 ? 0 : base - kOverlap;
+    const std::int32_t left = w == 0 ? 0 : kOverlap;
+    const std::int32_t right = (w == 0 || w != last) ? kOverlap : 0;
+    const std::int32_t seg_len = left + len + right;
+    const std::int32_t* const log_curr = vec_log_curr_working_memory + start;
+    const std::int32_t* const log_prev = vec_log_prev_working_memory + start;
+
+    std::int32_t best_cost = INT32_MAX;
+    std::int32_t second_cost = INT32_MAX;
+    for (std::int32_t s = -range; s <= range; ++s) {
+      subpixel_shift_vec_2x5(log_prev, seg_prev_log_shift_working_memory, seg_len, s, kShiftDen);
+      convolve_Laplacian_filter_2x5(seg_prev_log_shift_working_memory,
+                                    seg_laplace_prev_working_memory, seg_len);
+      const std::int32_t lost_left = s < 0 ? lost_samples(s) : 0;
+      const std::int32_t lost_right = s > 0 ? lost_samples(s) : 0;
+      const std::int32_t first = 2 + lost_left;
+      const std::int32_t scored = seg_len - 4 - lost_left - lost_right;
+      const std::int32_t cost =
+          laplace_diff_avg_2x5(seg_laplace_prev_working_memory + first,
+                               vec_laplace_curr_working_memory + start + first, scored, kCostClip,
+                               kCostScaleShift);
+      std::int32_t* target = nullptr;
+      if (cost <= best_cost) {  // ties go to the later shift
+        for (std::int32_t i = 0; i < len; ++i) {
+          vec_align2_working_memory[base + i] = vec_align1_working_memory[base + i];
+        }
+        second_shift[w] = best_shift[w];
+        second_cost = best_cost;
+        best_shift[w] = s;
+        best_cost = cost;
+        target = vec_align1_working_memory;
+      } else if (cost <= second_cost) {
+        second_shift[w] = s;
+        second_cost = cost;
+        target = vec_align2_working_memory;
+      }
+      if (target != nullptr) {
+        for (std::int32_t j = first; j < first + scored; ++j) {
+          target[start + j] = log_curr[j] - seg_prev_log_shift_working_memory[j];
+        }
+      }
+    }
+  }
+
+  std::int32_t* best_vec = vec_align1_working_memory;
+  std::int32_t* second_vec = vec_align2_working_memory;
+  std::int32_t best_total = 0;
+  std::int32_t second_total = 0;
+  determineValidLength_2x5(numWindows, best_shift, best_pad, kShiftDen, win_len, kOverlap,
+                           best_valid, best_vec, best_total);
+  determineValidLength_2x5(numWindows, second_shift, second_pad, kShiftDen, win_len, kOverlap,
+                           second_valid, second_vec, second_total);
+
+  const std::int32_t max_step = neighbour_step_2x5(totalLength);
+  std::int32_t registered = 1;
+  check_alignment_2x5(best_shift, numWindows, max_step, registered);
+
+  flickerDespikeAdaptive_2x5(vec_nonAlign_working_memory, ovector_out1_working_memory,
+                             totalLength, kDespikeLevels, kDespikeThreshold);
+  if (registered != 0) {
+    flicker_interpolation(best_vec, best_valid, best_pad, numWindows);
+    flicker_interpolation(second_vec, second_valid, second_pad, numWindows);
+    flickerDespikeAdaptive_2x5(best_vec, cvector_current_down_working_memory, best_total,
+                               kDespikeLevels, kDespikeThreshold);
+    flickerDespikeAdaptive_2x5(second_vec, cvector_prev_down_working_memory, second_total,
+                               kDespikeLevels, kDespikeThreshold);
+    std::int32_t* versions[3] = {ovector_out1_working_memory, cvector_current_down_working_memory,
+                                 cvector_prev_down_working_memory};
+    std::int32_t* lengths[3] = {win_len, best_valid, second_valid};
+    flicker_compute_freq_3x_2x5(versions, numWindows, lengths, freq_out, frameScore);
+  } else {
+    if (g_logFlow) PrintLogFlk("frame can't be registered reliably\n");
+    flicker_compute_freq_2x5(ovector_out1_working_memory, totalLength, freq_out);
+    frameScore = get_current_llr(freq_out, 9);
+  }
+
+  // A quiet ratio carries no banding worth trusting, whatever its spectrum says.
+  if (compute_noiseness_2x5(ovector_out1_working_memory, totalLength) < kQuietDeviation &&
+      frameScore > kQuietScoreCap) {
+    frameScore = kQuietScoreCap;
+  }
+}

@@ -3,10 +3,206 @@
 #include "twobyfive/twobyfive.h"
 
 #include "decision/decision.h"
+#include "fixed_point.h"
+#include "interface/interface.h"
+#include "standard/standard.h"
 
-// Placeholder until the 2x5 driver lands.
-std::int32_t detectFlicker_SW_2x5(std::int32_t*, std::int32_t*, std::int32_t, std::int32_t,
-                                  std::int32_t, std::int32_t, std::int32_t, FlkSensorInfo,
-                                  FlkEISVector, FlkAEInfo, std::int32_t*) {
-  return g_flickerResult;
+namespace {
+
+// The despiked best and second-best vectors (and the despike scratch) hold 2000 samples.
+constexpr std::int32_t kMaxFrameRows = 2000;
+// A single window's segment borrows two samples past the frame; the segment buffers hold 2000.
+constexpr std::int32_t kMaxSingleWindowRows = 2000 - 2;
+// The Laplacian and the shifts need this many rows in a window.
+constexpr std::int32_t kMinRowsPerWindow = 4;
+constexpr std::int32_t kMaxColumns = 10;
+constexpr std::int32_t kBandBufferSize = 12000;  // cvector_out_working_memory
+constexpr std::int32_t kDarkMean = 100;
+
+// Copies one column of a band from both grids into the line vectors.
+void copy_column(const std::int32_t* prev, const std::int32_t* cur, std::int32_t band_offset,
+                 std::int32_t rows, std::int32_t ncols, std::int32_t col, std::int32_t* out_prev,
+                 std::int32_t* out_cur) {
+  for (std::int32_t r = 0; r < rows; ++r) {
+    const std::int32_t at = band_offset + r * ncols + col;
+    out_cur[r] = cur[at];
+    out_prev[r] = prev[at];
+  }
+}
+
+// Transposes one band of `rows` x `ncols` values into column order.
+void transpose_band(const std::int32_t* band, std::int32_t rows, std::int32_t ncols,
+                    std::int32_t* columns) {
+  for (std::int32_t r = 0; r < rows; ++r) {
+    for (std::int32_t c = 0; c < ncols; ++c) columns[c * rows + r] = band[r * ncols + c];
+  }
+}
+
+}  // namespace
+
+std::int32_t find_vector_2x5(std::int32_t* cols, std::int32_t len, std::int32_t ncols,
+                             std::int32_t thr, std::int32_t minMean) {
+  if (ncols < 1) return 1;
+  std::int32_t mean[kMaxColumns];
+  std::int32_t count[kMaxColumns];
+  if (ncols > kMaxColumns) {
+    LogRefusalFlk("find_vector_2x5", "%d columns exceed %d", ncols, kMaxColumns);
+    return 1;
+  }
+  for (std::int32_t c = 0; c < ncols; ++c) {
+    std::int32_t* col = cols + c * len;
+    // 64-bit: a column of up to 12000 statistics of 32 bits.
+    std::int64_t sum = 0;
+    for (std::int32_t i = 0; i < len; ++i) sum += col[i];
+    mean[c] = fx::low32(fx::div_trunc<std::int64_t>(sum, len));
+    for (std::int32_t i = 0; i < len; ++i) col[i] = fx::wrap_sub32(col[i], mean[c]);
+    // Sign swings across the dead band, pairs taken inside the column.
+    std::int32_t swings = 0;
+    for (std::int32_t i = 1; i < len; ++i) {
+      if ((col[i - 1] < -thr && col[i] > thr) || (col[i - 1] > thr && col[i] < -thr)) ++swings;
+    }
+    count[c] = swings;
+  }
+  bool all_equal = true;
+  bool all_dark = true;
+  for (std::int32_t c = 0; c < ncols; ++c) {
+    if (count[c] != count[0]) all_equal = false;
+    if (mean[c] >= minMean) all_dark = false;
+  }
+
+  if (!all_equal && !all_dark) {
+    const std::int32_t margin = len / 30;
+    // The middle column is the reference, yet the answer starts at column 1: a frame where no
+    // column beats the middle one takes column 1.
+    std::int32_t best_count = count[ncols / 2];
+    std::int32_t best_mean = mean[ncols / 2];
+    std::int32_t result = 1;
+    for (std::int32_t c = 0; c < ncols; ++c) {
+      if (count[c] < fx::wrap_sub32(best_count, margin) &&
+          mean[c] > fx::wrap_sub32(best_mean, 51)) {
+        result = c;
+        best_count = count[c];
+        best_mean = mean[c];
+      } else if (count[c] <= fx::wrap_add32(best_count, margin) && mean[c] > best_mean) {
+        result = c;
+        best_count = count[c];
+        best_mean = mean[c];
+      }
+    }
+    return result;
+  }
+
+  std::int32_t result = 1;
+  std::int32_t brightest = 0;
+  for (std::int32_t c = 0; c < ncols; ++c) {
+    if (mean[c] > brightest) {
+      brightest = mean[c];
+      result = c;
+    }
+  }
+  return result;
+}
+
+void vector_selection_2x5(const std::int32_t* prev, const std::int32_t* cur, std::int32_t n_win_h,
+                          std::int32_t n_win_w, std::int32_t, std::int32_t bandHeight,
+                          std::int32_t*, std::int32_t* outPrev, std::int32_t* outCur) {
+  if (n_win_h < 1) return;
+  if (n_win_w < 1 || n_win_w > kMaxColumns || bandHeight < 1 ||
+      std::int64_t{bandHeight} * n_win_w > kBandBufferSize) {
+    LogRefusalFlk("vector_selection_2x5", "bands of %d rows x %d columns (limits 10 columns, %d values)",
+                  bandHeight, n_win_w, kBandBufferSize);
+    return;
+  }
+  for (std::int32_t b = 0; b < n_win_h; ++b) {
+    const std::int32_t offset = b * bandHeight * n_win_w;
+    transpose_band(cur + offset, bandHeight, n_win_w, cvector_out_working_memory);
+    const std::int32_t col =
+        find_vector_2x5(cvector_out_working_memory, bandHeight, n_win_w, 0, kDarkMean);
+    if (col >= n_win_w) {
+      // A single dark column yields column 1, which the grid does not have.
+      LogRefusalFlk("vector_selection_2x5", "column %d past a grid of %d columns", col, n_win_w);
+      return;
+    }
+    copy_column(prev, cur, offset, bandHeight, n_win_w, col, outPrev + b * bandHeight,
+                outCur + b * bandHeight);
+  }
+}
+
+std::int32_t detectFlicker_SW_2x5(std::int32_t* prev, std::int32_t* cur, std::int32_t n_win_h,
+                                  std::int32_t n_win_w, std::int32_t, std::int32_t win_ht,
+                                  std::int32_t, FlkSensorInfo, FlkEISVector, FlkAEInfo,
+                                  std::int32_t*) {
+  constexpr const char* kFunc = "detectFlicker_SW_2x5";
+  // Every geometry that would take a stage outside its buffers or tables is refused up front.
+  if (g_flkTab1 == nullptr || g_flkTab2 == nullptr || g_flkCompTab == nullptr) {
+    LogRefusalFlk(kFunc, "no tables, result %d", g_flickerResult);
+    return g_flickerResult;
+  }
+  if (n_win_h < 1 || n_win_h > kMaxWindows) {
+    LogRefusalFlk(kFunc, "%d windows, limit 1..%d, result %d", n_win_h, kMaxWindows,
+                  g_flickerResult);
+    return g_flickerResult;
+  }
+  if (n_win_w < 1 || n_win_w > kMaxColumns) {
+    LogRefusalFlk(kFunc, "%d columns, limit 1..%d, result %d", n_win_w, kMaxColumns,
+                  g_flickerResult);
+    return g_flickerResult;
+  }
+  if (win_ht > kMaxFrameRows) {
+    LogRefusalFlk(kFunc, "frame of %d rows exceeds %d, result %d", win_ht, kMaxFrameRows,
+                  g_flickerResult);
+    return g_flickerResult;
+  }
+  if (n_win_h == 1 && win_ht > kMaxSingleWindowRows) {
+    LogRefusalFlk(kFunc, "single window of %d rows exceeds %d, result %d", win_ht,
+                  kMaxSingleWindowRows, g_flickerResult);
+    return g_flickerResult;
+  }
+  if (win_ht > g_flkTabW) {
+    LogRefusalFlk(kFunc, "frame of %d rows exceeds the table width %d, result %d", win_ht,
+                  g_flkTabW, g_flickerResult);
+    return g_flickerResult;
+  }
+  const std::int32_t h = win_ht / n_win_h;
+  if (h < kMinRowsPerWindow) {
+    LogRefusalFlk(kFunc, "%d rows per window, at least %d, result %d", h, kMinRowsPerWindow,
+                  g_flickerResult);
+    return g_flickerResult;
+  }
+  if (h * n_win_w > kBandBufferSize) {
+    LogRefusalFlk(kFunc, "band of %d values exceeds %d, result %d", h * n_win_w,
+                  kBandBufferSize, g_flickerResult);
+    return g_flickerResult;
+  }
+  const std::int32_t n = h * n_win_h;
+
+  if (n_win_w < 2) {
+    for (std::int32_t i = 0; i < win_ht; ++i) {
+      line_prev_working_memory[i] = prev[i];
+      line_curr_working_memory[i] = cur[i];
+    }
+  } else {
+    for (std::int32_t b = 0; b < n_win_h; ++b) {
+      const std::int32_t offset = b * h * n_win_w;
+      transpose_band(cur + offset, h, n_win_w, cvector_out_working_memory);
+      const std::int32_t col = find_vector_2x5(cvector_out_working_memory, h, n_win_w, 0, kDarkMean);
+      copy_column(prev, cur, offset, h, n_win_w, col, line_prev_working_memory + b * h,
+                  line_curr_working_memory + b * h);
+    }
+  }
+  PrintLineDataFlk(line_prev_working_memory, line_curr_working_memory, n, false);
+
+  std::int32_t freq_out[9] = {};
+  std::int32_t ae_stable = 0;
+  // A frame rejected for exposure queues a score of 0.
+  std::int32_t frame_score = 0;
+  align_flicker_subpixel_2x5(line_curr_working_memory, line_prev_working_memory, n_win_h, h, 0,
+                             win_ht, freq_out, ae_stable, frame_score);
+  if (g_logFlow) {
+    PrintLogFlk("Freq_out = %d, %d, %d, %d, %d, %d, %d, %d, %d\n", freq_out[0], freq_out[1],
+                freq_out[2], freq_out[3], freq_out[4], freq_out[5], freq_out[6], freq_out[7],
+                freq_out[8]);
+  }
+  return test_next_frame_2x5(freq_out, 9, static_cast<std::int8_t>(ae_stable != 0 ? 1 : 0),
+                             static_cast<std::uint32_t>(g_maxPastFrames), frame_score);
 }

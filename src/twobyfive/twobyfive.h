@@ -4,6 +4,7 @@
 #ifndef KESTREL_TWOBYFIVE_H
 #define KESTREL_TWOBYFIVE_H
 
+#include <cmath>
 #include <cstdint>
 
 #include "kestrel/flicker.h"
@@ -36,6 +37,17 @@ extern std::int32_t vec_align1_working_memory[12000];
 extern std::int32_t vec_align2_working_memory[12000];
 extern std::int32_t seg_prev_log_shift_working_memory[2000];
 extern std::int32_t seg_laplace_prev_working_memory[2000];
+
+// Largest shift of the alignment, in eighths of a sample: 256 x totalLength / 1878 rounded to
+// nearest (32 samples each way at 1878 rows).
+inline std::int32_t shift_range_2x5(std::int32_t totalLength) {
+  return (256 * totalLength + 939) / 1878;
+}
+// Largest shift difference, in eighths, between neighbouring windows of a registered frame:
+// 1.5 % of the frame length, rounded up.
+inline std::int32_t neighbour_step_2x5(std::int32_t totalLength) {
+  return static_cast<std::int32_t>(std::ceil(static_cast<double>(totalLength) * 0.015 * 8.0));
+}
 
 void align_flicker_subpixel_2x5(std::int32_t* curStats, std::int32_t* prevStats,
                                 std::int32_t numWindows, std::int32_t windowLength, std::int32_t,
