@@ -41,7 +41,11 @@ class Lines {
       if (!l.empty() && l.back() == '\r') l.remove_suffix(1);
       const std::size_t first = l.find_first_not_of(" \t");
       if (first == std::string_view::npos || l[first] == '#') {
-        if (first != std::string_view::npos) comments_.emplace_back(l.substr(first + 1));
+        if (first != std::string_view::npos) {
+          std::string_view c = l.substr(first + 1);
+          if (!c.empty() && c.front() == ' ') c.remove_prefix(1);
+          comments_.emplace_back(c);
+        }
         continue;
       }
       line = l.substr(first);
@@ -243,7 +247,7 @@ Recording ParseRecording(const std::string& text, const std::string& name) {
   const std::size_t rows = static_cast<std::size_t>(s.StatRows());
   r.frames.resize(static_cast<std::size_t>(frames));
   for (std::size_t f = 0; f < r.frames.size(); ++f) {
-    if (!lines.Next(line)) {
+    if (!lines.Next(line) || line == "end") {
       lines.Fail("truncated: " + std::to_string(frames) + " frames announced, " + std::to_string(f) +
                  " found");
     }
