@@ -2,7 +2,10 @@
 // SONY sub-pixel alignment: quarter-sample shifts scored on Laplacians of the log vectors.
 #include "sony/sony.h"
 
+#include "decision/decision.h"
 #include "fixed_point.h"
+#include "interface/interface.h"
+#include "standard/standard.h"
 
 std::int32_t ovector_out_tmp_working_memory[2000];
 std::int32_t cvector_out_tmp_working_memory[2000];
@@ -53,11 +56,12 @@ void subpixel_shift_vec_SONY(std::int32_t* in, std::int32_t* out, std::int32_t n
   // every index inside the vector.
   const std::int32_t q = fx::clamp32(q_raw, 0, n);
   const std::int32_t half = den / 2;
+  const std::int32_t keep = fx::wrap_sub32(den, r);  // weight of the nearer sample
   if (r != 0) {
     const std::int32_t inner = n - q - 1;  // interpolated outputs
     if (shift > 0) {
       for (std::int32_t k = 0; k < inner; ++k) {
-        const std::int32_t mix = wrap_add32(wrap_add32(half, wrap_mul32(in[q + k], den - r)),
+        const std::int32_t mix = wrap_add32(wrap_add32(half, wrap_mul32(in[q + k], keep)),
                                             wrap_mul32(in[q + k + 1], r));
         out[k] = fx::div_trunc(mix, den);
       }
@@ -67,7 +71,7 @@ void subpixel_shift_vec_SONY(std::int32_t* in, std::int32_t* out, std::int32_t n
       for (std::int32_t k = 0; k < lead; ++k) out[k] = in[0];
       for (std::int32_t k = 0; k < inner; ++k) {
         const std::int32_t mix = wrap_add32(wrap_add32(half, wrap_mul32(in[k], r)),
-                                            wrap_mul32(in[k + 1], den - r));
+                                            wrap_mul32(in[k + 1], keep));
         out[q + 1 + k] = fx::div_trunc(mix, den);
       }
     }
@@ -80,4 +84,142 @@ void subpixel_shift_vec_SONY(std::int32_t* in, std::int32_t* out, std::int32_t n
     for (std::int32_t k = 0; k < q; ++k) out[k] = in[0];
     for (std::int32_t k = q; k < n; ++k) out[k] = in[k - q];
   }
+}
+
+namespace {
+
+// Quarter-sample search: shifts -8..8 of den 4, i.e. up to two samples either way.
+constexpr std::int32_t kShiftDen = 4;
+constexpr std::int32_t kMaxShift = 8;
+// Per-row cost clip: a few rows that cannot match (moving objects, clipping) stay bounded.
+constexpr std::int32_t kCostClip = 2650;
+
+// Log of a scaled statistic: the table is indexed directly; values past its last entry (wide
+// windows, see the INIT) use the last entry and negative ones the first.
+inline std::int32_t log_of(std::int32_t v) {
+  const std::int32_t last = fx::wrap_add32(g_valuMax, 1);
+  return g_flkCompTab[v < 0 ? 0 : (v > last ? last : v)];
+}
+
+bool exposure_stable_logged(const std::int32_t* cur, const std::int32_t* prev, std::int32_t n) {
+  if (flicker_exposure_stable(cur, prev, n)) return true;
+  if (g_logFlow != 0) PrintLogFlk("frame AE unstable\n");
+  return false;
+}
+
+// Spread of the window offsets, 0 always included; too wide a spread means the frame cannot be
+// registered as one motion.
+bool offsets_spread(const std::int32_t* offsets, std::int32_t n) {
+  std::int32_t lo = 0;
+  std::int32_t hi = 0;
+  for (std::int32_t i = 0; i < n; ++i) {
+    if (offsets[i] < lo) lo = offsets[i];
+    if (offsets[i] > hi) hi = offsets[i];
+  }
+  return fx::wrap_sub32(hi, lo) >= fx::wrap_mul32(3, flicker_search_range);
+}
+
+}  // namespace
+
+std::int32_t check_AE_stable_SONY(std::int32_t n, std::int32_t* curStats,
+                                  std::int32_t* prevStats) {
+  return exposure_stable_logged(curStats, prevStats, n) ? 1 : 0;
+}
+
+void check_alignment_SONY(std::int32_t* offsets, std::int32_t n, std::int32_t,
+                          std::int32_t& alignFlag) {
+  if (offsets_spread(offsets, n)) alignFlag = 0;
+}
+
+void align_flicker_SONY_subpixel(std::int32_t* curStats, std::int32_t* prevStats,
+                                 std::int32_t numWindows, std::int32_t windowLength, std::int32_t,
+                                 std::int32_t totalLength, std::int32_t* freq_out,
+                                 std::int32_t& aeStable, std::int32_t& alignFlag) {
+  for (std::int32_t k = 0; k < 9; ++k) freq_out[k] = 0;
+  std::int32_t win_offset[kSonyMaxWindows] = {};
+  alignFlag = 1;
+  // The driver refuses these geometries; a direct caller gets the same protection.
+  const std::int64_t covered = std::int64_t{numWindows} * windowLength;
+  if (numWindows < 0 || numWindows > kSonyMaxWindows ||
+      (numWindows > 0 && (windowLength < kSonyMinWindowRows ||
+                          windowLength > kSonyMaxWindowRows)) ||
+      covered > totalLength || totalLength > kSonyMaxRows ||
+      (totalLength > 0 && totalLength < kSonyMinRows) || totalLength > g_flkTabW ||
+      g_flkCompTab == nullptr) {
+    LogRefusalFlk("align_flicker_SONY_subpixel",
+                  "%d windows of %d rows in %d (at most %d windows of %d..%d rows, %d..%d in all)",
+                  numWindows, windowLength, totalLength, kSonyMaxWindows, kSonyMinWindowRows,
+                  kSonyMaxWindowRows, kSonyMinRows, kSonyMaxRows);
+    aeStable = 0;
+    return;
+  }
+
+  if (!exposure_stable_logged(curStats, prevStats, totalLength)) {
+    aeStable = 0;
+    return;
+  }
+  aeStable = 1;
+
+  const std::int32_t n = windowLength;
+  std::int32_t* const cur_log = cvector_current_working_memory;
+  std::int32_t* const prev_log = cvector_prev_working_memory;
+  std::int32_t* const prev_shifted = grad_current_working_memory;
+  std::int32_t* const lap_cur = ovector_out_tmp_working_memory;
+  std::int32_t* const lap_prev = cvector_out_tmp_working_memory;
+  std::int32_t* const best = cvector_prev_full_working_memory;
+  std::int32_t* const second = cvector_current_full_working_memory;
+  for (std::int32_t w = 0; w < numWindows; ++w) {
+    const std::int32_t base = w * n;
+    for (std::int32_t i = 0; i < n; ++i) {
+      cur_log[i] = log_of(curStats[base + i]);
+      prev_log[i] = log_of(prevStats[base + i]);
+    }
+    convolve_Laplacian_filter_SONY(cur_log, lap_cur, n);
+    for (std::int32_t i = 0; i < n; ++i) {
+      avector_out_working_memory[base + i] = fx::wrap_sub32(cur_log[i], prev_log[i]);
+    }
+    std::int32_t best_cost = 2147483647;
+    std::int32_t second_cost = 2147483647;
+    for (std::int32_t s = -kMaxShift; s <= kMaxShift; ++s) {
+      subpixel_shift_vec_SONY(prev_log, prev_shifted, n, s, kShiftDen);
+      convolve_Laplacian_filter_SONY(prev_shifted, lap_prev, n);
+      // At most 1000 rows x 2650: the cost fits 32 bits.
+      std::int32_t cost = 0;
+      for (std::int32_t i = 0; i < n; ++i) {
+        std::int64_t d = std::int64_t{lap_prev[i]} - lap_cur[i];
+        if (d < 0) d = -d;
+        cost += d < kCostClip ? static_cast<std::int32_t>(d) : kCostClip;
+      }
+      // Ties go to the later shift, for the best and for the second best.
+      if (cost <= best_cost) {
+        for (std::int32_t i = 0; i < n; ++i) second[base + i] = best[base + i];
+        for (std::int32_t i = 0; i < n; ++i) {
+          best[base + i] = fx::wrap_sub32(cur_log[i], prev_shifted[i]);
+        }
+        win_offset[w] = s;
+        second_cost = best_cost;
+        best_cost = cost;
+      } else if (cost <= second_cost) {
+        for (std::int32_t i = 0; i < n; ++i) {
+          second[base + i] = fx::wrap_sub32(cur_log[i], prev_shifted[i]);
+        }
+        second_cost = cost;
+      }
+    }
+  }
+
+  if (offsets_spread(win_offset, numWindows)) alignFlag = 0;
+  if (alignFlag != 0) {
+    flicker_despike_SONY(avector_out_working_memory, ovector_out1_working_memory, totalLength);
+    flicker_despike_SONY(best, cvector_current_down_working_memory, totalLength);
+    flicker_despike_SONY(second, cvector_prev_down_working_memory, totalLength);
+    flicker_compute_freq_3x_SONY(ovector_out1_working_memory, cvector_current_down_working_memory,
+                                 cvector_prev_down_working_memory, numWindows, windowLength,
+                                 freq_out);
+    return;
+  }
+  if (g_logFlow != 0) PrintLogFlk("frame can't be registered reliably\n");
+  alignFlag = 1;
+  flicker_despike_SONY(avector_out_working_memory, ovector_out1_working_memory, totalLength);
+  flicker_compute_freq_SONY(ovector_out1_working_memory, totalLength, freq_out);
 }

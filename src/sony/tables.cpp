@@ -2,5 +2,174 @@
 // SONY tables: one statistics sample per line, 10-bit log table indexed directly.
 #include "sony/sony.h"
 
-// Placeholder until the SONY tables land.
-void flicker_init_SONY(std::int32_t, std::int32_t, std::int32_t, double) {}
+#include <cmath>
+#include <cstdlib>
+#include <limits>
+
+#include "decision/decision.h"
+#include "fixed_point.h"
+#include "interface/interface.h"
+#include "standard/standard.h"
+
+namespace {
+
+// INIT geometry beyond these is refused: the tables would grow past any sensor's needs (9 x 65536
+// trigonometric entries, about 2 M log entries at most).
+constexpr std::int32_t kMaxColumnLength = 65536;
+constexpr std::int32_t kMaxWindowWidth = 65536;
+
+// Rounds half away from zero to a 32-bit integer. Non-finite values (a zero clock) give 0 and
+// out-of-range ones saturate, so a bad argument never reaches an undefined conversion.
+std::int32_t round_away(double x) {
+  if (!std::isfinite(x)) return 0;
+  const double r = x >= 0.0 ? std::trunc(x + 0.5) : -std::trunc(-x + 0.5);
+  if (r >= 2147483647.0) return std::numeric_limits<std::int32_t>::max();
+  if (r <= -2147483648.0) return std::numeric_limits<std::int32_t>::min();
+  return static_cast<std::int32_t>(r);
+}
+
+// Truncation toward zero for the log entries and the logged clock, saturating like round_away.
+std::int32_t trunc_sat(double x) {
+  if (!std::isfinite(x)) return 0;
+  if (x >= 2147483647.0) return std::numeric_limits<std::int32_t>::max();
+  if (x <= -2147483648.0) return std::numeric_limits<std::int32_t>::min();
+  return static_cast<std::int32_t>(x);
+}
+
+// Range shift s: keeps the linearised range of wide windows near the narrow ones'.
+std::int32_t range_shift(std::int32_t window_width) {
+  if (window_width > 4095) return 4;
+  if (window_width > 2047) return 3;
+  if (window_width > 1023) return 2;
+  if (window_width > 511) return 1;
+  return 0;
+}
+
+// V = (half x 1023) >> s, 64-bit, stored as 32 bits: the largest scaled statistic covered.
+std::int32_t table_top(std::int32_t window_width, std::int32_t s) {
+  const std::int64_t half = window_width >> 1;
+  return fx::low32((half * 1024 - half) >> s);
+}
+
+void free_tables() {
+  std::free(g_flkTab1);
+  std::free(g_flkTab2);
+  std::free(g_flkCompTab);
+  g_flkTab1 = nullptr;
+  g_flkTab2 = nullptr;
+  g_flkCompTab = nullptr;
+}
+
+}  // namespace
+
+void flicker_init_SONY(std::int32_t line_length, std::int32_t column_length,
+                       std::int32_t window_width, double pclk) {
+  if (g_logFlow != 0) {
+    PrintLogFlk("flicker_init_SONY %d columnLen=%d winW = %d %d", line_length, column_length,
+                window_width, trunc_sat(pclk));
+  }
+  if (column_length > kMaxColumnLength || window_width < 0 || window_width > kMaxWindowWidth ||
+      !std::isfinite(pclk) || pclk <= 0.0) {
+    free_tables();
+    LogRefusalFlk("flicker_init_SONY",
+                  "column_length %d (at most %d), window_width %d (0..%d) or pclk %f (a positive "
+                  "clock) out of range",
+                  column_length, kMaxColumnLength, window_width, kMaxWindowWidth, pclk);
+    return;
+  }
+  // W: column_length rounded up to a multiple of 256, at least 256.
+  const std::int32_t width = ((column_length > 256 ? column_length : 256) + 255) & ~255;
+  free_tables();
+  g_flkTab1 = static_cast<std::int32_t*>(std::calloc(9 * static_cast<std::size_t>(width), 4));
+  g_flkTab2 = static_cast<std::int32_t*>(std::calloc(9 * static_cast<std::size_t>(width), 4));
+  g_flkTabW = width;
+
+  const std::int32_t s = range_shift(window_width);
+  g_valuMax = table_top(window_width, s);
+  g_flkCompTab =
+      static_cast<std::int32_t*>(std::calloc(static_cast<std::size_t>(g_valuMax) + 2, 4));
+  if (g_flkTab1 == nullptr || g_flkTab2 == nullptr || g_flkCompTab == nullptr) {
+    free_tables();
+    LogRefusalFlk("flicker_init_SONY", "tables of %d columns and %d log entries not allocated",
+                  width, g_valuMax + 2);
+    return;
+  }
+  calCompTable_SONY(window_width, g_flkCompTab, s);
+  calFftTable_SONY(line_length, width, 9, pclk, g_flkTab1, g_flkTab2);
+
+  // A 10-bit statistic scaled by half the window width reaches 1023 x half; with s > 0 (or no
+  // half at all) the table stops short of that and the alignment clamps to its last entry.
+  const std::int64_t half = window_width >> 1;
+  if (s > 0 || half < 1) {
+    PrintLogFlk("[flicker_init_SONY] window_width %d: statistics above %d use the log table's "
+                "last entry",
+                window_width, g_valuMax + 1);
+  }
+}
+
+double calCompTable_SONY(std::int32_t window_width, std::int32_t* table, std::int32_t shift) {
+  // Divisor D = 16 + the number of left shifts that bring window_width >> 2 to bit 31
+  // (47 - floor(log2(window_width >> 2))). Deliberately a shift count, not a bit count.
+  std::int32_t divisor = 16;
+  if (window_width >= 4) {
+    std::uint32_t u = static_cast<std::uint32_t>(window_width) >> 2;
+    do {
+      ++divisor;
+      u <<= 1;
+    } while (static_cast<std::int32_t>(u) > 0);
+  }
+  const std::int32_t half = window_width >> 1;
+  const std::int32_t top = table_top(window_width, shift);
+  table[0] = 0;
+  if (fx::wrap_add32(top, 2) < 2) return 0.0;
+
+  // An entry is 65535 x log2(x) / D.
+  const double scale = 65535.0 / divisor / 0.3010299956639812;
+  // Knots of the tone curve on the 0..1023 scale; the thresholds scale with half >> s, the
+  // segment divisors deliberately do not.
+  static constexpr std::int32_t kKnot[7] = {80, 116, 168, 249, 353, 505, 722};
+  static constexpr std::int64_t kWidth[8] = {80, 36, 52, 81, 104, 152, 217, 301};
+  std::int32_t thr[7];
+  std::int64_t base[8];
+  base[0] = 0;
+  for (std::int32_t i = 0; i < 7; ++i) {
+    thr[i] = fx::wrap_mul32(half, kKnot[i]) >> shift;
+    base[i + 1] = fx::wrap_shl32(half, 8 + (i + 1) - shift);  // the linear value doubles a knot
+  }
+  double last = 0.0;
+  for (std::int32_t i = 0; i <= top; ++i) {
+    const std::int64_t v = std::int64_t{i} + 1;
+    std::int32_t seg = 0;
+    while (seg < 7 && v > thr[seg]) ++seg;
+    const std::int64_t from = seg == 0 ? 0 : thr[seg - 1];
+    // Slope 512 x 2^(seg - 1) per segment width (512 for the first two segments).
+    const std::int64_t gain = std::int64_t{512} << (seg == 0 ? 0 : seg - 1);
+    const std::int64_t x = base[seg] + (gain * (v - from)) / kWidth[seg];
+    last = scale * std::log10(static_cast<double>(x)) + 0.5;
+    table[i + 1] = trunc_sat(last);
+  }
+  return last;
+}
+
+void calFftTable_SONY(std::int32_t line_length, std::int32_t width, std::int32_t count,
+                      double pclk, std::int32_t* cosTable, std::int32_t* sinTable) {
+  if (count < 1 || width < 1) return;
+  // One statistic per sensor line: line n is sampled n x line_length / pclk after line 0. The
+  // 2 pi constant is kept at eleven decimals.
+  constexpr std::int32_t kMaxRows = 9;
+  double omega[kMaxRows];
+  const std::int32_t rows = count < kMaxRows ? count : kMaxRows;
+  for (std::int32_t k = 0; k < rows; ++k) {
+    omega[k] = (g_flickerFreq[k] * 6.28318530718 * line_length) / pclk;
+  }
+  for (std::int32_t k = 0; k < rows; ++k) {
+    double n = 0.0;
+    std::int32_t* row = cosTable + static_cast<std::int64_t>(k) * width;
+    for (std::int32_t i = 0; i < width; ++i, n += 1.0) row[i] = round_away(255.0 * std::cos(omega[k] * n));
+  }
+  for (std::int32_t k = 0; k < rows; ++k) {
+    double n = 0.0;
+    std::int32_t* row = sinTable + static_cast<std::int64_t>(k) * width;
+    for (std::int32_t i = 0; i < width; ++i, n += 1.0) row[i] = round_away(255.0 * std::sin(omega[k] * n));
+  }
+}
