@@ -69,6 +69,10 @@ TEST(Recording, AcceptsCommentsBlankLinesAndCrLf) {
   }
   const Recording r = ParseRecording(crlf, "x");
   EXPECT_EQ(r.frames[1].grid[5], 1023);
+  // The closing line may lack its newline.
+  std::string bare = kSmallText;
+  bare.pop_back();
+  EXPECT_EQ(ParseRecording(bare, "x").frames.size(), 2u);
 }
 
 struct BadFile {
@@ -108,6 +112,7 @@ INSTANTIATE_TEST_SUITE_P(
         BadFile{"missing frame", "frame 1 exposure 0.0083333333333333332\n7 8\n9 10\n11 1023\n", "",
                 "2 frames announced, 1 found"},
         BadFile{"missing end", "end\n", "", "'end' expected"},
+        BadFile{"cut in a line", "11 1023\nend\n", "11 10", "truncated: the file ends in the middle of a line"},
         BadFile{"text after end", "end\n", "end\nmore\n", "unexpected text after 'end'"},
         BadFile{"field order", "line_length 6000\ncolumn_length 1250", "column_length 1250\nline_length 6000",
                 "expected 'line_length <value>'"},

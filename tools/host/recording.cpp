@@ -3,6 +3,7 @@
 // version 1, described in docs/recording-format.md).
 #include "host/recording.h"
 
+#include <algorithm>
 #include <charconv>
 #include <cmath>
 #include <cstdio>
@@ -199,6 +200,17 @@ std::string FormatRecording(const Recording& r) {
 }
 
 Recording ParseRecording(const std::string& text, const std::string& name) {
+  // Every line ends with a newline, the last one ("end") possibly excepted: anything else is a
+  // file cut short in the middle of a line.
+  if (!text.empty() && text.back() != '\n') {
+    std::string_view tail(text);
+    tail = tail.substr(tail.rfind('\n') == std::string_view::npos ? 0 : tail.rfind('\n') + 1);
+    while (!tail.empty() && (tail.back() == ' ' || tail.back() == '\t' || tail.back() == '\r')) tail.remove_suffix(1);
+    if (tail != "end") {
+      const auto line = std::count(text.begin(), text.end(), '\n') + 1;
+      throw HostError(name + ":" + std::to_string(line) + ": truncated: the file ends in the middle of a line");
+    }
+  }
   Lines lines(text, name);
   Recording r;
   std::string_view line;
