@@ -3,7 +3,11 @@
 // two-candidate robust estimate.
 #include "standard/standard.h"
 
+#include <vector>
+
+#include "decision/decision.h"
 #include "fixed_point.h"
+#include "interface/interface.h"
 
 void flicker_partial_sums(const std::int32_t* signal, std::int32_t length, std::int32_t k,
                           std::int32_t column, std::int64_t& re, std::int64_t& im) {
@@ -68,8 +72,9 @@ void flicker_interpolation(std::int32_t* signal, std::int32_t* segment_lengths,
     } else if (c > 0) {
       steps = c + 1;
     }
-    if (steps >= 2) {
-      const std::int32_t s0 = pos + len - 1 + (a < 0 ? a : 0);  // last good sample before the gap
+    const std::int32_t s0 = pos + len - 1 + (a < 0 ? a : 0);  // last good sample before the gap
+    // A gap starting before the signal cannot come from the alignment's layout: left alone.
+    if (steps >= 2 && s0 >= 0) {
       const std::int64_t left = signal[s0];
       const std::int64_t right = signal[s0 + steps];
       // Q26 reciprocal of the step count, so the line needs no division per sample.
@@ -80,5 +85,114 @@ void flicker_interpolation(std::int32_t* signal, std::int32_t* segment_lengths,
       }
     }
     pos += len;
+  }
+}
+
+namespace {
+
+// Segments of one robust estimate: the alignment splits a frame into at most kMaxWindows, so
+// 2^16 version choices (9 x 65536 energies, 4.5 MB) is far beyond any real call.
+constexpr std::int32_t kMaxRobustSegments = 16;
+
+// True when samples [first, first + length) sit inside the trigonometric tables.
+bool inside_tables(std::int32_t first, std::int64_t length) {
+  return g_flkTab1 != nullptr && g_flkTab2 != nullptr && first >= 0 &&
+         first + length <= g_flkTabW;
+}
+
+}  // namespace
+
+void flicker_compute_freq(std::int32_t* signal, std::int32_t length, std::int32_t* freq_out) {
+  if (length > 0 && !inside_tables(0, length)) {
+    LogRefusalFlk("flicker_compute_freq", "%d samples beyond the table width %d", length,
+                  g_flkTabW);
+    return;
+  }
+  std::int64_t energies[9];
+  flicker_energies(signal, length, energies);
+  // Largest energy under 2^23 after one shift common to all nine, so their ratios survive.
+  flicker_energies_to_features(energies, 23, freq_out);
+}
+
+void flicker_compute_freq_robust(std::int32_t* version_a, std::int32_t* version_b,
+                                 std::int32_t segment_count, std::int32_t* segment_lengths,
+                                 std::int32_t* freq_out) {
+  // No segments behaves like one empty choice: nine zero energies.
+  const std::int32_t segments = segment_count < 0 ? 0 : segment_count;
+  if (segments > kMaxRobustSegments) {
+    LogRefusalFlk("flicker_compute_freq_robust", "%d segments above %d", segment_count,
+                  kMaxRobustSegments);
+    return;
+  }
+  std::int64_t total = 0;  // 64-bit: the bound check below must not wrap
+  {
+    std::int64_t pos = 0;
+    for (std::int32_t i = 0; i < segments; ++i) {
+      const std::int32_t len = segment_lengths[i];
+      if (len >= 1 && (pos < 0 || !inside_tables(static_cast<std::int32_t>(pos), len))) {
+        LogRefusalFlk("flicker_compute_freq_robust",
+                      "segment %d at %lld of %d samples beyond the table width %d", i,
+                      static_cast<long long>(pos), len, g_flkTabW);
+        return;
+      }
+      // A negative length moves the next segment back, as the alignment's layout says.
+      pos += len;
+      total += len;
+    }
+  }
+  const std::int32_t total_len = fx::low32(total);
+  const std::int32_t b = total_len < 1 ? 1 : fx::bit_count(static_cast<std::uint64_t>(total_len));
+
+  const std::int32_t masks = std::int32_t{1} << segments;
+  // Energies of every version choice q (bit i set: version A for segment i), nine per choice.
+  std::vector<std::int64_t> energies(static_cast<std::size_t>(masks) * 9, 0);
+  std::int64_t cos_a[kMaxRobustSegments], sin_a[kMaxRobustSegments];
+  std::int64_t cos_b[kMaxRobustSegments], sin_b[kMaxRobustSegments];
+  for (std::int32_t k = 0; k < 9; ++k) {
+    std::int32_t pos = 0;
+    for (std::int32_t i = 0; i < segments; ++i) {
+      const std::int32_t len = segment_lengths[i];
+      cos_a[i] = sin_a[i] = cos_b[i] = sin_b[i] = 0;
+      if (len >= 1) {
+        // The table column is the position in the whole signal: phases run on across segments.
+        flicker_partial_sums(version_b + pos, len, k, pos, cos_b[i], sin_b[i]);
+        flicker_partial_sums(version_a + pos, len, k, pos, cos_a[i], sin_a[i]);
+      }
+      pos += len;
+    }
+    for (std::int32_t q = 0; q < masks; ++q) {
+      std::int64_t re = 0;
+      std::int64_t im = 0;
+      for (std::int32_t i = 0; i < segments; ++i) {
+        const bool a = (q >> i) & 1;
+        re += a ? cos_a[i] : cos_b[i];
+        im += a ? sin_a[i] : sin_b[i];
+      }
+      re = fx::rshift_round64(re, b - 1);
+      im = fx::rshift_round64(im, b - 1);
+      energies[static_cast<std::size_t>(q) * 9 + k] =
+          fx::wrap_add64(fx::wrap_mul64(re, re), fx::wrap_mul64(im, im));
+    }
+  }
+
+  std::int64_t largest = -1;
+  for (const std::int64_t e : energies) {
+    if (e > largest) largest = e;
+  }
+  // One shift less than the single estimate's threshold: the largest ends under 2^23 as well.
+  flicker_scale_candidates(energies.data(), masks * 9, largest, 22);
+
+  std::int32_t best_score = 0;
+  std::int32_t scratch[9];
+  for (std::int32_t q = 0; q < masks; ++q) {
+    for (std::int32_t k = 0; k < 9; ++k) {
+      scratch[k] = fx::low32(energies[static_cast<std::size_t>(q) * 9 + k]);
+    }
+    const std::int32_t score = get_current_llr(scratch, 9);
+    // Strictly greater only: the lowest mask (version B everywhere first) wins ties.
+    if (q == 0 || score > best_score) {
+      best_score = score;
+      for (std::int32_t k = 0; k < 9; ++k) freq_out[k] = scratch[k];
+    }
   }
 }

@@ -2,6 +2,9 @@
 // Exhaustive shift search: peak masks, the coarse decimated search and the fine search.
 #include "standard/standard.h"
 
+#include "filterbank/filterbank.h"
+#include "fixed_point.h"
+
 std::int32_t cvector_current_down_working_memory[2000];
 std::int32_t cvector_prev_down_working_memory[2000];
 std::int32_t cvector_out_test_working_memory[10 * 1000];
@@ -12,3 +15,185 @@ std::int32_t* cvector_out_test_ptr_array[10] = {
     cvector_out_test_working_memory + 6 * 1000, cvector_out_test_working_memory + 7 * 1000,
     cvector_out_test_working_memory + 8 * 1000, cvector_out_test_working_memory + 9 * 1000};
 std::int32_t cvector_out_test_length_working_memory[10];
+
+namespace {
+
+// Longest window at working resolution (the candidate rows hold 1000 samples) and at statistics
+// resolution (the decimated arrays hold 2000).
+constexpr std::int32_t kMaxWorkLen = 1000;
+constexpr std::int32_t kMaxFullLen = 2000;
+constexpr std::int32_t kCandidateSlots = 10;
+constexpr std::int32_t kFilterHalf = 6;  // 13-tap low-pass: six taps each side of the centre
+
+// A valid mask position holds exactly 1; anything else (0, stale scratch) is not valid.
+inline bool valid(const std::int64_t* mask, std::int32_t i) { return mask[i] == 1; }
+
+// Low-pass (flicker_filter_s1, unit gain in Q8) and decimate by `step`: the window is mirrored
+// six samples each side, edge sample repeated, into the analysis scratch. Returns the count.
+std::int32_t lowpass_decimate(const std::int32_t* x, std::int32_t len, std::int32_t step,
+                              std::int32_t* out) {
+  std::int32_t* buf = convolve_analysis_working_memory_32;
+  for (std::int32_t j = 0; j < len; ++j) buf[kFilterHalf + j] = x[j];
+  // Only windows shorter than the mirror need the clamp; it keeps the copy inside the input.
+  for (std::int32_t m = 0; m < kFilterHalf; ++m) {
+    buf[kFilterHalf - 1 - m] = x[fx::clamp32(m, 0, len - 1)];
+    buf[kFilterHalf + len + m] = x[fx::clamp32(len - 1 - m, 0, len - 1)];
+  }
+  std::int32_t count = 0;
+  for (std::int32_t i = 0; i < len; i += step) {
+    // 64-bit: 24-bit statistics times a tap sum of 256.
+    std::int64_t acc = 0;
+    for (std::int32_t k = 0; k <= 2 * kFilterHalf; ++k) {
+      acc += std::int64_t{flicker_filter_s1[k]} * buf[i + k];
+    }
+    out[count++] = fx::low32(fx::rshift_round64(acc, 8));
+  }
+  return count;
+}
+
+// The match rule of both stages: more valid pairs always win; an equal, non-zero count wins only
+// with a strictly smaller cost, so the earliest of exact ties stays.
+template <typename Cost>
+bool better(std::int32_t count, Cost cost, std::int32_t best_count, Cost best_cost) {
+  if (count > best_count) return true;
+  return count == best_count && best_count != 0 && cost < best_cost;
+}
+
+}  // namespace
+
+std::int32_t find_peaks(std::int32_t* grad, std::int32_t n, std::int32_t threshold,
+                        std::int64_t* mask) {
+  for (std::int32_t i = 0; i < n; ++i) mask[i] = 0;
+  if (n < 3) return 0;
+  std::int32_t peaks = 0;
+  for (std::int32_t i = 1; i < n - 1; ++i) {
+    const std::int32_t a = fx::wrap_abs32(grad[i]);
+    if (a > threshold && a > fx::wrap_abs32(grad[i - 1]) && a > fx::wrap_abs32(grad[i + 1])) {
+      ++peaks;
+      // Ten samples before the peak and nine after it: the asymmetry is part of the matching.
+      const std::int32_t from = i - 10 < 0 ? 0 : i - 10;
+      const std::int32_t to = i + 10 > n ? n : i + 10;
+      for (std::int32_t j = from; j < to; ++j) mask[j] = 1;
+    }
+  }
+  return peaks;
+}
+
+std::int32_t exhaust_search(std::int32_t* cur, std::int32_t* prev, std::int64_t* curMask,
+                            std::int64_t* prevMask, std::int32_t len, std::int32_t range,
+                            std::int32_t preShift, std::int32_t decShift, std::int32_t fullLen,
+                            std::int32_t& unreliable) {
+  // Outside the working memories' sizes, or shifts no caller uses: no usable shift.
+  if (len < 0 || len > kMaxWorkLen || fullLen > kMaxFullLen || preShift < 0 || decShift < 0 ||
+      preShift + decShift > 8 || range > kMaxFullLen) {
+    unreliable = 1;
+    return 0;
+  }
+  const std::int32_t total_shift = preShift + decShift;
+  const std::int32_t step = std::int32_t{1} << decShift;
+  // Margin 40 statistics samples and range, both rounded up to the decimated grid.
+  const std::int32_t margin =
+      total_shift == 0 ? 40 : ((std::int32_t{1} << total_shift) + 39) >> total_shift;
+  const std::int32_t r = decShift == 0 ? range : (range + step - 1) >> decShift;
+  const std::int32_t upper = ((fullLen - 2 - fx::wrap_shl32(range, preShift)) >> total_shift) - 1;
+
+  lowpass_decimate(cur, len, step, cvector_current_down_working_memory);
+  lowpass_decimate(prev, len, step, cvector_prev_down_working_memory);
+  std::int32_t decimated = 0;
+  for (std::int32_t i = 0; i < len; i += step) {
+    flicker_despike_working_memory_l1[decimated] = curMask[i];
+    flicker_despike_working_memory_l2[decimated] = prevMask[i];
+    ++decimated;
+  }
+
+  if (r < -r - 1) {
+    unreliable = 1;
+    return 0;
+  }
+
+  const std::int32_t* cd = cvector_current_down_working_memory;
+  const std::int32_t* pd = cvector_prev_down_working_memory;
+  const std::int64_t* cm = flicker_despike_working_memory_l1;
+  const std::int64_t* pm = flicker_despike_working_memory_l2;
+  std::int32_t best_shift = 0;
+  std::int32_t best_count = 0;
+  std::int32_t best_cost = 0;
+  // One step further on the negative side than on the positive: -R - 1 .. R.
+  for (std::int32_t s = -r - 1; s <= r; ++s) {
+    std::int32_t count = 0;
+    std::int32_t cost = 0;  // 32-bit as the pair count; wraps only on absurd inputs
+    if (upper > margin) {
+      const std::int32_t cur_off = s < 0 ? 0 : s;
+      const std::int32_t prev_off = s < 0 ? -s : 0;
+      for (std::int32_t j = margin + 1; j < upper; ++j) {
+        const std::int32_t ci = j + cur_off;
+        const std::int32_t pi = j + prev_off;
+        if (valid(cm, ci) && valid(pm, pi)) {
+          ++count;
+          cost = fx::wrap_add32(cost, fx::wrap_abs32(fx::wrap_sub32(cd[ci], pd[pi])));
+        }
+      }
+    }
+    if (better(count, cost, best_count, best_cost)) {
+      best_shift = s;
+      best_count = count;
+      best_cost = cost;
+    }
+  }
+  // A perfect match is taken for flat or saturated data, not for success.
+  unreliable = (best_cost == 0 || best_count == 0) ? 1 : 0;
+  return fx::wrap_shl32(best_shift, decShift);
+}
+
+void exhaust_search_fine(std::int32_t* cur, std::int32_t* prev, std::int64_t* curMask,
+                         std::int64_t* prevMask, std::int32_t len, std::int32_t,
+                         std::int32_t preShift, std::int32_t outShift, std::int32_t halfSpan,
+                         std::int32_t fullLen, std::int32_t coarse, std::int32_t& bestIndex,
+                         std::int32_t** outVec, std::int32_t* outLen) {
+  if (halfSpan + 1 == 0) return;
+  // 2^(halfSpan + 1) - 1 candidates must fit the ten candidate rows.
+  if (halfSpan < 0 || (std::int32_t{2} << halfSpan) - 1 > kCandidateSlots || len < 0 ||
+      len > kMaxWorkLen || preShift < 0 || preShift > 8 || outShift < 0 || outShift > 8 ||
+      coarse < -kMaxFullLen || coarse > kMaxFullLen) {
+    return;
+  }
+  const std::int32_t candidates = (std::int32_t{2} << halfSpan) - 1;
+  const std::int32_t half = (std::int32_t{1} << halfSpan) - 1;
+  // Cost window: 60 statistics samples from the top, 12 plus the coarse shift from the bottom.
+  // The bottom bound follows the coarse shift, not the candidate's, so all candidates share it.
+  const std::int32_t lo = preShift == 0 ? 60 : ((std::int32_t{1} << preShift) + 59) >> preShift;
+  const std::int32_t abs_coarse = coarse < 0 ? fx::wrap_neg32(coarse) : coarse;
+  const std::int32_t hi = (fullLen - 12 - fx::wrap_shl32(abs_coarse, preShift)) >> preShift;
+  const std::int32_t out_mask = (std::int32_t{1} << outShift) - 1;
+
+  std::int32_t best_count = 0;
+  std::int64_t best_cost = 0;
+  for (std::int32_t k = 0; k < candidates; ++k) {
+    const std::int32_t s = coarse - half + k;
+    const std::int32_t overlap = len - (s < 0 ? -s : s);
+    outLen[k] = outShift == 0 ? overlap : (overlap + out_mask) >> outShift;
+    outVec[k] = cvector_out_test_working_memory + k * kMaxWorkLen;
+    std::int32_t* out = outVec[k];
+    const std::int32_t* c = s >= 0 ? cur + s : cur;
+    const std::int32_t* p = s >= 0 ? prev : prev - s;
+    const std::int64_t* cm = s >= 0 ? curMask + s : curMask;
+    const std::int64_t* pm = s >= 0 ? prevMask : prevMask - s;
+    std::int32_t count = 0;
+    std::int64_t cost = 0;  // 64-bit: up to 1000 differences of 32-bit values
+    std::int32_t written = 0;
+    for (std::int32_t j = 0; j < overlap; ++j) {
+      // Log ratio on clamped samples; the cost below sees the raw, unclamped ones.
+      if ((j & out_mask) == 0) out[written++] = flicker_compand(c[j]) - flicker_compand(p[j]);
+      if (j >= lo && j < hi && valid(cm, j) && valid(pm, j)) {
+        const std::int64_t d = std::int64_t{c[j]} - p[j];
+        cost += d < 0 ? -d : d;
+        ++count;
+      }
+    }
+    if (better(count, cost, best_count, best_cost)) {
+      bestIndex = k;
+      best_count = count;
+      best_cost = cost;
+    }
+  }
+}
