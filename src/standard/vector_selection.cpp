@@ -1,3 +1,133 @@
 // SPDX-License-Identifier: Apache-2.0
 // Column selection: per band of windows, the steadiest column of the current frame.
 #include "standard/standard.h"
+
+#include "fixed_point.h"
+
+namespace {
+
+// find_vector keeps its per-column statistics in arrays of this size; the driver refuses wider
+// grids.
+constexpr std::int32_t kMaxColumns = 10;
+
+// The swing pairs are taken one place back, so the first pair of column 0 reads the word just
+// before the column buffer. The exported working memories cannot carry a physical leading word
+// (a host linking them gets its own copy of each array, placed anywhere), so that word is this
+// constant and the buffer is never read before its start.
+constexpr std::int32_t kWordBeforeColumns = 0;
+
+// Decimated rows per column: every eighth row of the band.
+constexpr std::int32_t kDecimation = 8;
+constexpr std::int32_t kSwingThreshold = 100;
+constexpr std::int32_t kDarkMean = 358400;
+
+// Default column when every column is quiet or dark and none has a positive mean. Column 1, not
+// 0, is what the detectors have always used; hosts therefore give at least two columns.
+constexpr std::int32_t kDefaultColumn = 1;
+
+}  // namespace
+
+std::int32_t find_vector(std::int32_t* cols, std::int32_t len, std::int32_t ncols,
+                         std::int32_t thr, std::int32_t minMean) {
+  if (ncols < 1 || ncols > kMaxColumns) return kDefaultColumn;
+  std::int32_t mean[kMaxColumns];
+  std::int32_t count[kMaxColumns];
+
+  for (std::int32_t c = 0; c < ncols; ++c) {
+    std::int32_t* column = cols + static_cast<std::int64_t>(c) * len;
+    // 64-bit: at most 1500 entries of 32 bits.
+    std::int64_t sum = 0;
+    for (std::int32_t i = 0; i < len; ++i) sum += column[i];
+    mean[c] = fx::low32(fx::div_trunc<std::int64_t>(sum, len));
+    for (std::int32_t i = 0; i < len; ++i) column[i] = fx::wrap_sub32(column[i], mean[c]);
+  }
+
+  // Pairs (i - 1, i) for i = 0 .. len - 2 from each column's start: the first pair borrows the
+  // previous column's last (already centred) entry and the column's last entry is never a b.
+  const std::int64_t hi = thr;
+  const std::int64_t lo = -hi;
+  bool all_quiet = true;
+  bool all_dark = true;
+  for (std::int32_t c = 0; c < ncols; ++c) {
+    const std::int64_t base = static_cast<std::int64_t>(c) * len;
+    std::int32_t swings = 0;
+    for (std::int32_t i = 0; i + 1 < len; ++i) {
+      const std::int64_t a = base + i == 0 ? kWordBeforeColumns : cols[base + i - 1];
+      const std::int64_t b = cols[base + i];
+      if ((a < lo && b > hi) || (a > hi && b < lo)) ++swings;
+    }
+    count[c] = swings;
+    all_quiet = all_quiet && swings == 0;
+    all_dark = all_dark && mean[c] < minMean;
+  }
+
+  std::int32_t best = kDefaultColumn;
+  if (!all_quiet && !all_dark) {
+    std::int32_t best_count = 0x7fffffff;
+    std::int32_t best_mean = 0;
+    for (std::int32_t c = 0; c < ncols; ++c) {
+      if (count[c] < best_count || (count[c] == best_count && mean[c] > best_mean)) {
+        best = c;
+        best_count = count[c];
+        best_mean = mean[c];
+      }
+    }
+  } else {
+    std::int32_t best_mean = 0;
+    for (std::int32_t c = 0; c < ncols; ++c) {
+      if (mean[c] > best_mean) {
+        best = c;
+        best_mean = mean[c];
+      }
+    }
+  }
+  return best;
+}
+
+// Not used by the pipelines: the same choice with the pipelines' darkness bound.
+std::int32_t find_vector(std::int32_t* cols, std::int32_t len, std::int32_t ncols,
+                         std::int32_t thr) {
+  return find_vector(cols, len, ncols, thr, kDarkMean);
+}
+
+// Exported for the host interface; motion is not measured here.
+std::int32_t measureMotion(const std::int32_t*, const std::int32_t*, std::uint32_t,
+                           std::int32_t) {
+  return 1;
+}
+
+void vector_selection(const std::int64_t* prev, const std::int64_t* cur, std::int32_t n_win_h,
+                      std::int32_t n_win_w, std::int32_t, std::int32_t win_ht, std::int32_t*,
+                      std::int32_t* outPrev, std::int32_t* outCur) {
+  if (n_win_h < 1) return;
+  const std::int32_t len = win_ht / kDecimation;
+  const std::int64_t band_size = static_cast<std::int64_t>(win_ht) * n_win_w;
+  const std::int64_t grid_size = band_size * n_win_h;
+  for (std::int32_t b = 0; b < n_win_h; ++b) {
+    const std::int64_t band = band_size * b;
+    const std::int64_t* band_cur = cur + band;
+    for (std::int32_t r = 0; r < win_ht; ++r) {
+      for (std::int32_t c = 0; c < n_win_w; ++c) {
+        cvector_out_working_memory[c * win_ht + r] = fx::low32(band_cur[r * n_win_w + c]);
+      }
+    }
+    if (win_ht >= kDecimation) {
+      for (std::int32_t c = 0; c < n_win_w; ++c) {
+        for (std::int32_t j = 0; j < len; ++j) {
+          grad_current_working_memory[c * len + j] =
+              cvector_out_working_memory[c * win_ht + kDecimation * j];
+        }
+      }
+    }
+    const std::int32_t col =
+        find_vector(grad_current_working_memory, len, n_win_w, kSwingThreshold, kDarkMean);
+    // The default column 1 of a one-column grid lies past the grid's end on its last row: the
+    // values past the end read 0.
+    for (std::int32_t r = 0; r < win_ht; ++r) {
+      const std::int64_t at = band + static_cast<std::int64_t>(r) * n_win_w + col;
+      const std::int32_t out = b * win_ht + r;
+      outCur[out] = at < grid_size ? fx::low32(cur[at]) : 0;
+      outPrev[out] = at < grid_size ? fx::low32(prev[at]) : 0;
+    }
+  }
+}

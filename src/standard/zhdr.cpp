@@ -2,6 +2,12 @@
 // zHDR statistics: unpacking the packed words and choosing a column and exposure per band.
 #include "standard/standard.h"
 
+#include <algorithm>
+#include <cstdio>
+
+#include "decision/decision.h"
+#include "fixed_point.h"
+
 std::int32_t ZHDR_LE_SAT_PREV[12];
 std::int32_t ZHDR_LE_SAT_CURR[12];
 std::int32_t ZHDR_SE_SAT_PREV[12];
@@ -11,3 +17,239 @@ std::int32_t ZHDR_LE_NOI_CURR[12];
 std::int32_t ZHDR_SE_NOI_PREV[12];
 std::int32_t ZHDR_SE_NOI_CURR[12];
 std::int32_t ZHDR_LE_SE_SELECT[10];
+
+namespace {
+
+constexpr std::int32_t kCountWindows = 12;  // entries of each saturation and noise array
+constexpr std::int32_t kMaxBands = 10;      // entries of ZHDR_LE_SE_SELECT
+constexpr std::int32_t kMaxCandidates = 2 * kCountWindows;
+
+// Packed word: value in bits 0..23, noise count in 24..35, saturation count in 36..47.
+constexpr std::uint64_t kValueMask = 0xFFFFFF;
+constexpr int kNoiseShift = 24;
+constexpr int kSaturationShift = 36;
+constexpr std::uint64_t kCountMask = 0xFFF;
+
+// Candidate 0's first crossing pair reads the word before the sequences' buffer. The exported
+// working memories cannot carry a physical leading word (a host linking them gets its own copy
+// of each array, placed anywhere), so that word is this constant and the buffer is never read
+// before its start.
+constexpr std::int32_t kWordBeforeSequences = 0;
+
+constexpr std::int32_t kNoValue = 1 << 30;   // "no candidate yet" of the value and crossing scans
+constexpr std::int32_t kFallbackCandidate = 2;
+constexpr std::int32_t kInitialSelection = 1;  // column 0, odd rows
+constexpr std::int32_t kCrossingThreshold = 2560;
+constexpr std::int32_t kBrightMean = 335544;
+
+std::int32_t noise(std::int64_t word) {
+  return static_cast<std::int32_t>((static_cast<std::uint64_t>(word) >> kNoiseShift) & kCountMask);
+}
+std::int32_t saturation(std::int64_t word) {
+  return static_cast<std::int32_t>((static_cast<std::uint64_t>(word) >> kSaturationShift) &
+                                   kCountMask);
+}
+std::int64_t value(std::int64_t word) {
+  return static_cast<std::int64_t>(static_cast<std::uint64_t>(word) & kValueMask);
+}
+
+}  // namespace
+
+void extract_ZHDR_INFO(std::int64_t* prevStats, std::int64_t* curStats, std::int32_t rows,
+                       std::int32_t cols, std::int32_t groups) {
+  for (std::int32_t i = 0; i < kCountWindows; ++i) {
+    ZHDR_LE_SAT_PREV[i] = ZHDR_LE_SAT_CURR[i] = ZHDR_SE_SAT_PREV[i] = ZHDR_SE_SAT_CURR[i] = 0;
+    ZHDR_LE_NOI_PREV[i] = ZHDR_LE_NOI_CURR[i] = ZHDR_SE_NOI_PREV[i] = ZHDR_SE_NOI_CURR[i] = 0;
+  }
+  if (rows < 1 || cols < 1) return;
+  const std::int64_t words = static_cast<std::int64_t>(rows) * cols;
+  if (is_zhdr == 0) {
+    for (std::int64_t i = 0; i < words; ++i) {
+      prevStats[i] = value(prevStats[i]);
+      curStats[i] = value(curStats[i]);
+    }
+    return;
+  }
+  const std::int32_t per_group = fx::div_trunc(rows, groups);
+  const std::int32_t even_rows = per_group & ~1;
+  for (std::int32_t r = 0; r < rows; ++r) {
+    const std::int32_t g = fx::div_trunc(r, even_rows);
+    const bool short_exposure = static_cast<std::int32_t>(r % 2 == 0) != zhdr_gle_first;
+    std::int32_t* sat_prev = short_exposure ? ZHDR_SE_SAT_PREV : ZHDR_LE_SAT_PREV;
+    std::int32_t* sat_cur = short_exposure ? ZHDR_SE_SAT_CURR : ZHDR_LE_SAT_CURR;
+    std::int32_t* noi_prev = short_exposure ? ZHDR_SE_NOI_PREV : ZHDR_LE_NOI_PREV;
+    std::int32_t* noi_cur = short_exposure ? ZHDR_SE_NOI_CURR : ZHDR_LE_NOI_CURR;
+    for (std::int32_t c = 0; c < cols; ++c) {
+      const std::int64_t at = static_cast<std::int64_t>(r) * cols + c;
+      // The driver keeps every window inside the 12 counters; other callers' extra rows are
+      // unpacked without being counted.
+      const std::int64_t w = static_cast<std::int64_t>(g) * cols + c;
+      if (w < kCountWindows) {
+        // 32-bit: at most 6000 rows of 12-bit counts.
+        sat_prev[w] += saturation(prevStats[at]);
+        sat_cur[w] += saturation(curStats[at]);
+        noi_prev[w] += noise(prevStats[at]);
+        noi_cur[w] += noise(curStats[at]);
+      }
+      prevStats[at] = value(prevStats[at]);
+      curStats[at] = value(curStats[at]);
+    }
+  }
+}
+
+std::int32_t find_vector_zHDR(std::int32_t* seqs, std::int32_t len, std::int32_t zeroThr,
+                              std::int32_t meanThr, std::int32_t count, std::int8_t* flags) {
+  if (count > kMaxCandidates) return kFallbackCandidate;
+  std::int32_t mean[kMaxCandidates] = {};
+  std::int32_t crossings[kMaxCandidates] = {};
+  for (std::int32_t k = 0; k < count; ++k) {
+    if (flags[k] == 0) continue;
+    std::int32_t* seq = seqs + static_cast<std::int64_t>(k) * len;
+    std::int32_t sum = 0;  // 32-bit on purpose: wraps like the detectors always have
+    for (std::int32_t i = 0; i < len; ++i) sum = fx::wrap_add32(sum, seq[i]);
+    mean[k] = fx::div_trunc(sum, len);
+    for (std::int32_t i = 0; i < len; ++i) seq[i] = fx::wrap_sub32(seq[i], mean[k]);
+  }
+  // Pairs (i - 1, i) for i = 0 .. len - 2: one position early, so candidate k's first pair
+  // borrows the last value of candidate k - 1 (centred or not, as it stands by now).
+  const std::int64_t hi = zeroThr;
+  const std::int64_t lo = -hi;
+  for (std::int32_t k = 0; k < count; ++k) {
+    if (flags[k] == 0) continue;
+    const std::int64_t base = static_cast<std::int64_t>(k) * len;
+    std::int32_t z = 0;
+    for (std::int32_t i = 0; i + 1 < len; ++i) {
+      const std::int64_t a = base + i == 0 ? kWordBeforeSequences : seqs[base + i - 1];
+      const std::int64_t b = seqs[base + i];
+      if ((a < lo && b > hi) || (a > hi && b < lo)) ++z;
+    }
+    crossings[k] = z;
+  }
+
+  bool same_crossings = true;
+  bool small_means = true;
+  for (std::int32_t k = 0; k < count; ++k) {
+    if (flags[k] == 0) continue;
+    if (k < count - 1) same_crossings = same_crossings && crossings[k] == crossings[k + 1];
+    small_means = small_means && mean[k] < meanThr;
+  }
+
+  std::int32_t best = kFallbackCandidate;
+  if (small_means || same_crossings) {
+    std::int32_t best_mean = 0;
+    for (std::int32_t k = 0; k < count; ++k) {
+      if (flags[k] != 0 && mean[k] > best_mean) {
+        best = k;
+        best_mean = mean[k];
+      }
+    }
+  } else {
+    std::int32_t best_crossings = kNoValue;
+    std::int32_t best_mean = 0;
+    for (std::int32_t k = 0; k < count; ++k) {
+      if (flags[k] == 0) continue;
+      if (crossings[k] < best_crossings ||
+          (crossings[k] == best_crossings && mean[k] > best_mean)) {
+        best = k;
+        best_crossings = crossings[k];
+        best_mean = mean[k];
+      }
+    }
+  }
+  return best;
+}
+
+void vector_selection_zHDR(const std::int64_t* prevStats, const std::int64_t* curStats,
+                           std::int32_t n_win_h, std::int32_t n_win_w, std::int32_t win_wd,
+                           std::int32_t win_ht, std::int32_t* prevOut, std::int32_t* curOut) {
+  // The counters hold 12 windows, the selection 10 bands and the transposed band 12000 values;
+  // the driver refuses larger grids.
+  if (n_win_w < 1 || n_win_h > kMaxBands ||
+      static_cast<std::int64_t>(n_win_h) * n_win_w > kCountWindows ||
+      static_cast<std::int64_t>(win_ht) * n_win_w > 12000) {
+    return;
+  }
+  const std::int32_t count = 2 * n_win_w;
+  std::int8_t flags[kMaxCandidates];
+  std::int32_t values[kMaxCandidates];
+  std::fputs("zHDR_vector_selection: ", stdout);
+
+  const std::int32_t t = fx::div_trunc(fx::wrap_mul32(win_ht, win_wd), 80);
+  const bool even_is_le = zhdr_gle_first == 1;
+  const std::int64_t grid_size = static_cast<std::int64_t>(n_win_h) * win_ht * n_win_w;
+  std::int32_t s = kInitialSelection;
+  for (std::int32_t h = 0; h < n_win_h; ++h) {
+    std::int32_t flagged = 0;
+    for (std::int32_t c = 0; c < n_win_w; ++c) {
+      const std::int32_t w = h * n_win_w + c;
+      const bool le_ok = ZHDR_LE_SAT_PREV[w] < t && ZHDR_LE_NOI_PREV[w] < t &&
+                         ZHDR_LE_SAT_CURR[w] < t && ZHDR_LE_NOI_CURR[w] < t;
+      const bool se_ok = ZHDR_SE_SAT_PREV[w] < t && ZHDR_SE_NOI_PREV[w] < t &&
+                         ZHDR_SE_SAT_CURR[w] < t && ZHDR_SE_NOI_CURR[w] < t && zhdr_se_small == 0;
+      const std::int32_t le_value =
+          std::max(fx::wrap_add32(ZHDR_LE_SAT_PREV[w], ZHDR_LE_NOI_PREV[w]),
+                   fx::wrap_add32(ZHDR_LE_SAT_CURR[w], ZHDR_LE_NOI_CURR[w]));
+      const std::int32_t se_value =
+          std::max(fx::wrap_add32(ZHDR_SE_SAT_PREV[w], ZHDR_SE_NOI_PREV[w]),
+                   fx::wrap_add32(ZHDR_SE_SAT_CURR[w], ZHDR_SE_NOI_CURR[w]));
+      // Candidate 2c takes the even rows, 2c + 1 the odd ones.
+      flags[2 * c] = static_cast<std::int8_t>(even_is_le ? le_ok : se_ok);
+      flags[2 * c + 1] = static_cast<std::int8_t>(even_is_le ? se_ok : le_ok);
+      values[2 * c] = even_is_le ? le_value : se_value;
+      values[2 * c + 1] = even_is_le ? se_value : le_value;
+      flagged += flags[2 * c] + flags[2 * c + 1];
+    }
+
+    if (flagged == 1) {
+      for (std::int32_t k = 0; k < count; ++k) {
+        if (flags[k] != 0) s = k;
+      }
+    } else if (flagged == 0) {
+      std::int32_t best_value = kNoValue;
+      for (std::int32_t k = 0; k < count; ++k) {
+        // A dark short exposure leaves only the long-exposure candidates.
+        const bool long_exposure = static_cast<std::int32_t>(k % 2 == 0) == zhdr_gle_first;
+        if (zhdr_se_small != 0 && !long_exposure) continue;
+        if (values[k] < best_value) {
+          best_value = values[k];
+          s = k;
+        }
+      }
+    } else {
+      const std::int64_t band = static_cast<std::int64_t>(h) * win_ht * n_win_w;
+      for (std::int32_t c = 0; c < n_win_w; ++c) {
+        for (std::int32_t i = 0; i < win_ht; ++i) {
+          cvector_out_working_memory[c * win_ht + i] =
+              fx::low32(curStats[band + static_cast<std::int64_t>(i) * n_win_w + c]);
+        }
+      }
+      const std::int32_t len = win_ht > 7 ? win_ht >> 3 : 0;
+      if (len > 0) {
+        for (std::int32_t c = 0; c < n_win_w; ++c) {
+          const std::int32_t* column = cvector_out_working_memory + c * win_ht;
+          std::int32_t* even = ovector_out_working_memory + 2 * c * len;
+          std::int32_t* odd = even + len;
+          for (std::int32_t j = 0; j < len; ++j) {
+            even[j] = column[8 * j];
+            odd[j] = column[8 * j + 1];
+          }
+        }
+      }
+      s = find_vector_zHDR(ovector_out_working_memory, len, kCrossingThreshold, kBrightMean,
+                           count, flags);
+    }
+
+    std::printf("%d ", s);
+    ZHDR_LE_SE_SELECT[h] = s % 2;
+    const std::int32_t column = s / 2;
+    // Candidate 2 on a one-column grid names column 1: values past the grid's end read 0.
+    for (std::int32_t i = 0; i < win_ht; ++i) {
+      const std::int64_t at =
+          (static_cast<std::int64_t>(h) * win_ht + i) * n_win_w + column;
+      const std::int32_t out = h * win_ht + i;
+      curOut[out] = at < grid_size ? fx::low32(curStats[at]) : 0;
+      prevOut[out] = at < grid_size ? fx::low32(prevStats[at]) : 0;
+    }
+  }
+  std::printf("\n");
+}
