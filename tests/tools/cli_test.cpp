@@ -104,7 +104,7 @@ INSTANTIATE_TEST_SUITE_P(
                       BadArgs{{"replay"}, "replay needs a recording file"},
                       BadArgs{{"replay", "r.kfr", "--mains", "50"}, "--mains is a simulate option"},
                       BadArgs{{"--type", "1", "--zhdr"}, "--zhdr applies to sensor type 0 only"},
-                      BadArgs{{"--win-ht", "800"}, "the statistics cover 9600 sensor lines"},
+                      BadArgs{{"--win-ht", "1100"}, "the statistics cover 3300 sensor lines"},
                       BadArgs{{"--type", "2", "--block-height", "0"}, "--block-height: 0 is out of range"}));
 
 TEST_F(CliTest, HelpAndVersion) {
@@ -169,6 +169,21 @@ TEST_F(CliTest, FailuresWriteNothing) {
   // An output that cannot be written: the error names it, and nothing else is left behind.
   EXPECT_EQ(Run({"--type", "1", "--frames", "3", "--csv", Path("no/such/dir.csv")}), 1);
   EXPECT_NE(err_.str().find("cannot write "), std::string::npos);
+}
+
+// The default scenario is the demonstration: a standard sensor in the 50 Hz state sees 60 Hz
+// light and switches.
+TEST_F(CliTest, DefaultScenarioSwitches) {
+  ASSERT_EQ(Run({}), 0) << err_.str();
+  const std::string text = out_.str();
+  EXPECT_EQ(text.rfind("kestrel-flicker simulate: standard sensor (type 0), 60 Hz mains light (modulation 25%), "
+                       "starting in the 50 Hz state at 10.000 ms\n"
+                       "timing: 37.500 ms frames (26.67 fps) = 4.50 periods of 120 Hz light;",
+                       0),
+            0u)
+      << text;
+  EXPECT_NE(text.find("summary: switched from 50 Hz to 60 Hz at frame "), std::string::npos) << text;
+  EXPECT_NE(text.find("switch to 60 Hz: SET_STATE 1, RESET_QUEUE, exposure 10.000 ms -> 8.333 ms"), std::string::npos);
 }
 
 TEST(JsonString, Escapes) {

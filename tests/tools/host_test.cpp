@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <string>
 
 #include "host/error.h"
@@ -57,12 +58,13 @@ void ExpectOneConfirmedSwitch(std::int32_t type) {
   EXPECT_EQ(after.note, "warming up (1 scored)");
 }
 
+TEST_F(HostTest, StandardSwitchesOnceAndSettles) { ExpectOneConfirmedSwitch(0); }
 TEST_F(HostTest, SonySwitchesOnceAndSettles) { ExpectOneConfirmedSwitch(1); }
 TEST_F(HostTest, TwoByFiveSwitchesOnceAndSettles) { ExpectOneConfirmedSwitch(2); }
 
 // The right state already, or no flicker at all: nothing to do.
 TEST_F(HostTest, NoSwitchWithoutTheOtherMains) {
-  for (std::int32_t type : {1, 2}) {
+  for (std::int32_t type : {0, 1, 2}) {
     for (double mains : {0.0, 50.0}) {
       SceneSetup scene;
       scene.mains_hz = mains;
@@ -75,7 +77,7 @@ TEST_F(HostTest, NoSwitchWithoutTheOtherMains) {
 
 // Replaying a recording gives the simulation's own per-frame results, figure for figure.
 TEST_F(HostTest, RecordReplayRoundTrip) {
-  for (std::int32_t type : {1, 2}) {
+  for (std::int32_t type : {0, 1, 2}) {
     SceneSetup scene;
     scene.motion = 1.5;
     Recording recording;
@@ -97,6 +99,29 @@ TEST_F(HostTest, RecordReplayRoundTrip) {
       EXPECT_EQ(a.note, b.note) << "frame " << a.frame;
     }
     EXPECT_EQ(again.first_switch_frame, live.first_switch_frame);
+  }
+}
+
+// The other way round: a camera in the 60 Hz state under 50 Hz light goes to 50 Hz.
+TEST_F(HostTest, SixtyToFifty) {
+  for (std::int32_t type : {0, 1, 2}) {
+    SceneSetup scene;
+    scene.mains_hz = 50.0;
+    const RunResult run = Simulate(DefaultSensor(type), scene, 20, 1.0 / 120.0, 60, false, nullptr);
+    EXPECT_EQ(run.final_state_hz, 50) << "type " << type;
+    ASSERT_GE(run.first_switch_frame, 3);
+    EXPECT_NEAR(run.results[static_cast<std::size_t>(run.first_switch_frame) - 1].next_exposure_s, 0.010, 1e-15);
+  }
+}
+
+// A frame period of four 120 Hz periods (30 frames/s) leaves the bands where they were: the
+// ratio of two frames cancels them with the scene, and nothing can be detected.
+TEST_F(HostTest, BandsStandingStillDoNotSwitch) {
+  for (std::int32_t type : {0, 1, 2}) {
+    SensorSetup sensor = DefaultSensor(type);
+    sensor.column_length = static_cast<std::int32_t>(std::lround(sensor.pclk / (sensor.line_length * 30.0)));
+    const RunResult run = Simulate(sensor, SceneSetup{}, 20, 0.010, 50, false, nullptr);
+    EXPECT_EQ(run.switches, 0) << "type " << type;
   }
 }
 

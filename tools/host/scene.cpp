@@ -50,11 +50,7 @@ std::vector<double> Texture(std::mt19937& rng, std::int32_t length, double amp) 
 
 std::int32_t SensorSetup::StatRows() const { return type == 2 ? win_ht : n_win_h * win_ht; }
 
-std::int32_t SensorSetup::LinesPerRow() const {
-  if (type == 0) return 4;
-  if (type == 2) return block_height;
-  return 1;
-}
+std::int32_t SensorSetup::LinesPerRow() const { return type == 2 ? block_height : 1; }
 
 std::int64_t SensorSetup::GridSize() const {
   return static_cast<std::int64_t>(StatRows()) * n_win_w;
@@ -89,14 +85,14 @@ SensorSetup DefaultSensor(std::int32_t type, bool zhdr) {
       s.n_win_w = 8;
       s.win_ht = 600;
       break;
-    default:  // one statistic per 4 lines, 600 rows in 3 bands (2400 of 3000 lines)
+    default:  // one statistic per line, 2400 of 3000 lines in 3 bands
       s.type = 0;
       s.line_length = 2500;
       s.column_length = 3000;
       s.window_width = 64;
       s.n_win_h = 3;
       s.n_win_w = zhdr ? 4 : 8;  // the zHDR counts hold 12 windows
-      s.win_ht = 200;
+      s.win_ht = 800;
       s.zhdr = zhdr;
       break;
   }
@@ -208,7 +204,7 @@ Frame SceneSimulator::Generate(std::int32_t index, double exposure_s) {
 
   // Pixels summed into one statistic, and so the noise of one pixel group's mean.
   double pixels = 1.0;
-  if (sensor_.type == 0) pixels = 4.0 * (sensor_.window_width >> 1);
+  if (sensor_.type == 0) pixels = sensor_.window_width >> 1;
   if (sensor_.type == 1) pixels = sensor_.window_width;
   if (sensor_.type == 2) {
     pixels = static_cast<double>(sensor_.block_height) * sensor_.window_width;

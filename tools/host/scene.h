@@ -22,7 +22,7 @@ struct SensorSetup {
   std::int32_t green_only = 0;       // "2x5" statistics sum green pixels only
   std::int32_t n_win_h = 3;          // bands of windows
   std::int32_t n_win_w = 8;          // columns of windows
-  std::int32_t win_ht = 200;         // rows per band ("2x5": rows of the whole frame)
+  std::int32_t win_ht = 800;         // rows per band ("2x5": rows of the whole frame)
   bool zhdr = false;                 // type 0: words carry zHDR long/short rows and counts
   bool zhdr_gle_first = true;        // even statistics rows are the long exposure
   bool zhdr_se_small = false;        // the library must not use the short exposure
