@@ -4,7 +4,9 @@
 
 #include <gtest/gtest.h>
 
+#include <cctype>
 #include <filesystem>
+#include <ostream>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -77,6 +79,10 @@ struct BadArgs {
   const char* message;
 };
 
+void PrintTo(const BadArgs& c, std::ostream* os) {
+  for (const std::string& a : c.args) *os << a << ' ';
+}
+
 class BadCommandLine : public ::testing::TestWithParam<BadArgs> {};
 
 TEST_P(BadCommandLine, ExitsTwoWithTheReason) {
@@ -105,7 +111,17 @@ INSTANTIATE_TEST_SUITE_P(
                       BadArgs{{"replay", "r.kfr", "--mains", "50"}, "--mains is a simulate option"},
                       BadArgs{{"--type", "1", "--zhdr"}, "--zhdr applies to sensor type 0 only"},
                       BadArgs{{"--win-ht", "1100"}, "the statistics cover 3300 sensor lines"},
-                      BadArgs{{"--type", "2", "--block-height", "0"}, "--block-height: 0 is out of range"}));
+                      BadArgs{{"--type", "2", "--block-height", "0"}, "--block-height: 0 is out of range"}),
+    [](const ::testing::TestParamInfo<BadArgs>& info) {
+      std::string name;
+      for (const std::string& a : info.param.args) {
+        for (char c : a) {
+          if (std::isalnum(static_cast<unsigned char>(c))) name += c;
+        }
+        name += '_';
+      }
+      return name + std::to_string(info.index);
+    });
 
 TEST_F(CliTest, HelpAndVersion) {
   EXPECT_EQ(Run({"--help"}), 0);

@@ -4,8 +4,10 @@
 
 #include <gtest/gtest.h>
 
+#include <cctype>
 #include <cstdio>
 #include <filesystem>
+#include <ostream>
 #include <string>
 
 #include "host/error.h"
@@ -81,6 +83,8 @@ struct BadFile {
   const char* message;   // expected part of the error
 };
 
+void PrintTo(const BadFile& c, std::ostream* os) { *os << c.what; }
+
 class BadRecording : public ::testing::TestWithParam<BadFile> {};
 
 TEST_P(BadRecording, SaysWhatIsWrong) {
@@ -126,7 +130,15 @@ INSTANTIATE_TEST_SUITE_P(
         BadFile{"frame out of order", "frame 1 exposure", "frame 5 exposure", "frame 5 found where frame 1"},
         BadFile{"zHDR on SONY", "zhdr 0", "zhdr 1", "zHDR statistics exist only for sensor type 0"},
         BadFile{"rows beyond the frame", "column_length 1250", "column_length 2",
-                "the statistics cover 3 sensor lines"}));
+                "the statistics cover 3 sensor lines"}),
+    [](const ::testing::TestParamInfo<BadFile>& info) {
+      std::string name;
+      for (const char* c = info.param.what; *c != '\0'; ++c) {
+        if (std::isalnum(static_cast<unsigned char>(*c))) name += *c;
+        if (*c == ' ') name += '_';
+      }
+      return name;
+    });
 
 TEST(Recording, MissingFile) {
   try {

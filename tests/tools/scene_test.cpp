@@ -7,6 +7,8 @@
 
 #include <cmath>
 #include <numbers>
+#include <ostream>
+#include <string>
 #include <vector>
 
 namespace kestrel_host {
@@ -75,6 +77,10 @@ struct BandCase {
   bool banded;
 };
 
+void PrintTo(const BandCase& c, std::ostream* os) {
+  *os << c.mains_hz << " Hz mains, " << c.exposure_s * 1e3 << " ms" << (c.banded ? ", banded" : ", flat");
+}
+
 class Banding : public ::testing::TestWithParam<BandCase> {};
 
 // Along the rows of one frame, the light has its energy at twice the mains frequency, unless
@@ -98,7 +104,11 @@ INSTANTIATE_TEST_SUITE_P(Scene, Banding,
                                            BandCase{60.0, 1.0 / 120.0, false},
                                            BandCase{60.0, 2.0 / 120.0, false},
                                            BandCase{50.0, 0.010, false}, BandCase{50.0, 0.020, false},
-                                           BandCase{0.0, 0.007, false}));
+                                           BandCase{0.0, 0.007, false}),
+                         [](const ::testing::TestParamInfo<BandCase>& info) {
+                           return "Mains" + std::to_string(static_cast<int>(info.param.mains_hz)) + "Exposure" +
+                                  std::to_string(static_cast<int>(std::lround(info.param.exposure_s * 1e6))) + "us";
+                         });
 
 // The default timing moves the bands between frames; a frame of exactly four 120 Hz periods
 // (33.333 ms) leaves them where they were.
