@@ -194,7 +194,8 @@ TEST_F(CliTest, DefaultScenarioSwitches) {
   const std::string text = out_.str();
   EXPECT_EQ(text.rfind("kestrel-flicker simulate: standard sensor (type 0), 60 Hz mains light (modulation 25%), "
                        "starting in the 50 Hz state at 10.000 ms\n"
-                       "timing: 37.500 ms frames (26.67 fps) = 4.50 periods of 120 Hz light;",
+                       "timing: 37.500 ms frames (26.67 fps) = 4.50 periods of 120 Hz light\n"
+                       "statistics: 2400 rows (2400 of the 3000 lines), 3 bands x 8 windows 64 pixels wide\n",
                        0),
             0u)
       << text;

@@ -72,9 +72,11 @@ std::string TimingLine(const SensorSetup& s, double mains_hz) {
     if (std::fabs(drift) < 0.02) text += " (a whole number: the bands stand still from frame to frame)";
   }
   const std::int64_t lines = static_cast<std::int64_t>(s.StatRows()) * s.LinesPerRow();
-  text += "; " + std::to_string(lines) + " of " + std::to_string(s.column_length) + " lines in " +
-          std::to_string(s.StatRows()) + " statistics rows, " + std::to_string(s.n_win_h) + " bands x " +
-          std::to_string(s.n_win_w) + " windows";
+  text += "\nstatistics: " + std::to_string(s.StatRows()) + " rows";
+  if (s.LinesPerRow() > 1) text += " of " + std::to_string(s.LinesPerRow()) + " lines";
+  text += " (" + std::to_string(lines) + " of the " + std::to_string(s.column_length) + " lines), " +
+          std::to_string(s.n_win_h) + " bands x " + std::to_string(s.n_win_w) + " windows " +
+          std::to_string(s.window_width) + " pixels wide";
   if (s.zhdr) text += ", zHDR";
   return text + "\n";
 }
@@ -119,7 +121,7 @@ simulate, the camera:
   --hdr-ratio X       zHDR long / short exposure ratio                             [8]
   --state HZ          flicker setting the camera starts in: 50 or 60               [50]
   --exposure MS       exposure time [one flicker period of the starting state]
-  --frames N          frames to simulate                                           [30]
+  --frames N          frames to simulate                                           [20]
   --line-length N     pixel clocks per line          --pclk HZ   pixel clock
   --frame-length N    lines per frame (column_length) --fps X    sets the frame length
   --windows HxW       bands x columns of statistics windows

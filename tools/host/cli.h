@@ -31,7 +31,7 @@ struct CliOptions {
   std::optional<std::int32_t> n_win_h, n_win_w, win_ht;
   std::optional<double> pclk, fps;
   SceneSetup scene;
-  std::int32_t frames = 30;
+  std::int32_t frames = 20;
   std::optional<double> exposure_ms;
   std::optional<std::int32_t> state_hz;
   std::string record_file, csv_file;
