@@ -1,10 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 // SONY sub-pixel alignment: quarter-sample shifts scored on Laplacians of the log vectors.
-#include "sony/sony.h"
-
 #include "decision/decision.h"
 #include "fixed_point.h"
 #include "interface/interface.h"
+#include "sony/sony.h"
 #include "standard/standard.h"
 
 std::int32_t ovector_out_tmp_working_memory[2000];
@@ -29,15 +28,16 @@ void convolve_Laplacian_filter_SONY(std::int32_t* in, std::int32_t* out, std::in
     return;
   }
   out[0] = wrap_add32(wrap_add32(wrap_mul32(-3, in[0]), wrap_mul32(2, in[1])), in[2]);
-  out[1] = wrap_add32(wrap_add32(wrap_mul32(2, in[0]), wrap_mul32(-4, in[1])),
-                      wrap_add32(in[2], in[3]));
+  out[1] =
+      wrap_add32(wrap_add32(wrap_mul32(2, in[0]), wrap_mul32(-4, in[1])), wrap_add32(in[2], in[3]));
   for (std::int32_t i = 2; i < n - 2; ++i) {
     out[i] = wrap_add32(wrap_add32(wrap_add32(in[i - 2], in[i - 1]), wrap_mul32(-4, in[i])),
                         wrap_add32(in[i + 1], in[i + 2]));
   }
   out[n - 2] = wrap_add32(wrap_add32(in[n - 4], in[n - 3]),
                           wrap_add32(wrap_mul32(-4, in[n - 2]), wrap_mul32(2, in[n - 1])));
-  out[n - 1] = wrap_add32(wrap_add32(in[n - 3], wrap_mul32(2, in[n - 2])), wrap_mul32(-3, in[n - 1]));
+  out[n - 1] =
+      wrap_add32(wrap_add32(in[n - 3], wrap_mul32(2, in[n - 2])), wrap_mul32(-3, in[n - 1]));
 }
 
 void subpixel_shift_vec_SONY(std::int32_t* in, std::int32_t* out, std::int32_t n,
@@ -61,8 +61,8 @@ void subpixel_shift_vec_SONY(std::int32_t* in, std::int32_t* out, std::int32_t n
     const std::int32_t inner = n - q - 1;  // interpolated outputs
     if (shift > 0) {
       for (std::int32_t k = 0; k < inner; ++k) {
-        const std::int32_t mix = wrap_add32(wrap_add32(half, wrap_mul32(in[q + k], keep)),
-                                            wrap_mul32(in[q + k + 1], r));
+        const std::int32_t mix =
+            wrap_add32(wrap_add32(half, wrap_mul32(in[q + k], keep)), wrap_mul32(in[q + k + 1], r));
         out[k] = fx::div_trunc(mix, den);
       }
       for (std::int32_t k = inner < 0 ? 0 : inner; k < n; ++k) out[k] = in[n - 1];
@@ -70,8 +70,8 @@ void subpixel_shift_vec_SONY(std::int32_t* in, std::int32_t* out, std::int32_t n
       const std::int32_t lead = q + 1 < n ? q + 1 : n;
       for (std::int32_t k = 0; k < lead; ++k) out[k] = in[0];
       for (std::int32_t k = 0; k < inner; ++k) {
-        const std::int32_t mix = wrap_add32(wrap_add32(half, wrap_mul32(in[k], r)),
-                                            wrap_mul32(in[k + 1], keep));
+        const std::int32_t mix =
+            wrap_add32(wrap_add32(half, wrap_mul32(in[k], r)), wrap_mul32(in[k + 1], keep));
         out[q + 1 + k] = fx::div_trunc(mix, den);
       }
     }
@@ -121,8 +121,7 @@ bool offsets_spread(const std::int32_t* offsets, std::int32_t n) {
 
 }  // namespace
 
-std::int32_t check_AE_stable_SONY(std::int32_t n, std::int32_t* curStats,
-                                  std::int32_t* prevStats) {
+std::int32_t check_AE_stable_SONY(std::int32_t n, std::int32_t* curStats, std::int32_t* prevStats) {
   return exposure_stable_logged(curStats, prevStats, n) ? 1 : 0;
 }
 
@@ -141,8 +140,8 @@ void align_flicker_SONY_subpixel(std::int32_t* curStats, std::int32_t* prevStats
   // The driver refuses these geometries; a direct caller gets the same protection.
   const std::int64_t covered = std::int64_t{numWindows} * windowLength;
   if (numWindows < 0 || numWindows > kSonyMaxWindows ||
-      (numWindows > 0 && (windowLength < kSonyMinWindowRows ||
-                          windowLength > kSonyMaxWindowRows)) ||
+      (numWindows > 0 &&
+       (windowLength < kSonyMinWindowRows || windowLength > kSonyMaxWindowRows)) ||
       covered > totalLength || totalLength > kSonyMaxRows ||
       (totalLength > 0 && totalLength < kSonyMinRows) || totalLength > g_flkTabW ||
       g_flkCompTab == nullptr) {

@@ -1,12 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 // SONY despike: two-level split, first-difference spike test, rebuild with the fine detail.
-#include "sony/sony.h"
-
 #include <cstdint>
 
 #include "filterbank/filterbank.h"
 #include "fixed_point.h"
 #include "interface/interface.h"
+#include "sony/sony.h"
 
 namespace {
 // Raw first difference that marks a spike (41 counts; 40 is still signal).

@@ -1,13 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 // SONY detection driver: tone curve, width scaling, column selection and the sequential test.
-#include "sony/sony.h"
-
 #include <cstdio>
 #include <vector>
 
 #include "decision/decision.h"
 #include "fixed_point.h"
 #include "interface/interface.h"
+#include "sony/sony.h"
 #include "standard/standard.h"
 
 namespace {
@@ -15,10 +14,10 @@ namespace {
 // The gamma-like tone curve: seven knots doubling in input, an end value of 2^outBits (not
 // 2^outBits - 1) and a clip to 2^outBits - 1. Unsigned 64-bit products and shifts.
 struct ToneCurve {
-  std::int32_t bits;      // inBits
-  std::uint64_t top;      // 2^outBits - 1
-  std::uint64_t y[9];     // y[1..7] knot outputs, y[8] = 2^outBits
-  std::uint64_t in_max;   // 2^inBits - 1
+  std::int32_t bits;     // inBits
+  std::uint64_t top;     // 2^outBits - 1
+  std::uint64_t y[9];    // y[1..7] knot outputs, y[8] = 2^outBits
+  std::uint64_t in_max;  // 2^inBits - 1
 
   ToneCurve(std::int32_t in_bits, std::int32_t out_bits) : bits(in_bits) {
     static constexpr std::uint64_t kKnotP[7] = {20, 29, 42, 62, 88, 126, 180};
@@ -36,16 +35,14 @@ struct ToneCurve {
     // Segment 0 spans x_1 = 2^(b-7) inputs: slope y1 / x_1 with rounding half up.
     const std::int32_t first_log2 = bits - 7;
     if (v <= (std::uint64_t{1} << first_log2)) {
-      return static_cast<std::int32_t>((v * y[1] + (std::uint64_t{1} << (bits - 8))) >>
-                                       first_log2);
+      return static_cast<std::int32_t>((v * y[1] + (std::uint64_t{1} << (bits - 8))) >> first_log2);
     }
     // Segment k spans x_k = 2^(b-8+k) inputs, from x_k to 2 x_k.
     std::int32_t k = 1;
     while (k < 7 && v > (std::uint64_t{2} << (bits - 8 + k))) ++k;
     const std::int32_t width_log2 = bits - 8 + k;
     const std::uint64_t from = std::uint64_t{1} << width_log2;
-    std::uint64_t out =
-        y[k] + (((v - from) * (y[k + 1] - y[k]) + (from >> 1)) >> width_log2);
+    std::uint64_t out = y[k] + (((v - from) * (y[k + 1] - y[k]) + (from >> 1)) >> width_log2);
     if (out > top) out = top;
     return static_cast<std::int32_t>(out);
   }
@@ -71,14 +68,13 @@ bool geometry_fits(std::int32_t n_win_h, std::int32_t n_win_w, std::int32_t win_
   }
   if (n_win_h == 0) return true;  // nothing to select: the exposure check rejects the frame
   if (win_ht < kSonyMinWindowRows || win_ht > kSonyMaxWindowRows) {
-    std::snprintf(why, size, "win_ht %d outside %d..%d rows per window", win_ht,
-                  kSonyMinWindowRows, kSonyMaxWindowRows);
+    std::snprintf(why, size, "win_ht %d outside %d..%d rows per window", win_ht, kSonyMinWindowRows,
+                  kSonyMaxWindowRows);
     return false;
   }
   const std::int32_t rows = win_ht * n_win_h;
   if (rows > kSonyMaxRows || rows < kSonyMinRows) {
-    std::snprintf(why, size, "frame of %d rows outside %d..%d", rows, kSonyMinRows,
-                  kSonyMaxRows);
+    std::snprintf(why, size, "frame of %d rows outside %d..%d", rows, kSonyMinRows, kSonyMaxRows);
     return false;
   }
   return true;
@@ -218,10 +214,9 @@ std::int32_t find_vector_SONY(std::int32_t* cols, std::int32_t len, std::int32_t
   return result;
 }
 
-void vector_selection_SONY(const std::int32_t* prev, const std::int32_t* cur,
-                           std::int32_t n_win_h, std::int32_t n_win_w, std::int32_t,
-                           std::int32_t win_ht, std::int32_t*, std::int32_t* outPrev,
-                           std::int32_t* outCur) {
+void vector_selection_SONY(const std::int32_t* prev, const std::int32_t* cur, std::int32_t n_win_h,
+                           std::int32_t n_win_w, std::int32_t, std::int32_t win_ht, std::int32_t*,
+                           std::int32_t* outPrev, std::int32_t* outCur) {
   char why[96];
   if (!geometry_fits(n_win_h, n_win_w, win_ht, why, sizeof why)) {
     LogRefusalFlk("vector_selection_SONY", "%s", why);

@@ -1,12 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 // SONY frequency features: single-signal energies and the three-candidate search.
-#include "sony/sony.h"
-
 #include <vector>
 
 #include "decision/decision.h"
 #include "fixed_point.h"
 #include "interface/interface.h"
+#include "sony/sony.h"
 #include "standard/standard.h"
 
 namespace {
@@ -51,24 +50,15 @@ void flicker_compute_freq_3x_SONY(std::int32_t* version_a, std::int32_t* version
   const std::int32_t b = fx::bit_count(total < 0 ? 0u : static_cast<std::uint64_t>(total));
 
   // Partial sums by frequency, then segment and version (index 3 x segment + version).
-  std::int64_t fixed_cos[9 * 3 * kFixedSegments];
-  std::int64_t fixed_sin[9 * 3 * kFixedSegments];
-  std::int64_t fixed_energy[9 * kFixedChoices];
-  std::vector<std::int64_t> wide_cos;
-  std::vector<std::int64_t> wide_sin;
-  std::vector<std::int64_t> wide_energy;
-  std::int64_t* part_cos = fixed_cos;
-  std::int64_t* part_sin = fixed_sin;
-  std::int64_t* energy = fixed_energy;
-  if (segments > kFixedSegments) {
-    wide_cos.resize(9 * 3 * static_cast<std::size_t>(segments));
-    wide_sin.resize(9 * 3 * static_cast<std::size_t>(segments));
-    wide_energy.resize(9 * static_cast<std::size_t>(choices));
-    part_cos = wide_cos.data();
-    part_sin = wide_sin.data();
-    energy = wide_energy.data();
-  }
   const std::int32_t* versions[3] = {version_a, version_b, version_c};
+  std::int64_t fixed_part[2 * 9 * 3 * kFixedSegments];
+  std::vector<std::int64_t> wide_part;
+  std::int64_t* part_cos = fixed_part;
+  if (segments > kFixedSegments) {
+    wide_part.resize(2 * 9 * 3 * static_cast<std::size_t>(segments));
+    part_cos = wide_part.data();
+  }
+  std::int64_t* const part_sin = part_cos + 9 * 3 * segments;
   const std::int32_t stride = 3 * segments;
   for (std::int32_t k = 0; k < 9; ++k) {
     for (std::int32_t i = 0; i < segments; ++i) {
@@ -86,25 +76,63 @@ void flicker_compute_freq_3x_SONY(std::int32_t* version_a, std::int32_t* version
   }
 
   // Choice q picks version (digit i of q in base 3) for segment i, segment 0 least significant.
-  std::int32_t digit[kSonyMaxWindows] = {};
-  std::int64_t largest = 0;
-  for (std::uint32_t q = 0; q < choices; ++q) {
-    for (std::int32_t k = 0; k < 9; ++k) {
-      std::int64_t re = 0;
-      std::int64_t im = 0;
-      for (std::int32_t i = 0; i < segments; ++i) {
-        re += part_cos[k * stride + 3 * i + digit[i]];
-        im += part_sin[k * stride + 3 * i + digit[i]];
+  // Its sums are those of its low `low_segments` digits plus those of its high digits, each half
+  // tabulated once: two additions per choice and frequency instead of one per segment (exact,
+  // 64-bit sums of at most ten partial sums).
+  const std::int32_t low_segments = segments / 2;
+  std::uint32_t low_choices = 1;
+  for (std::int32_t i = 0; i < low_segments; ++i) low_choices *= 3;
+  const std::uint32_t high_choices = choices / low_choices;
+  std::int64_t fixed_half[2 * 9 * (3 + 9)];  // up to three segments: 3 low and 9 high choices
+  std::int64_t fixed_energy[9 * kFixedChoices];
+  std::vector<std::int64_t> wide_half;
+  std::vector<std::int64_t> wide_energy;
+  std::int64_t* low_cos = fixed_half;
+  std::int64_t* energy = fixed_energy;
+  if (segments > kFixedSegments) {
+    wide_half.resize(2 * 9 * static_cast<std::size_t>(low_choices + high_choices));
+    wide_energy.resize(9 * static_cast<std::size_t>(choices));
+    low_cos = wide_half.data();
+    energy = wide_energy.data();
+  }
+  std::int64_t* const low_sin = low_cos + 9 * low_choices;
+  std::int64_t* const high_cos = low_sin + 9 * low_choices;
+  std::int64_t* const high_sin = high_cos + 9 * high_choices;
+  auto tabulate = [&](std::int32_t first, std::int32_t count, std::uint32_t n,
+                      std::int64_t* cos_out, std::int64_t* sin_out) {
+    std::int32_t digit[kSonyMaxWindows] = {};
+    for (std::uint32_t a = 0; a < n; ++a) {
+      for (std::int32_t k = 0; k < 9; ++k) {
+        std::int64_t re = 0;
+        std::int64_t im = 0;
+        for (std::int32_t i = 0; i < count; ++i) {
+          re += part_cos[k * stride + 3 * (first + i) + digit[i]];
+          im += part_sin[k * stride + 3 * (first + i) + digit[i]];
+        }
+        cos_out[k * n + a] = re;
+        sin_out[k * n + a] = im;
       }
-      re = fx::rshift_round64(re, b - 1);
-      im = fx::rshift_round64(im, b - 1);
-      const std::int64_t e = fx::wrap_add64(fx::wrap_mul64(re, re), fx::wrap_mul64(im, im));
-      energy[q * 9 + k] = e;
-      if (e > largest) largest = e;
+      for (std::int32_t i = 0; i < count; ++i) {
+        if (++digit[i] < 3) break;
+        digit[i] = 0;
+      }
     }
-    for (std::int32_t i = 0; i < segments; ++i) {
-      if (++digit[i] < 3) break;
-      digit[i] = 0;
+  };
+  tabulate(0, low_segments, low_choices, low_cos, low_sin);
+  tabulate(low_segments, segments - low_segments, high_choices, high_cos, high_sin);
+
+  std::int64_t largest = 0;
+  for (std::uint32_t h = 0; h < high_choices; ++h) {
+    for (std::uint32_t a = 0; a < low_choices; ++a) {
+      std::int64_t* const e = energy + 9 * (h * low_choices + a);
+      for (std::int32_t k = 0; k < 9; ++k) {
+        const std::int64_t re = fx::rshift_round64(
+            low_cos[k * low_choices + a] + high_cos[k * high_choices + h], b - 1);
+        const std::int64_t im = fx::rshift_round64(
+            low_sin[k * low_choices + a] + high_sin[k * high_choices + h], b - 1);
+        e[k] = fx::wrap_add64(fx::wrap_mul64(re, re), fx::wrap_mul64(im, im));
+        if (e[k] > largest) largest = e[k];
+      }
     }
   }
   flicker_scale_candidates(energy, static_cast<std::int32_t>(9 * choices), largest,

@@ -9,13 +9,13 @@
 #include "kestrel/flicker.h"
 
 // Geometry the type-1 buffers hold; a DETECT outside it is refused before anything is written.
-constexpr std::int32_t kSonyMaxRows = 2000;        // despiked copies and full-resolution ratios
-constexpr std::int32_t kSonyMinRows = 7;           // the level-2 detail synthesis mirrors 7 samples
-constexpr std::int32_t kSonyMaxWindows = 10;       // per-window offsets
-constexpr std::int32_t kSonyMaxColumns = 10;       // per-column means and swing counts
-constexpr std::int32_t kSonyMaxBandValues = 12000; // the transposed band
-constexpr std::int32_t kSonyMaxWindowRows = 1000;  // per-window log vectors
-constexpr std::int32_t kSonyMinWindowRows = 4;     // the Laplacian's end rows
+constexpr std::int32_t kSonyMaxRows = 2000;         // despiked copies and full-resolution ratios
+constexpr std::int32_t kSonyMinRows = 7;            // the level-2 detail synthesis mirrors 7
+constexpr std::int32_t kSonyMaxWindows = 10;        // per-window offsets
+constexpr std::int32_t kSonyMaxColumns = 10;        // per-column means and swing counts
+constexpr std::int32_t kSonyMaxBandValues = 12000;  // the transposed band
+constexpr std::int32_t kSonyMaxWindowRows = 1000;   // per-window log vectors
+constexpr std::int32_t kSonyMinWindowRows = 4;      // the Laplacian's end rows
 
 // ---- Tables ----
 void flicker_init_SONY(std::int32_t line_length, std::int32_t column_length,

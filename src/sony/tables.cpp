@@ -1,7 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
 // SONY tables: one statistics sample per line, 10-bit log table indexed directly.
-#include "sony/sony.h"
-
 #include <cmath>
 #include <cstdlib>
 #include <limits>
@@ -9,6 +7,7 @@
 #include "decision/decision.h"
 #include "fixed_point.h"
 #include "interface/interface.h"
+#include "sony/sony.h"
 #include "standard/standard.h"
 
 namespace {
@@ -101,9 +100,10 @@ void flicker_init_SONY(std::int32_t line_length, std::int32_t column_length,
   // half at all) the table stops short of that and the alignment clamps to its last entry.
   const std::int64_t half = window_width >> 1;
   if (s > 0 || half < 1) {
-    PrintLogFlk("[flicker_init_SONY] window_width %d: statistics above %d use the log table's "
-                "last entry",
-                window_width, g_valuMax + 1);
+    PrintLogFlk(
+        "[flicker_init_SONY] window_width %d: statistics above %d use the log table's "
+        "last entry",
+        window_width, g_valuMax + 1);
   }
 }
 
@@ -151,8 +151,8 @@ double calCompTable_SONY(std::int32_t window_width, std::int32_t* table, std::in
   return last;
 }
 
-void calFftTable_SONY(std::int32_t line_length, std::int32_t width, std::int32_t count,
-                      double pclk, std::int32_t* cosTable, std::int32_t* sinTable) {
+void calFftTable_SONY(std::int32_t line_length, std::int32_t width, std::int32_t count, double pclk,
+                      std::int32_t* cosTable, std::int32_t* sinTable) {
   if (count < 1 || width < 1) return;
   // One statistic per sensor line: line n is sampled n x line_length / pclk after line 0. The
   // 2 pi constant is kept at eleven decimals.
@@ -165,11 +165,13 @@ void calFftTable_SONY(std::int32_t line_length, std::int32_t width, std::int32_t
   for (std::int32_t k = 0; k < rows; ++k) {
     double n = 0.0;
     std::int32_t* row = cosTable + static_cast<std::int64_t>(k) * width;
-    for (std::int32_t i = 0; i < width; ++i, n += 1.0) row[i] = round_away(255.0 * std::cos(omega[k] * n));
+    for (std::int32_t i = 0; i < width; ++i, n += 1.0)
+      row[i] = round_away(255.0 * std::cos(omega[k] * n));
   }
   for (std::int32_t k = 0; k < rows; ++k) {
     double n = 0.0;
     std::int32_t* row = sinTable + static_cast<std::int64_t>(k) * width;
-    for (std::int32_t i = 0; i < width; ++i, n += 1.0) row[i] = round_away(255.0 * std::sin(omega[k] * n));
+    for (std::int32_t i = 0; i < width; ++i, n += 1.0)
+      row[i] = round_away(255.0 * std::sin(omega[k] * n));
   }
 }

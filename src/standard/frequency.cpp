@@ -104,8 +104,12 @@ bool inside_tables(std::int32_t first, std::int64_t length) {
 
 void flicker_compute_freq(std::int32_t* signal, std::int32_t length, std::int32_t* freq_out) {
   if (length > 0 && !inside_tables(0, length)) {
-    LogRefusalFlk("flicker_compute_freq", "%d samples beyond the table width %d", length,
-                  g_flkTabW);
+    if (g_flkTab1 == nullptr || g_flkTab2 == nullptr) {
+      LogRefusalFlk("flicker_compute_freq", "no trigonometric tables");
+    } else {
+      LogRefusalFlk("flicker_compute_freq", "%d samples beyond the table width %d", length,
+                    g_flkTabW);
+    }
     return;
   }
   std::int64_t energies[9];

@@ -51,6 +51,13 @@ std::int32_t value_max(std::int32_t window_width) {
   return fx::low32((half * 65536 - half) >> range_shift(window_width));
 }
 
+// The pixel clock as the INIT line shows it: truncated toward zero; a clock outside the 32-bit
+// range (or not a number) shows as the lowest 32-bit value, as the hardware conversion gives.
+std::int32_t clock_for_log(double pclk) {
+  if (!(pclk > -2147483649.0 && pclk < 2147483648.0)) return INT32_MIN;
+  return static_cast<std::int32_t>(pclk);
+}
+
 // R(x): nearest integer, halves away from zero.
 std::int32_t round_half_away(double x) {
   if (x >= 0) return static_cast<std::int32_t>(x + 0.5);
@@ -133,7 +140,7 @@ void flicker_init(std::int32_t line_length, std::int32_t column_length, std::int
                   double pclk) {
   if (g_logFlow) {
     PrintLogFlk("flicker_init %d columnLen=%d winW = %d %d", line_length, column_length,
-                window_width, static_cast<std::int32_t>(pclk));
+                window_width, clock_for_log(pclk));
   }
   flicker_uninit();
 

@@ -1,12 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 // 2x5 sub-pixel alignment: eighth-sample shifts over overlapping segments, averaged clipped cost.
-#include "twobyfive/twobyfive.h"
+#include <iterator>
 
 #include "decision/decision.h"
 #include "fixed_point.h"
 #include "interface/interface.h"
 #include "sony/sony.h"
 #include "standard/standard.h"
+#include "twobyfive/twobyfive.h"
 
 std::int32_t vec_log_curr_working_memory[12000];
 std::int32_t vec_log_prev_working_memory[12000];
@@ -19,19 +20,36 @@ std::int32_t seg_laplace_prev_working_memory[2000];
 
 namespace {
 
-constexpr std::int32_t kCostClip = 2650;   // keeps a few mismatched rows from dominating
+constexpr std::int32_t kCostClip = 2650;     // keeps a few mismatched rows from dominating
 constexpr std::int32_t kCostScaleShift = 6;  // cost is a per-sample average x 64
-constexpr std::int32_t kShiftDen = 8;      // shifts in eighths of a sample
-constexpr std::int32_t kOverlap = 2;       // samples a segment borrows from each neighbour
+constexpr std::int32_t kShiftDen = 8;        // shifts in eighths of a sample
+constexpr std::int32_t kOverlap = 2;         // samples a segment borrows from each neighbour
 constexpr std::int32_t kDespikeLevels = 1;
 constexpr std::int32_t kDespikeThreshold = 225;
-constexpr std::int32_t kQuietDeviation = 14;  // log-ratio units
+constexpr std::int32_t kQuietDeviation = 14;   // log-ratio units
 constexpr std::int32_t kQuietScoreCap = -128;  // Q8
 
 // Samples lost at one end by a shift of s eighths: ceil(|s| / 8).
 std::int32_t lost_samples(std::int32_t s) {
   const std::int32_t a = s < 0 ? -s : s;
   return (a + kShiftDen - 1) / kShiftDen;
+}
+
+// The driver refuses geometry outside these bounds; direct callers get the same protection.
+bool geometry_fits(std::int32_t windows, std::int32_t window_length, std::int32_t total) {
+  if (g_flkTab1 == nullptr || g_flkTab2 == nullptr || g_flkCompTab == nullptr) return false;
+  if (windows < 0 || windows > kMaxWindows || window_length < 0 || total < 0) return false;
+  if (total > kDespikeSize || total > g_flkTabW) return false;
+  if (windows == 0) return true;
+  const std::int64_t last_length = total - std::int64_t{windows - 1} * window_length;
+  if (last_length < 0) return false;
+  // Segment lengths: window 0 borrows 2 on the right, middle windows 2 on each side, the last 2 on
+  // the left.
+  const std::int64_t first = (windows == 1 ? last_length : window_length) + kOverlap;
+  const std::int64_t middle = windows > 2 ? window_length + 2 * kOverlap : 0;
+  const std::int64_t last = windows > 1 ? last_length + kOverlap : 0;
+  const auto segment_size = static_cast<std::int64_t>(std::size(seg_prev_log_shift_working_memory));
+  return first <= segment_size && middle <= segment_size && last <= segment_size;
 }
 
 }  // namespace
@@ -86,7 +104,7 @@ void determineValidLength_2x5(std::int32_t numWindows, const std::int32_t* offse
 void check_alignment_2x5(const std::int32_t* offsets, std::int32_t n, std::int32_t maxStep,
                          std::int32_t& flag) {
   for (std::int32_t i = 0; i + 1 < n; ++i) {
-    const std::int32_t step = offsets[i] - offsets[i + 1];
+    const std::int64_t step = std::int64_t{offsets[i]} - offsets[i + 1];
     if ((step < 0 ? -step : step) > maxStep) {
       flag = 0;
       return;
@@ -94,8 +112,7 @@ void check_alignment_2x5(const std::int32_t* offsets, std::int32_t n, std::int32
   }
 }
 
-std::int32_t check_AE_stable_2x5(std::int32_t n, std::int32_t* curStats,
-                                 std::int32_t* prevStats) {
+std::int32_t check_AE_stable_2x5(std::int32_t n, std::int32_t* curStats, std::int32_t* prevStats) {
   if (flicker_exposure_stable(curStats, prevStats, n)) return 1;
   if (g_logFlow) PrintLogFlk("frame AE unstable\n");
   return 0;
@@ -113,6 +130,14 @@ void align_flicker_subpixel_2x5(std::int32_t* curStats, std::int32_t* prevStats,
   std::int32_t best_valid[kMaxWindows] = {};
   std::int32_t second_valid[kMaxWindows] = {};
   for (std::int32_t k = 0; k < 9; ++k) freq_out[k] = 0;
+  if (!geometry_fits(numWindows, windowLength, totalLength)) {
+    LogRefusalFlk("align_flicker_subpixel_2x5",
+                  "%d windows of %d rows in a frame of %d rows (limits 10 windows, 2000 rows, "
+                  "2000-sample segments, table width %d, tables built)",
+                  numWindows, windowLength, totalLength, g_flkTabW);
+    aeStable = 0;
+    return;
+  }
 
   if (check_AE_stable_2x5(totalLength, curStats, prevStats) == 0) {
     aeStable = 0;
@@ -123,7 +148,8 @@ void align_flicker_subpixel_2x5(std::int32_t* curStats, std::int32_t* prevStats,
   for (std::int32_t i = 0; i < totalLength; ++i) {
     vec_log_curr_working_memory[i] = flicker_compand(curStats[i]);
     vec_log_prev_working_memory[i] = flicker_compand(prevStats[i]);
-    vec_nonAlign_working_memory[i] = vec_log_curr_working_memory[i] - vec_log_prev_working_memory[i];
+    vec_nonAlign_working_memory[i] =
+        vec_log_curr_working_memory[i] - vec_log_prev_working_memory[i];
   }
   convolve_Laplacian_filter_2x5(vec_log_curr_working_memory, vec_laplace_curr_working_memory,
                                 totalLength);
@@ -153,10 +179,9 @@ void align_flicker_subpixel_2x5(std::int32_t* curStats, std::int32_t* prevStats,
       const std::int32_t lost_right = s > 0 ? lost_samples(s) : 0;
       const std::int32_t first = 2 + lost_left;
       const std::int32_t scored = seg_len - 4 - lost_left - lost_right;
-      const std::int32_t cost =
-          laplace_diff_avg_2x5(seg_laplace_prev_working_memory + first,
-                               vec_laplace_curr_working_memory + start + first, scored, kCostClip,
-                               kCostScaleShift);
+      const std::int32_t cost = laplace_diff_avg_2x5(
+          seg_laplace_prev_working_memory + first, vec_laplace_curr_working_memory + start + first,
+          scored, kCostClip, kCostScaleShift);
       std::int32_t* target = nullptr;
       if (cost <= best_cost) {  // ties go to the later shift
         for (std::int32_t i = 0; i < len; ++i) {
@@ -193,8 +218,8 @@ void align_flicker_subpixel_2x5(std::int32_t* curStats, std::int32_t* prevStats,
   std::int32_t registered = 1;
   check_alignment_2x5(best_shift, numWindows, max_step, registered);
 
-  flickerDespikeAdaptive_2x5(vec_nonAlign_working_memory, ovector_out1_working_memory,
-                             totalLength, kDespikeLevels, kDespikeThreshold);
+  flickerDespikeAdaptive_2x5(vec_nonAlign_working_memory, ovector_out1_working_memory, totalLength,
+                             kDespikeLevels, kDespikeThreshold);
   if (registered != 0) {
     flicker_interpolation(best_vec, best_valid, best_pad, numWindows);
     flicker_interpolation(second_vec, second_valid, second_pad, numWindows);

@@ -1,11 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 // 2x5 detection driver: column selection, alignment and the score-driven sequential test.
-#include "twobyfive/twobyfive.h"
-
 #include "decision/decision.h"
 #include "fixed_point.h"
 #include "interface/interface.h"
 #include "standard/standard.h"
+#include "twobyfive/twobyfive.h"
 
 namespace {
 
@@ -109,8 +108,9 @@ void vector_selection_2x5(const std::int32_t* prev, const std::int32_t* cur, std
   if (n_win_h < 1) return;
   if (n_win_w < 1 || n_win_w > kMaxColumns || bandHeight < 1 ||
       std::int64_t{bandHeight} * n_win_w > kBandBufferSize) {
-    LogRefusalFlk("vector_selection_2x5", "bands of %d rows x %d columns (limits 10 columns, %d values)",
-                  bandHeight, n_win_w, kBandBufferSize);
+    LogRefusalFlk("vector_selection_2x5",
+                  "bands of %d rows x %d columns (limits 10 columns, %d values)", bandHeight,
+                  n_win_w, kBandBufferSize);
     return;
   }
   for (std::int32_t b = 0; b < n_win_h; ++b) {
@@ -170,8 +170,8 @@ std::int32_t detectFlicker_SW_2x5(std::int32_t* prev, std::int32_t* cur, std::in
     return g_flickerResult;
   }
   if (h * n_win_w > kBandBufferSize) {
-    LogRefusalFlk(kFunc, "band of %d values exceeds %d, result %d", h * n_win_w,
-                  kBandBufferSize, g_flickerResult);
+    LogRefusalFlk(kFunc, "band of %d values exceeds %d, result %d", h * n_win_w, kBandBufferSize,
+                  g_flickerResult);
     return g_flickerResult;
   }
   const std::int32_t n = h * n_win_h;
@@ -185,7 +185,8 @@ std::int32_t detectFlicker_SW_2x5(std::int32_t* prev, std::int32_t* cur, std::in
     for (std::int32_t b = 0; b < n_win_h; ++b) {
       const std::int32_t offset = b * h * n_win_w;
       transpose_band(cur + offset, h, n_win_w, cvector_out_working_memory);
-      const std::int32_t col = find_vector_2x5(cvector_out_working_memory, h, n_win_w, 0, kDarkMean);
+      const std::int32_t col =
+          find_vector_2x5(cvector_out_working_memory, h, n_win_w, 0, kDarkMean);
       copy_column(prev, cur, offset, h, n_win_w, col, line_prev_working_memory + b * h,
                   line_curr_working_memory + b * h);
     }

@@ -1,11 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 // 2x5 frequency features: single-signal energies, the length-normalised three-candidate search.
-#include "twobyfive/twobyfive.h"
-
 #include "decision/decision.h"
 #include "fixed_point.h"
 #include "interface/interface.h"
 #include "standard/standard.h"
+#include "twobyfive/twobyfive.h"
 
 namespace {
 
@@ -67,7 +66,7 @@ void flicker_compute_freq_3x_2x5(std::int32_t** versions, std::int32_t segment_c
   }
   const std::int32_t segments = segment_count < 0 ? 0 : segment_count;
   const std::uint32_t choices = choice_count(segment_count);
-  static PartialSums sums[9];
+  PartialSums sums[9];  // 4 KB
   for (std::int32_t k = 0; k < 9; ++k) {
     for (std::int32_t v = 0; v < 3; ++v) {
       std::int32_t pos = 0;
@@ -129,9 +128,10 @@ void flicker_compute_freq_3x_2x5(std::int32_t* version_a, std::int32_t* version_
   const std::int32_t segments = segment_count < 0 ? 0 : segment_count;
   const std::uint32_t choices = choice_count(segment_count);
   const std::int32_t total = fx::wrap_mul32(segment_count, segment_length);
-  const std::int32_t b = fx::bit_count(static_cast<std::uint64_t>(static_cast<std::int64_t>(total)));
+  const std::int32_t b =
+      fx::bit_count(static_cast<std::uint64_t>(static_cast<std::int64_t>(total)));
   std::int32_t* const version[3] = {version_a, version_b, version_c};
-  static PartialSums sums[9];
+  PartialSums sums[9];  // 4 KB
   for (std::int32_t k = 0; k < 9; ++k) {
     for (std::int32_t i = 0; i < segments; ++i) {
       const std::int32_t pos = i * segment_length;

@@ -1,7 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
 // 2x5 tables: one statistics sample per block of lines, pure-logarithm log table.
-#include "twobyfive/twobyfive.h"
-
 #include <chrono>
 #include <cmath>
 #include <cstdio>
@@ -12,6 +10,7 @@
 #include "fixed_point.h"
 #include "interface/interface.h"
 #include "standard/standard.h"
+#include "twobyfive/twobyfive.h"
 
 namespace {
 
@@ -56,11 +55,12 @@ void free_tables() {
 }  // namespace
 
 void flicker_init_2x5(std::int32_t line_length, std::int32_t column_length,
-                      std::int32_t window_width, std::int32_t block_height,
-                      std::int32_t green_only, double pclk) {
+                      std::int32_t window_width, std::int32_t block_height, std::int32_t green_only,
+                      double pclk) {
   const std::int64_t pixels = std::int64_t{block_height} * window_width;
+  const std::int64_t summed = green_only != 0 ? pixels / 2 : pixels;
   if (column_length > kMaxColumnLength || block_height < 0 || window_width < 0 ||
-      pixels > kMaxPixelsPerStatistic) {
+      pixels > INT32_MAX || summed > kMaxPixelsPerStatistic) {
     free_tables();
     LogRefusalFlk("flicker_init_2x5",
                   "column_length %d (limit %d) or block_height %d x window_width %d "
@@ -82,7 +82,7 @@ void flicker_init_2x5(std::int32_t line_length, std::int32_t column_length,
 
   std::int32_t area = block_height * window_width;  // fits: bounded above
   if (green_only != 0) area /= 2;
-  g_valuMax = area * 4096 - area;
+  g_valuMax = fx::wrap_sub32(fx::wrap_mul32(area, 4096), area);  // A x 4095 in 32 bits
   g_flkTabW = width;
   const std::int32_t top = (g_valuMax + 8192) & ~4095;
   const std::int32_t entries = (g_valuMax + 8192) >> 12;
@@ -105,8 +105,7 @@ void flicker_init_2x5(std::int32_t line_length, std::int32_t column_length,
   }
   std::printf("log table exec time = %f\n", seconds_since(start));
 
-  calFftTable_2x5(fx::wrap_mul32(block_height, line_length), width, 9, pclk, g_flkTab1,
-                  g_flkTab2);
+  calFftTable_2x5(fx::wrap_mul32(block_height, line_length), width, 9, pclk, g_flkTab1, g_flkTab2);
 }
 
 void calLogTable_2x5(std::int32_t value_max, std::int32_t* table, std::int32_t shift) {

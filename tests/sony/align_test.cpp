@@ -23,7 +23,9 @@ struct LaplacianCase {
   std::vector<std::int32_t> out;
 };
 
-void PrintTo(const LaplacianCase& c, std::ostream* os) { *os << c.name; }
+void PrintTo(const LaplacianCase& c, std::ostream* os) {
+  *os << c.name;
+}
 
 class SonyLaplacian : public ::testing::TestWithParam<LaplacianCase> {};
 
@@ -43,8 +45,7 @@ INSTANTIATE_TEST_SUITE_P(
         LaplacianCase{"FourRows", {1, 4, 9, 16}, {14, 11, 1, -26}},
         LaplacianCase{"Constant", {7, 7, 7, 7, 7}, {0, 0, 0, 0, 0}},
         // Shorter than the end rows assume: the mirror stays inside the vector.
-        LaplacianCase{"ThreeRows", {1, 2, 4}, {5, 2, -7}},
-        LaplacianCase{"OneRow", {5}, {0}}),
+        LaplacianCase{"ThreeRows", {1, 2, 4}, {5, 2, -7}}, LaplacianCase{"OneRow", {5}, {0}}),
     [](const ::testing::TestParamInfo<LaplacianCase>& info) { return info.param.name; });
 
 struct ShiftCase {
@@ -55,7 +56,9 @@ struct ShiftCase {
   std::vector<std::int32_t> out;
 };
 
-void PrintTo(const ShiftCase& c, std::ostream* os) { *os << c.name; }
+void PrintTo(const ShiftCase& c, std::ostream* os) {
+  *os << c.name;
+}
 
 class SonyShift : public ::testing::TestWithParam<ShiftCase> {};
 
@@ -162,8 +165,12 @@ class SonyAlign : public LibraryTest {
 // Current: alternating statistics 1 and 1023 (logs 10588, 65535): its Laplacian is at least
 // 109894 in every row, so every candidate's cost is clipped to 8 x 2650 and all tie. Previous:
 // statistics whose logs are 36863 37023 40959 41068 61439 61459 65535 65545.
-std::vector<std::int32_t> TieCurrent() { return {1, 1023, 1, 1023, 1, 1023, 1, 1023}; }
-std::vector<std::int32_t> TiePrevious() { return {80, 81, 116, 117, 722, 723, 1023, 1024}; }
+std::vector<std::int32_t> TieCurrent() {
+  return {1, 1023, 1, 1023, 1, 1023, 1, 1023};
+}
+std::vector<std::int32_t> TiePrevious() {
+  return {80, 81, 116, 117, 722, 723, 1023, 1024};
+}
 
 TEST_F(SonyAlign, AllEqualCostsKeepShift8AsBestAnd7AsSecond) {
   auto cur = TieCurrent();

@@ -84,10 +84,9 @@ TEST(SonyDespike, RefusesLengthsOutsideItsScratchAndMirrors) {
   flicker_despike_SONY(in.data(), out.data(), 2001);
   flicker_despike_SONY(in.data(), out.data(), 6);
   flicker_despike_SONY(in.data(), out.data(), 0);
-  EXPECT_EQ(log.Lines(),
-            (std::vector<std::string>{
-                "[flicker_despike_SONY] refused: 2001 samples outside 7..2000",
-                "[flicker_despike_SONY] refused: 6 samples outside 7..2000"}));
+  EXPECT_EQ(log.Lines(), (std::vector<std::string>{
+                             "[flicker_despike_SONY] refused: 2001 samples outside 7..2000",
+                             "[flicker_despike_SONY] refused: 6 samples outside 7..2000"}));
   EXPECT_EQ(out, std::vector<std::int32_t>(2001, 9));
 }
 

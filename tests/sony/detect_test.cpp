@@ -30,13 +30,13 @@ TEST_P(SonyToneCurve, TenBitsToTenBits) {
   EXPECT_EQ(v, GetParam().out);
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Knots, SonyToneCurve,
-    ::testing::Values(ToneCase{0, 0}, ToneCase{1, 10}, ToneCase{8, 80}, ToneCase{9, 85},
-                      ToneCase{16, 116}, ToneCase{100, 308}, ToneCase{500, 712},
-                      ToneCase{512, 722}, ToneCase{513, 723}, ToneCase{1000, 1010},
-                      ToneCase{1023, 1023}, ToneCase{2000, 1023}, ToneCase{-1, 1023},
-                      ToneCase{-2147483647 - 1, 1023}));
+INSTANTIATE_TEST_SUITE_P(Knots, SonyToneCurve,
+                         ::testing::Values(ToneCase{0, 0}, ToneCase{1, 10}, ToneCase{8, 80},
+                                           ToneCase{9, 85}, ToneCase{16, 116}, ToneCase{100, 308},
+                                           ToneCase{500, 712}, ToneCase{512, 722},
+                                           ToneCase{513, 723}, ToneCase{1000, 1010},
+                                           ToneCase{1023, 1023}, ToneCase{2000, 1023},
+                                           ToneCase{-1, 1023}, ToneCase{-2147483647 - 1, 1023}));
 
 TEST(SonyToneCurveOutOfPlace, LeavesTheInputAndRefusesBitsWithoutKnots) {
   std::int32_t in[3] = {1, 16, 512};
@@ -68,7 +68,9 @@ struct ChoiceCase {
   std::int32_t chosen;
 };
 
-void PrintTo(const ChoiceCase& c, std::ostream* os) { *os << c.name; }
+void PrintTo(const ChoiceCase& c, std::ostream* os) {
+  *os << c.name;
+}
 
 class SonyColumnChoice : public ::testing::TestWithParam<ChoiceCase> {};
 
@@ -79,9 +81,9 @@ TEST_P(SonyColumnChoice, PicksTheExpectedColumn) {
     const auto col = Column(c.len, mean, swings);
     cols.insert(cols.end(), col.begin(), col.end());
   }
-  EXPECT_EQ(find_vector_SONY(cols.data(), c.len, static_cast<std::int32_t>(c.columns.size()), 0,
-                             358400),
-            c.chosen);
+  EXPECT_EQ(
+      find_vector_SONY(cols.data(), c.len, static_cast<std::int32_t>(c.columns.size()), 0, 358400),
+      c.chosen);
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -207,7 +209,9 @@ struct Refusal {
   const char* line;
 };
 
-void PrintTo(const Refusal& c, std::ostream* os) { *os << c.name; }
+void PrintTo(const Refusal& c, std::ostream* os) {
+  *os << c.name;
+}
 
 class SonyDriverRefusal : public SonyDriver, public ::testing::WithParamInterface<Refusal> {};
 
@@ -300,8 +304,8 @@ TEST(SonyVectorSelection, MatchesTheDriverAndRefusesAColumnPastTheGrid) {
   std::int32_t untouched[8] = {5, 5, 5, 5, 5, 5, 5, 5};
   LogCapture log;
   vector_selection_SONY(dark, dark, 1, 1, 2, 8, nullptr, untouched, untouched);
-  EXPECT_TRUE(log.Contains(
-      "[vector_selection_SONY] refused: band 0 chose column 1 past the grid's 1"));
+  EXPECT_TRUE(
+      log.Contains("[vector_selection_SONY] refused: band 0 chose column 1 past the grid's 1"));
   EXPECT_EQ(untouched[0], 5);
 }
 

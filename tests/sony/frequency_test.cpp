@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "decision/decision.h"
 #include "sony/sony.h"
 #include "standard/standard.h"
 #include "support.h"
@@ -93,6 +94,19 @@ TEST_F(SonyFrequency, FourSegmentsUseAllocatedScratch) {
   std::vector<std::int32_t> zeros(1000, 0);
   flicker_compute_freq_3x_SONY(zeros.data(), zeros.data(), zeros.data(), 10, 100, f);
   EXPECT_EQ(Out(f), Nine(0));
+}
+
+TEST_F(SonyFrequency, FourDistinctSegmentsPickTheFirstBestChoice) {
+  // Choices 30 (versions a b a b, segment 0 first) and a later one tie at the best score -1882;
+  // the earlier is kept. Energies stay under 2^21: no scaling.
+  std::int32_t a[8] = {30, -10, 5, 0, 12, -40, 7, 3};
+  std::int32_t b[8] = {-20, 15, 0, 9, -3, 22, -8, 11};
+  std::int32_t c[8] = {4, 4, -25, 18, 30, -6, -12, -9};
+  std::int32_t f[9];
+  flicker_compute_freq_3x_SONY(a, b, c, 4, 2, f);
+  EXPECT_EQ(Out(f), (std::vector<std::int32_t>{16913, 17284, 16776, 17218, 19188, 19449, 20025,
+                                               19666, 20485}));
+  EXPECT_EQ(get_current_llr(f, 9), -1882);
 }
 
 TEST_F(SonyFrequency, RefusesReadsPastTheTables) {

@@ -48,7 +48,9 @@ struct LogCase {
   std::vector<std::pair<std::int32_t, std::int32_t>> entries;  // index, value
 };
 
-void PrintTo(const LogCase& c, std::ostream* os) { *os << "window_width " << c.window_width; }
+void PrintTo(const LogCase& c, std::ostream* os) {
+  *os << "window_width " << c.window_width;
+}
 
 class SonyLogTable : public SonyTables, public ::testing::WithParamInterface<LogCase> {};
 
@@ -68,15 +70,25 @@ INSTANTIATE_TEST_SUITE_P(
     ::testing::Values(
         // D = 16, half 1, s 0: entry 1 is 65535 x log2(6) / 16; 80 -> x 512, 116 -> 1024, the
         // last (1024) continues the top segment past the curve's end.
-        LogCase{2, 1023, {{1, 10588}, {8, 23234}, {80, 36863}, {81, 37023}, {116, 40959},
-                          {117, 41068}, {722, 61439}, {723, 61459}, {1023, 65535},
-                          {1024, 65545}}},
+        LogCase{2,
+                1023,
+                {{1, 10588},
+                 {8, 23234},
+                 {80, 36863},
+                 {81, 37023},
+                 {116, 40959},
+                 {117, 41068},
+                 {722, 61439},
+                 {723, 61459},
+                 {1023, 65535},
+                 {1024, 65545}}},
         // D = 47 - 8 = 39, s = 2.
-        LogCase{1024, 130944, {{1, 4344}, {2, 6024}, {80, 15123}, {130944, 38649},
-                               {130945, 38649}}},
+        LogCase{
+            1024, 130944, {{1, 4344}, {2, 6024}, {80, 15123}, {130944, 38649}, {130945, 38649}}},
         // D = 47 - 7 = 40, s = 1: the knots move to half x c >> 1.
-        LogCase{640, 163680, {{1, 4235}, {100, 15273}, {12800, 26741}, {12801, 26742},
-                              {163681, 38210}}},
+        LogCase{640,
+                163680,
+                {{1, 4235}, {100, 15273}, {12800, 26741}, {12801, 26742}, {163681, 38210}}},
         // Narrowest window with its own divisor: u = 1 needs 31 shifts, D = 47.
         LogCase{4, 2046, {{1, 3604}, {2, 4999}, {2046, 23704}, {2047, 23706}}}),
     [](const ::testing::TestParamInfo<LogCase>& info) {
@@ -139,7 +151,9 @@ struct RefusedInit {
   double pclk;
 };
 
-void PrintTo(const RefusedInit& c, std::ostream* os) { *os << c.name; }
+void PrintTo(const RefusedInit& c, std::ostream* os) {
+  *os << c.name;
+}
 
 class SonyInitRefusal : public SonyTables, public ::testing::WithParamInterface<RefusedInit> {};
 
@@ -155,14 +169,15 @@ TEST_P(SonyInitRefusal, FreesTheOldTablesAndLogsOneLine) {
   EXPECT_EQ(log.Lines()[0].rfind("[flicker_init_SONY] refused: ", 0), 0u) << log.Lines()[0];
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Absurd, SonyInitRefusal,
-    ::testing::Values(RefusedInit{"ZeroClock", 1080, 300, 0.0},
-                      RefusedInit{"NegativeClock", 1080, 300, -1.0},
-                      RefusedInit{"HugeColumn", 65537, 300, 180e6},
-                      RefusedInit{"NegativeWindow", 1080, -2, 180e6},
-                      RefusedInit{"HugeWindow", 1080, 65537, 180e6}),
-    [](const ::testing::TestParamInfo<RefusedInit>& info) { return info.param.name; });
+INSTANTIATE_TEST_SUITE_P(Absurd, SonyInitRefusal,
+                         ::testing::Values(RefusedInit{"ZeroClock", 1080, 300, 0.0},
+                                           RefusedInit{"NegativeClock", 1080, 300, -1.0},
+                                           RefusedInit{"HugeColumn", 65537, 300, 180e6},
+                                           RefusedInit{"NegativeWindow", 1080, -2, 180e6},
+                                           RefusedInit{"HugeWindow", 1080, 65537, 180e6}),
+                         [](const ::testing::TestParamInfo<RefusedInit>& info) {
+                           return info.param.name;
+                         });
 
 TEST_F(SonyTables, LargestAcceptedGeometryBuilds) {
   flicker_init_SONY(3000, 65536, 65536, 180e6);

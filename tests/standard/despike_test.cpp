@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <ostream>
 #include <cstdlib>
 #include <numeric>
 #include <string>
@@ -31,6 +32,7 @@ struct ConstantCase {
   std::int32_t value;
   std::int32_t n;
 };
+void PrintTo(const ConstantCase& c, std::ostream* os) { *os << c.value << " x " << c.n; }
 class DespikeConstant : public testing::TestWithParam<ConstantCase> {};
 
 TEST_P(DespikeConstant, ReturnsTheConstantEverywhere) {
@@ -116,6 +118,7 @@ struct RefusedLength {
   std::int32_t n;
   const char* line;  // empty: nothing logged
 };
+void PrintTo(const RefusedLength& c, std::ostream* os) { *os << "n " << c.n; }
 class DespikeRefusal : public testing::TestWithParam<RefusedLength> {};
 
 TEST_P(DespikeRefusal, LeavesTheOutputUntouched) {

@@ -5,11 +5,13 @@
 
 #include <cmath>
 #include <cstdint>
+#include <ostream>
 #include <limits>
 #include <numeric>
 #include <string>
 #include <vector>
 
+#include "interface/interface.h"
 #include "standard/standard.h"
 #include "support.h"
 
@@ -17,12 +19,11 @@ namespace {
 
 using kestrel_test::LogCapture;
 
-class TablesTest : public testing::Test {
+class TablesTest : public kestrel_test::LibraryTest {
  protected:
-  void SetUp() override { g_logFlow = 0; }
   void TearDown() override {
     flicker_uninit();
-    g_logFlow = 0;
+    kestrel_test::LibraryTest::TearDown();
   }
   // Runs flicker_init and returns what it printed on standard output.
   static std::string Init(std::int32_t line_length, std::int32_t column_length,
@@ -40,6 +41,7 @@ struct WidthCase {
   std::int32_t column_length;
   std::int32_t width;
 };
+void PrintTo(const WidthCase& c, std::ostream* os) { *os << "column_length " << c.column_length; }
 class TableWidthTest : public testing::TestWithParam<WidthCase> {};
 
 TEST_P(TableWidthTest, RoundsFourLineSamplesUpToMultipleOf500) {
@@ -64,6 +66,7 @@ struct RangeCase {
   std::int64_t table_sum;   // sum of the N log-table entries
   std::int32_t last_entry;
 };
+void PrintTo(const RangeCase& c, std::ostream* os) { *os << "window_width " << c.window_width; }
 class LogTableTest : public TablesTest, public testing::WithParamInterface<RangeCase> {};
 
 TEST_P(LogTableTest, RangeShiftValueMaxAndContents) {
@@ -84,6 +87,9 @@ INSTANTIATE_TEST_SUITE_P(
                     RangeCase{1024, 8388480, 2049, 113736449, 62804},  // s = 2
                     RangeCase{2048, 8388480, 2049, 113736449, 62804},  // s = 3
                     RangeCase{4096, 8388480, 2049, 113736449, 62804},  // s = 4
+                    RangeCase{700, 11468625, 2801, 158940980, 64037},
+                    // Knots 3 and 6 fall exactly on entries 1538 and 4614.
+                    RangeCase{18676, 38247864, 9339, 574323335, 68782},
                     RangeCase{32768, 67107840, 16385, 1043948630, 70996},
                     RangeCase{65535, 134211584, 32768, 2177278144, 73727},
                     RangeCase{0, 0, 2, 34858, 34858}));
@@ -111,6 +117,7 @@ struct TrigCase {
   std::int32_t cos80_123;    // row 1, sample 123
   std::int32_t sin120_77;    // row 4, sample 77
 };
+void PrintTo(const TrigCase& c, std::ostream* os) { *os << "column_length " << c.column_length; }
 class TrigTableTest : public TablesTest, public testing::WithParamInterface<TrigCase> {};
 
 TEST_P(TrigTableTest, EqualsReferenceEntryForEntry) {
@@ -169,8 +176,10 @@ TEST_F(TablesTest, FlowFlagLogsTheGeometry) {
   g_logFlow = 1;
   LogCapture log;
   Init(4000, 2000, 512, 240000000.9);
+  Init(4000, 2000, 512, 2400000000.0);  // beyond 32 bits: shown as the lowest 32-bit value
   EXPECT_THAT(log.Lines(),
-              testing::ElementsAre("flicker_init 4000 columnLen=2000 winW = 512 240000000"));
+              testing::ElementsAre("flicker_init 4000 columnLen=2000 winW = 512 240000000",
+                                   "flicker_init 4000 columnLen=2000 winW = 512 -2147483648"));
 }
 
 TEST_F(TablesTest, SecondInitRebuildsAndUninitTwiceIsHarmless) {
@@ -196,12 +205,44 @@ TEST_F(TablesTest, LargestAcceptedGeometry) {
   EXPECT_NE(g_flkTab1, nullptr);
 }
 
+TEST_F(TablesTest, InitAndUninitThroughTheCommandEntry) {
+  LogCapture log;
+  FlkInitPara para{};
+  para.type = FLK_SENSOR_STANDARD;
+  para.line_length = 4000;
+  para.column_length = 2000;
+  para.window_width = 512;
+  para.pclk = 240e6;
+  testing::internal::CaptureStdout();
+  SendCmdFlk(CMD_INIT, &para, nullptr);
+  EXPECT_THAT(testing::internal::GetCapturedStdout(), testing::EndsWith("\nsize: 2049\n"));
+  EXPECT_EQ(g_flkTabW, 500);
+  EXPECT_EQ(g_valuMax, 8388480);
+  EXPECT_EQ(g_flkTab1[3 * 500 + 4], 251);
+  EXPECT_EQ(g_flkTabType, FLK_SENSOR_STANDARD);
+  SendCmdFlk(CMD_UNINIT, nullptr, nullptr);
+  SendCmdFlk(CMD_UNINIT, nullptr, nullptr);
+  EXPECT_EQ(g_flkTab1, nullptr);
+  EXPECT_EQ(g_flkTab2, nullptr);
+  EXPECT_EQ(g_flkCompTab, nullptr);
+
+  // A refused geometry leaves the standard type without tables.
+  para.window_width = -1;
+  testing::internal::CaptureStdout();
+  SendCmdFlk(CMD_INIT, &para, nullptr);
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
+  EXPECT_EQ(g_flkTab1, nullptr);
+  EXPECT_EQ(g_flkTabType, -1);
+  EXPECT_TRUE(log.Contains("[flicker_init] refused: window_width -1 outside 0..65535"));
+}
+
 struct RefusalCase {
   std::int32_t column_length;
   std::int32_t window_width;
   double pclk;
   const char* line;
 };
+void PrintTo(const RefusalCase& c, std::ostream* os) { *os << c.line; }
 class InitRefusalTest : public TablesTest, public testing::WithParamInterface<RefusalCase> {};
 
 TEST_P(InitRefusalTest, FreesOldTablesAndBuildsNone) {
