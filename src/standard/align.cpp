@@ -40,14 +40,14 @@ constexpr std::int32_t kPackedSize = 2000;      // the despiked vectors
 constexpr std::int32_t kNotAligned = -100;      // winOffset of a window taken unaligned
 constexpr std::int32_t kFineCandidates = 7;     // fine search: coarse - 3 .. coarse + 3
 constexpr std::int32_t kFineHalfSpan = 2;
-constexpr std::int32_t kPreShift = 1;           // working vectors are at half resolution
-constexpr std::int32_t kCoarseDecShift = 2;     // the coarse search decimates by 4 more
-constexpr std::int32_t kFineOutShift = 1;       // log ratios at half of working resolution
+constexpr std::int32_t kPreShift = 1;        // working vectors are at half resolution
+constexpr std::int32_t kCoarseDecShift = 2;  // the coarse search decimates by 4 more
+constexpr std::int32_t kFineOutShift = 1;    // log ratios at half of working resolution
 
 // Samples window w contributes at full resolution (the last window may be shorter).
 std::int32_t window_samples(std::int32_t w, std::int32_t windowLength, std::int32_t totalLength) {
-  const std::int64_t left = static_cast<std::int64_t>(totalLength) -
-                            static_cast<std::int64_t>(w) * windowLength;
+  const std::int64_t left =
+      static_cast<std::int64_t>(totalLength) - static_cast<std::int64_t>(w) * windowLength;
   return static_cast<std::int32_t>(left < windowLength ? left : windowLength);
 }
 
@@ -169,16 +169,15 @@ void align_flicker(std::int32_t* curStats, std::int32_t* prevStats, std::int32_t
       central_gradient(cvector_current_working_memory, m, grad_current_working_memory);
       central_gradient(cvector_prev_working_memory, m, grad_prev_working_memory);
       for (std::int32_t j = 0; j < h; ++j) {
-        avector_out_working_memory[q + j] =
-            flicker_compand(cvector_current_working_memory[2 * j]) -
-            flicker_compand(cvector_prev_working_memory[2 * j]);
+        avector_out_working_memory[q + j] = flicker_compand(cvector_current_working_memory[2 * j]) -
+                                            flicker_compand(cvector_prev_working_memory[2 * j]);
       }
     }
     const std::int32_t* ratio = avector_out_working_memory + q;
     q += h;
 
-    const std::int32_t peaks_cur =
-        find_peaks(grad_current_working_memory, m, peak_threshold, flicker_despike_working_memory_h1);
+    const std::int32_t peaks_cur = find_peaks(grad_current_working_memory, m, peak_threshold,
+                                              flicker_despike_working_memory_h1);
     const std::int32_t peaks_prev =
         find_peaks(grad_prev_working_memory, m, peak_threshold, flicker_despike_working_memory_h2);
 
@@ -204,10 +203,9 @@ void align_flicker(std::int32_t* curStats, std::int32_t* prevStats, std::int32_t
         }
         std::int32_t best = 0;
         exhaust_search_fine(cvector_current_working_memory, cvector_prev_working_memory,
-                            flicker_despike_working_memory_h1, flicker_despike_working_memory_h2,
-                            m, 0, kPreShift, kFineOutShift, kFineHalfSpan, windowLength, coarse,
-                            best, cvector_out_test_ptr_array,
-                            cvector_out_test_length_working_memory);
+                            flicker_despike_working_memory_h1, flicker_despike_working_memory_h2, m,
+                            0, kPreShift, kFineOutShift, kFineHalfSpan, windowLength, coarse, best,
+                            cvector_out_test_ptr_array, cvector_out_test_length_working_memory);
         const std::int32_t fine = coarse + best - (kFineCandidates >> 1);
         winOffset[w] = fine;
         if (fx::wrap_abs32(fine) > flicker_search_range) {

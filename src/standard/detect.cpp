@@ -16,10 +16,13 @@ constexpr const char* kDriver = "detectFlicker_SW";
 // border mirrors:
 // - a window is win_ht samples and the alignment copies at most 2000 of them;
 // - win_ht >= 53 gives at least 27 working samples and 14 log-ratio samples per window, enough
-//   for the 13-tap mirror of the coarse search and the 14-sample mirrors of the despike;
+//   for the 13-tap mirror of the coarse search and the 14-sample mirrors of the despike (an
+//   aligned window keeps at least 15: the searches only register windows of 58 + 2 x range rows
+//   or more, and drop shifts beyond the range);
 // - find_vector keeps ten columns, align_flicker ten windows;
 // - one band transposed (win_ht x n_win_w) fills at most the 12000-entry column buffer, and the
 //   line vectors hold 6000 rows;
+// - the frequency estimators read one table column per log-ratio sample;
 // - the zHDR counters hold 12 windows.
 constexpr std::int32_t kMinWinHt = 53;
 constexpr std::int32_t kMaxWinHt = 2000;
@@ -29,7 +32,9 @@ constexpr std::int32_t kMaxBandValues = 12000;
 constexpr std::int32_t kMaxZhdrWindows = 12;
 
 // Log-ratio samples of one window of win_ht rows: ceil(ceil(win_ht / 2) / 2).
-std::int32_t ratio_samples(std::int32_t win_ht) { return (((win_ht + 1) >> 1) + 1) >> 1; }
+std::int32_t ratio_samples(std::int32_t win_ht) {
+  return (((win_ht + 1) >> 1) + 1) >> 1;
+}
 
 // One refusal line naming the limit; true when the frame must not run.
 bool refuse_geometry(const std::int64_t* prev, const std::int64_t* cur, std::int32_t n_win_h,
@@ -58,8 +63,8 @@ bool refuse_geometry(const std::int64_t* prev, const std::int64_t* cur, std::int
   }
   const std::int32_t rows = n_win_h * win_ht;
   if (rows > kLineVectorSize) {
-    LogRefusalFlk(kDriver, "n_win_h x win_ht = %d above %d rows, result %d", rows,
-                  kLineVectorSize, result);
+    LogRefusalFlk(kDriver, "n_win_h x win_ht = %d above %d rows, result %d", rows, kLineVectorSize,
+                  result);
     return true;
   }
   if (win_ht * n_win_w > kMaxBandValues) {
@@ -91,8 +96,7 @@ bool refuse_geometry(const std::int64_t* prev, const std::int64_t* cur, std::int
 
 std::int32_t detectFlicker_SW(std::int64_t* prev, std::int64_t* cur, std::int32_t n_win_h,
                               std::int32_t n_win_w, std::int32_t win_wd, std::int32_t win_ht,
-                              std::int32_t, FlkSensorInfo, FlkEISVector, FlkAEInfo,
-                              std::int32_t*) {
+                              std::int32_t, FlkSensorInfo, FlkEISVector, FlkAEInfo, std::int32_t*) {
   if (refuse_geometry(prev, cur, n_win_h, n_win_w, win_ht)) return g_flickerResult;
 
   const std::int32_t rows = win_ht * n_win_h;
@@ -101,16 +105,16 @@ std::int32_t detectFlicker_SW(std::int64_t* prev, std::int64_t* cur, std::int32_
     vector_selection_zHDR(prev, cur, n_win_h, n_win_w, win_wd, win_ht, line_prev_working_memory,
                           line_curr_working_memory);
   } else {
-    vector_selection(prev, cur, n_win_h, n_win_w, win_wd, win_ht, nullptr,
-                     line_prev_working_memory, line_curr_working_memory);
+    vector_selection(prev, cur, n_win_h, n_win_w, win_wd, win_ht, nullptr, line_prev_working_memory,
+                     line_curr_working_memory);
   }
   PrintLineDataFlk(line_prev_working_memory, line_curr_working_memory, rows, true);
 
   std::int32_t freq_out[9];
   std::int32_t ae_stable = 0;
   std::int32_t align_flag = 0;
-  align_flicker(line_curr_working_memory, line_prev_working_memory, n_win_h, win_ht, rows,
-                freq_out, ae_stable, align_flag);
+  align_flicker(line_curr_working_memory, line_prev_working_memory, n_win_h, win_ht, rows, freq_out,
+                ae_stable, align_flag);
   if (g_logFlow) {
     PrintLogFlk("Freq_out = %d, %d, %d, %d, %d, %d, %d, %d, %d\n", freq_out[0], freq_out[1],
                 freq_out[2], freq_out[3], freq_out[4], freq_out[5], freq_out[6], freq_out[7],

@@ -27,8 +27,8 @@ constexpr std::int32_t kDefaultColumn = 1;
 
 }  // namespace
 
-std::int32_t find_vector(std::int32_t* cols, std::int32_t len, std::int32_t ncols,
-                         std::int32_t thr, std::int32_t minMean) {
+std::int32_t find_vector(std::int32_t* cols, std::int32_t len, std::int32_t ncols, std::int32_t thr,
+                         std::int32_t minMean) {
   if (ncols < 1 || ncols > kMaxColumns) return kDefaultColumn;
   std::int32_t mean[kMaxColumns];
   std::int32_t count[kMaxColumns];
@@ -91,8 +91,7 @@ std::int32_t find_vector(std::int32_t* cols, std::int32_t len, std::int32_t ncol
 }
 
 // Exported for the host interface; motion is not measured here.
-std::int32_t measureMotion(const std::int32_t*, const std::int32_t*, std::uint32_t,
-                           std::int32_t) {
+std::int32_t measureMotion(const std::int32_t*, const std::int32_t*, std::uint32_t, std::int32_t) {
   return 1;
 }
 

@@ -36,7 +36,7 @@ constexpr std::uint64_t kCountMask = 0xFFF;
 // before its start.
 constexpr std::int32_t kWordBeforeSequences = 0;
 
-constexpr std::int32_t kNoValue = 1 << 30;   // "no candidate yet" of the value and crossing scans
+constexpr std::int32_t kNoValue = 1 << 30;  // "no candidate yet" of the value and crossing scans
 constexpr std::int32_t kFallbackCandidate = 2;
 constexpr std::int32_t kInitialSelection = 1;  // column 0, odd rows
 constexpr std::int32_t kCrossingThreshold = 2560;
@@ -235,8 +235,8 @@ void vector_selection_zHDR(const std::int64_t* prevStats, const std::int64_t* cu
           }
         }
       }
-      s = find_vector_zHDR(ovector_out_working_memory, len, kCrossingThreshold, kBrightMean,
-                           count, flags);
+      s = find_vector_zHDR(ovector_out_working_memory, len, kCrossingThreshold, kBrightMean, count,
+                           flags);
     }
 
     std::printf("%d ", s);
@@ -244,8 +244,7 @@ void vector_selection_zHDR(const std::int64_t* prevStats, const std::int64_t* cu
     const std::int32_t column = s / 2;
     // Candidate 2 on a one-column grid names column 1: values past the grid's end read 0.
     for (std::int32_t i = 0; i < win_ht; ++i) {
-      const std::int64_t at =
-          (static_cast<std::int64_t>(h) * win_ht + i) * n_win_w + column;
+      const std::int64_t at = (static_cast<std::int64_t>(h) * win_ht + i) * n_win_w + column;
       const std::int32_t out = h * win_ht + i;
       curOut[out] = at < grid_size ? fx::low32(curStats[at]) : 0;
       prevOut[out] = at < grid_size ? fx::low32(prevStats[at]) : 0;

@@ -1,7 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
 // zHDR statistics: unpacking, per-window counts, the candidate flags and the selection rules.
-#include "standard/standard.h"
-
 #include <gtest/gtest.h>
 
 #include <cstdint>
@@ -9,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "standard/standard.h"
 #include "support.h"
 
 namespace {
@@ -117,18 +116,25 @@ INSTANTIATE_TEST_SUITE_P(
     Cases, FindVectorZhdrTest,
     ::testing::Values(
         // Crossings 1, 0, 1 with means above the threshold: the fewest crossings.
-        FindCase{"fewest_crossings", {100, 80, 120, 100, 50, 50, 50, 50, 200, 180, 220, 200},
-                 {1, 1, 1}, 4, 0, 1},
-        // Both quiet (equal crossings): the brighter.
-        FindCase{"equal_crossings_brighter", {100, 100, 100, 100, 150, 150, 150, 150}, {1, 1}, 4, 0,
+        FindCase{"fewest_crossings",
+                 {100, 80, 120, 100, 50, 50, 50, 50, 200, 180, 220, 200},
+                 {1, 1, 1},
+                 4,
+                 0,
                  1},
+        // Both quiet (equal crossings): the brighter.
+        FindCase{
+            "equal_crossings_brighter", {100, 100, 100, 100, 150, 150, 150, 150}, {1, 1}, 4, 0, 1},
         // Candidate 0 starts at -20 after centring: the guard word 0 before the buffer makes no
         // crossing of it, so it keeps 0 crossings against candidate 1's one.
         FindCase{"guard_word_is_zero", {80, 100, 120, 100, 300, 280, 320, 300}, {1, 1}, 4, 0, 0},
         // Crossings compare with the next index even when unflagged (count 0): candidate 1 (0)
         // equals unflagged 2, so the rule of the largest mean picks 3 over the quieter 1.
         FindCase{"same_crossings_with_unflagged_next",
-                 {0, 0, 0, 0, 50, 50, 50, 50, 0, 0, 0, 0, 200, 180, 220, 200}, {0, 1, 0, 1}, 4, 0,
+                 {0, 0, 0, 0, 50, 50, 50, 50, 0, 0, 0, 0, 200, 180, 220, 200},
+                 {0, 1, 0, 1},
+                 4,
+                 0,
                  3},
         // Every flagged mean below the bound: the brightest, however many crossings.
         FindCase{"small_means_brightest", {100, 80, 120, 100, 50, 50, 50, 50}, {1, 1}, 4, 1000, 0},
@@ -149,8 +155,7 @@ class ZhdrSelectionTest : public ZhdrTest {
   }
   std::string Select(int n_win_h = 1) {
     ::testing::internal::CaptureStdout();
-    vector_selection_zHDR(prev_.data(), cur_.data(), n_win_h, 2, 50, kWinHt, out_prev_,
-                          out_cur_);
+    vector_selection_zHDR(prev_.data(), cur_.data(), n_win_h, 2, 50, kWinHt, out_prev_, out_cur_);
     return StopCapture();
   }
   std::vector<std::int64_t> cur_;
