@@ -152,6 +152,20 @@ TEST_F(HostTest, RefusalNamesTheLimit) {
   }
 }
 
+// A refused INIT stops the session before any frame, with the library's words.
+TEST_F(HostTest, RefusedInit) {
+  SensorSetup sensor = DefaultSensor(0);
+  sensor.column_length = 70000;
+  try {
+    LibrarySession session(sensor, 50, 0.010, false);
+    FAIL() << "accepted";
+  } catch (const HostError& e) {
+    EXPECT_EQ(std::string(e.what()), "the library refused INIT: [flicker_init] column_length 70000 outside 0..65536");
+  }
+  // The next session starts cleanly.
+  EXPECT_NO_THROW(LibrarySession(DefaultSensor(0), 50, 0.010, false));
+}
+
 TEST_F(HostTest, BadRunsAreRefusedBeforeTheLibrary) {
   EXPECT_THROW(Simulate(DefaultSensor(0), SceneSetup{}, 1, 0.010, 50, false, nullptr), HostError);
   EXPECT_THROW(Simulate(DefaultSensor(0), SceneSetup{}, 5, 0.040, 50, false, nullptr), HostError);

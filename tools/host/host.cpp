@@ -88,31 +88,33 @@ LibrarySession::LibrarySession(const SensorSetup& sensor, std::int32_t initial_s
   g_session = this;
   SetLogSinkFlk(&LibrarySession::Sink);
 
-  // Flow logging makes the detector report its nine energies and the sequential test its score:
-  // the per-frame figures the host shows.
-  FlkLogPara log = FLK_LOG_FLOW;
-  Send(CMD_SET_LOG_LEVEL, &log, nullptr, "SET_LOG_LEVEL");
-  FlkExtPara para = FlkDefaultExtPara();
-  para.is_zhdr = sensor_.zhdr ? 1 : 0;
-  para.zhdr_gle_first = sensor_.zhdr_gle_first ? 1 : 0;
-  para.zhdr_se_small = sensor_.zhdr_se_small ? 1 : 0;
-  Send(CMD_SET_EXT_PARA, &para, nullptr, "SET_EXT_PARA");
-  FlkInitPara init{};
-  init.type = sensor_.type;
-  init.line_length = sensor_.line_length;
-  init.column_length = sensor_.column_length;
-  init.window_width = sensor_.window_width;
-  init.pclk = sensor_.pclk;
-  init.block_height = sensor_.block_height;
-  init.green_only = sensor_.green_only;
   try {
+    // Flow logging makes the detector report its nine energies and the sequential test its
+    // score: the per-frame figures the host shows.
+    FlkLogPara log = FLK_LOG_FLOW;
+    Send(CMD_SET_LOG_LEVEL, &log, nullptr, "SET_LOG_LEVEL");
+    FlkExtPara para = FlkDefaultExtPara();
+    para.is_zhdr = sensor_.zhdr ? 1 : 0;
+    para.zhdr_gle_first = sensor_.zhdr_gle_first ? 1 : 0;
+    para.zhdr_se_small = sensor_.zhdr_se_small ? 1 : 0;
+    Send(CMD_SET_EXT_PARA, &para, nullptr, "SET_EXT_PARA");
+    FlkInitPara init{};
+    init.type = sensor_.type;
+    init.line_length = sensor_.line_length;
+    init.column_length = sensor_.column_length;
+    init.window_width = sensor_.window_width;
+    init.pclk = sensor_.pclk;
+    init.block_height = sensor_.block_height;
+    init.green_only = sensor_.green_only;
     Send(CMD_INIT, &init, nullptr, "INIT");
     EvTable state = state_hz_ == 60 ? EV_TABLE_60HZ : EV_TABLE_50HZ;
     Send(CMD_SET_STATE, &state, nullptr, "SET_STATE");
     Send(CMD_RESET_QUEUE, nullptr, nullptr, "RESET_QUEUE");
   } catch (...) {
     // The destructor does not run for a half-built session.
-    Send(CMD_UNINIT, nullptr, nullptr, "UNINIT");
+    FlkLogPara quiet = 0;
+    SendCmdFlk(CMD_SET_LOG_LEVEL, &quiet, nullptr);
+    SendCmdFlk(CMD_UNINIT, nullptr, nullptr);
     SetLogSinkFlk(nullptr);
     g_session = nullptr;
     throw;
