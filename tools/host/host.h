@@ -1,0 +1,97 @@
+// SPDX-License-Identifier: Apache-2.0
+// The auto-exposure host: drives the library through SendCmdFlk only, frame by frame, and applies
+// its decisions the way a camera's auto-exposure does.
+#ifndef KESTREL_TOOLS_HOST_H
+#define KESTREL_TOOLS_HOST_H
+
+#include <array>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "host/recording.h"
+#include "host/scene.h"
+
+namespace kestrel_host {
+
+// What the library said about one frame (the current frame of a DETECT) and what the host did.
+struct FrameResult {
+  std::int32_t frame = 0;          // index of the current frame
+  double exposure_s = 0.0;         // its exposure time
+  std::int32_t state_hz = 50;      // the flicker setting under test when it was judged
+  bool has_energies = false;       // the detector reported its nine energies
+  std::array<std::int32_t, 9> energies{};  // 70, 80, 90, 100, 120, 130, 140, 160, 170 Hz
+  bool has_relative = false;
+  std::int32_t relative_q8 = 0;    // scored feature over the mean of the others, minus 1 (Q8)
+  bool has_score = false;
+  std::int32_t score = 0;          // frame score, rounded to whole units (positive: other mains)
+  bool has_seq = false;
+  std::int32_t seq = 0;            // sequential score; a switch is decided above the threshold 8
+  std::int32_t result = -1;        // DETECT output: 2 = 50 Hz, 3 = 60 Hz (-1: nothing written)
+  std::string note;                // why the frame did not count, or that the test is warming up
+  bool switched = false;           // the host confirmed a switch after this frame
+  double next_exposure_s = 0.0;    // exposure the host applies from the next frame on
+  std::string action;              // what the host sent
+};
+
+struct RunResult {
+  SensorSetup sensor;
+  std::int32_t initial_state_hz = 50;
+  std::int32_t final_state_hz = 50;
+  std::int32_t frames = 0;              // frames seen (the first has no DETECT)
+  std::vector<FrameResult> results;     // one per DETECT
+  std::int32_t first_switch_frame = -1; // frame after which the first switch was confirmed
+  std::int32_t switches = 0;
+  std::int32_t skipped = 0;             // frames the test did not count
+};
+
+// The exposure a host applies for a mains frequency: the nearest whole number of flicker periods
+// (at least one), which cancels the banding of that mains.
+double ExposureForMains(double exposure_s, std::int32_t mains_hz);
+
+// One library session: INIT on construction, UNINIT on destruction. While alive it owns the
+// library's log sink (to read the detector's per-frame figures) and keeps the library's own
+// standard-output lines away from the tool's output. One session at a time.
+class LibrarySession {
+ public:
+  // `verbose`: the library's log and standard output go to standard error.
+  LibrarySession(const SensorSetup& sensor, std::int32_t initial_state_hz, double exposure_s,
+                 bool verbose);
+  ~LibrarySession();
+  LibrarySession(const LibrarySession&) = delete;
+  LibrarySession& operator=(const LibrarySession&) = delete;
+
+  // DETECT on a pair of frames, then the host policy: on a switch, SET_STATE and RESET_QUEUE,
+  // and the exposure moves to a multiple of the new flicker period. Throws HostError when the
+  // library refuses the frame.
+  FrameResult Detect(std::int32_t frame, const Frame& prev, const Frame& cur);
+
+  std::int32_t state_hz() const { return state_hz_; }
+  double exposure_s() const { return exposure_s_; }
+
+ private:
+  void Send(std::uint32_t cmd, void* in, void* out, const char* what);
+  static void Sink(int priority, const char* tag, const char* text);
+
+  SensorSetup sensor_;
+  std::int32_t state_hz_;
+  double exposure_s_;
+  bool verbose_;
+  std::vector<std::string> lines_;
+  std::vector<std::int64_t> prev64_, cur64_;
+  std::vector<std::int32_t> prev32_, cur32_;
+};
+
+// Closed loop: the simulator renders each frame with the exposure the host chose after the
+// previous one. `recording`, when given, receives the frames as rendered.
+RunResult Simulate(const SensorSetup& sensor, const SceneSetup& scene, std::int32_t frames,
+                   double exposure_s, std::int32_t initial_state_hz, bool verbose,
+                   Recording* recording);
+
+// Open loop: the recorded frames through the same host (the exposure it chooses is reported;
+// the recorded frames stay as they were captured).
+RunResult Replay(const Recording& recording, std::int32_t initial_state_hz, bool verbose);
+
+}  // namespace kestrel_host
+
+#endif  // KESTREL_TOOLS_HOST_H

@@ -1,0 +1,30 @@
+// SPDX-License-Identifier: Apache-2.0
+// What the host tool prints and writes: the per-frame table, the summary line, CSV and JSON.
+#ifndef KESTREL_TOOLS_REPORT_H
+#define KESTREL_TOOLS_REPORT_H
+
+#include <string>
+
+#include "host/host.h"
+
+namespace kestrel_host {
+
+// The per-frame table; `wide` shows all nine energies instead of 100 Hz, 120 Hz and the mean of
+// the other seven.
+std::string FormatTable(const RunResult& run, bool wide);
+
+// One line: when the host switched, or that it never did and where the test stood.
+std::string FormatSummary(const RunResult& run);
+
+// One row per DETECT, every figure, for plotting.
+std::string FormatCsv(const RunResult& run);
+
+// A machine-readable summary with the per-frame figures; `command` is "simulate" or "replay".
+std::string FormatJson(const RunResult& run, const std::string& command);
+
+// A JSON string literal (quotes included) with the escapes JSON requires.
+std::string JsonString(const std::string& text);
+
+}  // namespace kestrel_host
+
+#endif  // KESTREL_TOOLS_REPORT_H
