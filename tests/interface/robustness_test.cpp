@@ -22,7 +22,9 @@ struct Family {
   std::int64_t max_value;  // statistics range of the family
 };
 
-void PrintTo(const Family& family, std::ostream* os) { *os << family.name; }
+void PrintTo(const Family& family, std::ostream* os) {
+  *os << family.name;
+}
 
 class RandomGeometry : public LibraryTest, public ::testing::WithParamInterface<Family> {
  protected:
@@ -80,7 +82,8 @@ TEST_P(RandomGeometry, EveryFrameGetsAResultCode) {
     SendCmdFlk(CMD_DETECT, &detect, &result);
     ASSERT_TRUE(result == 2 || result == 3) << "trial " << trial << ": result " << result;
     bool refused = false;
-    for (const std::string& line : log.Lines()) refused |= line.find("refused:") != std::string::npos;
+    for (const std::string& line : log.Lines())
+      refused |= line.find("refused:") != std::string::npos;
     if (refused) {
       EXPECT_EQ(g_queueCount, queued) << "trial " << trial;
     } else {
