@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
-#include <utility>
 #include <vector>
 
 namespace {
@@ -15,65 +14,51 @@ using I64 = std::vector<std::int64_t>;
 
 std::int32_t kOne[1] = {1};
 
-struct KernelCase {
-  const char* name;
-  bool synthesis;
-  std::int32_t* taps;
-  std::int32_t L, R, d, s, step;
-  I32 x, y;  // y: the whole output buffer, prefilled with -5
-};
-
-KernelCase K(const char* name, bool synthesis, std::int32_t* taps, std::int32_t L, std::int32_t R,
-             std::int32_t d, std::int32_t s, std::int32_t step, I32 x, I32 y) {
-  return {name, synthesis, taps, L, R, d, s, step, std::move(x), std::move(y)};
-}
-
+// Runs one kernel at the width of T on x; the output buffer is prefilled with -5.
 template <typename T>
-std::vector<T> Convolve(const KernelCase& c) {
-  std::vector<T> x(c.x.begin(), c.x.end());
-  std::vector<T> y(c.x.size(), -5);
+std::vector<T> Convolve(bool synthesis, std::int32_t* taps, std::int32_t L, std::int32_t R,
+                        std::int32_t d, std::int32_t s, std::int32_t step, const I32& in) {
+  std::vector<T> x(in.begin(), in.end());
+  std::vector<T> y(in.size(), -5);
   const auto n = static_cast<std::int32_t>(x.size());
-  if (c.synthesis) {
-    convolve_synthesis(x.data(), n, y.data(), c.taps, c.L, c.R, c.d, c.s);
+  if (synthesis) {
+    convolve_synthesis(x.data(), n, y.data(), taps, L, R, d, s);
   } else {
-    convolve_analysis(x.data(), n, y.data(), c.taps, c.L, c.R, c.d, c.s, c.step);
+    convolve_analysis(x.data(), n, y.data(), taps, L, R, d, s, step);
   }
   return y;
 }
 
-class Kernels : public testing::TestWithParam<KernelCase> {};
-
-// Both widths give the same outputs while nothing overflows.
-TEST_P(Kernels, BothWidths) {
-  const KernelCase& c = GetParam();
-  EXPECT_EQ(Convolve<std::int32_t>(c), c.y);
-  EXPECT_EQ(Convolve<std::int64_t>(c), I64(c.y.begin(), c.y.end()));
+// Both widths agree while nothing overflows; returns the 32-bit output.
+I32 Both(bool synthesis, std::int32_t* taps, std::int32_t L, std::int32_t R, std::int32_t d,
+         std::int32_t s, std::int32_t step, const I32& x) {
+  const I32 y = Convolve<std::int32_t>(synthesis, taps, L, R, d, s, step, x);
+  EXPECT_EQ(Convolve<std::int64_t>(synthesis, taps, L, R, d, s, step, x), I64(y.begin(), y.end()));
+  return y;
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Cases, Kernels,
-    testing::Values(
-        // Edge sample repeated: a constant survives up to the edges, times 16 without a shift.
-        K("smooth_constant", false, flicker_filter_s, 2, 2, 1, 4, 1, I32(6, 7), I32(6, 7)),
-        K("smooth_gain", false, flicker_filter_s, 2, 2, 1, 0, 1, I32(6, 7), I32(6, 112)),
-        // c = 0, P = 0, Q = 1: the last output sees x[n - 1] twice.
-        K("difference", false, flicker_filter_h, 0, 1, 1, 0, 1, {1, 4, 9, 16}, {3, 5, 7, 0}),
-        // d = 2: c = -1, P = Q = 1, so y[i] = x[i + 1] - x[i - 1].
-        K("difference_d2", false, flicker_filter_h, 0, 1, 2, 0, 1, {1, 2, 4, 8, 16},
-          {1, 3, 6, 12, 8}),
-        K("step_2", false, kOne, 0, 0, 1, 0, 2, {10, 11, 12, 13, 14}, {10, 12, 14, -5, -5}),
-        K("round_half_away", false, kOne, 0, 0, 1, 1, 1, {1, -1, -3, -2, 3, 0},
-          {1, -1, -2, -1, 2, 0}),
-        // Pads of 8 around 3 samples: the mirror repeats the edge instead of reading past it.
-        K("short_signal", false, flicker_filter_s, 2, 2, 4, 4, 1, I32(3, 5), I32(3, 5)),
-        // d = 1: a zero before the negated mirror on the left, the mirror skips x[n - 1] on the
-        // right, so the two ends differ in magnitude.
-        K("synthesis_d1", true, flicker_filter_q, 4, 3, 1, 0, 1, I32(10, 1),
-          {-187, -57, -11, -1, 0, 0, 0, 2, 20, 94}),
-        // d = 2: c = 1, P = Q = 7, negated mirror on both sides.
-        K("synthesis_d2", true, flicker_filter_q, 4, 3, 2, 0, 1, I32(16, 1),
-          {-280, -94, -94, -20, -20, -2, -2, 0, 0, 2, 2, 20, 20, 94, 94, 280})),
-    [](const testing::TestParamInfo<KernelCase>& info) { return info.param.name; });
+TEST(FilterBank, ExtensionsDilationDecimationAndRounding) {
+  // Edge sample repeated: a constant survives up to the edges, times 16 without a shift.
+  EXPECT_EQ(Both(false, flicker_filter_s, 2, 2, 1, 4, 1, I32(6, 7)), I32(6, 7));
+  EXPECT_EQ(Both(false, flicker_filter_s, 2, 2, 1, 0, 1, I32(6, 7)), I32(6, 112));
+  // c = 0, P = 0, Q = 1: the last output sees x[n - 1] twice.
+  EXPECT_EQ(Both(false, flicker_filter_h, 0, 1, 1, 0, 1, I32{1, 4, 9, 16}), (I32{3, 5, 7, 0}));
+  // d = 2: c = -1, P = Q = 1, so y[i] = x[i + 1] - x[i - 1].
+  EXPECT_EQ(Both(false, flicker_filter_h, 0, 1, 2, 0, 1, I32{1, 2, 4, 8, 16}),
+            (I32{1, 3, 6, 12, 8}));
+  // Step 2 on five samples writes three outputs; s = 1 rounds halves away from zero.
+  EXPECT_EQ(Both(false, kOne, 0, 0, 1, 0, 2, I32{10, 11, 12, 13, 14}), (I32{10, 12, 14, -5, -5}));
+  EXPECT_EQ(Both(false, kOne, 0, 0, 1, 1, 1, I32{1, -1, -3, -2, 3, 0}), (I32{1, -1, -2, -1, 2, 0}));
+  // Pads of 8 around 3 samples: the mirror repeats the edge instead of reading past it.
+  EXPECT_EQ(Both(false, flicker_filter_s, 2, 2, 4, 4, 1, I32(3, 5)), I32(3, 5));
+  // d = 1: a zero before the negated mirror on the left, the mirror skips x[n - 1] on the
+  // right, so the two ends differ in magnitude.
+  EXPECT_EQ(Both(true, flicker_filter_q, 4, 3, 1, 0, 1, I32(10, 1)),
+            (I32{-187, -57, -11, -1, 0, 0, 0, 2, 20, 94}));
+  // d = 2: c = 1, P = Q = 7, negated mirror on both sides.
+  EXPECT_EQ(Both(true, flicker_filter_q, 4, 3, 2, 0, 1, I32(16, 1)),
+            (I32{-280, -94, -94, -20, -20, -2, -2, 0, 0, 2, 2, 20, 20, 94, 94, 280}));
+}
 
 TEST(FilterBank, ThirtyTwoBitKernelsWrapAndTheWideningSynthesisDoesNot) {
   // 16 x 2^28 = 2^32: zero in 32 bits, exact in 64.

@@ -29,7 +29,9 @@ class ZhdrTest : public kestrel_test::LibraryTest {
   }
 };
 
-TEST_F(ZhdrTest, WithoutZhdrOnlyMasksTo24Bits) {
+// Without zHDR the words are only masked to 24 bits; with it, counts go per window row and
+// exposure (even rows are the long exposure) before the masking.
+TEST_F(ZhdrTest, ExtractCountsPerWindowAndExposureThenMasks) {
   ZHDR_SE_NOI_CURR[0] = 99;
   W prev = {Pack(0xABCDEF, 7, 9), Pack(1, 4095, 4095)};
   W cur = {Pack(0x123456, 1, 1), -1};
@@ -37,40 +39,30 @@ TEST_F(ZhdrTest, WithoutZhdrOnlyMasksTo24Bits) {
   EXPECT_EQ(prev, (W{0xABCDEF, 1}));
   EXPECT_EQ(cur, (W{0x123456, 0xFFFFFF}));
   EXPECT_EQ(ZHDR_SE_NOI_CURR[0], 0);
-}
 
-// Four rows, two window rows of two, two columns; even rows are the long exposure.
-TEST_F(ZhdrTest, CountsPerWindowAndExposureThenMasks) {
+  // Four rows, two window rows of two, two columns.
   is_zhdr = 1;
-  W prev(8);
-  W cur(8);
+  prev.resize(8);
+  cur.resize(8);
   for (int at = 0; at < 8; ++at) {
-    const int r = at / 2;
-    const int c = at % 2;
-    prev[at] = Pack(100 + r, r + 1, 10 * (c + 1));
-    cur[at] = Pack(200 + r, 2 * (r + 1), 100 + c);
+    prev[at] = Pack(100 + at / 2, at / 2 + 1, 10 * (at % 2 + 1));
+    cur[at] = Pack(200 + at / 2, 2 * (at / 2 + 1), 100 + at % 2);
   }
   extract_ZHDR_INFO(prev.data(), cur.data(), 4, 2, 2);
   // Window (0, 1): LE is row 0, SE row 1; window (1, 0): LE row 2, SE row 3.
   EXPECT_EQ((V{ZHDR_LE_NOI_PREV[1], ZHDR_SE_NOI_PREV[1], ZHDR_LE_SAT_PREV[1]}), (V{1, 2, 20}));
   EXPECT_EQ((V{ZHDR_LE_NOI_CURR[2], ZHDR_SE_NOI_CURR[2], ZHDR_SE_SAT_CURR[2]}), (V{6, 8, 100}));
-  EXPECT_EQ(ZHDR_LE_SAT_CURR[4], 0);
-  EXPECT_EQ(prev[7], 103);
-  EXPECT_EQ(cur[0], 200);
+  EXPECT_EQ((W{ZHDR_LE_SAT_CURR[4], prev[7], cur[0]}), (W{0, 103, 200}));
   zhdr_gle_first = 0;  // now even rows are the short exposure
   for (int r = 0; r < 4; ++r) prev[r * 2] = Pack(1, r + 1, 0);
   extract_ZHDR_INFO(prev.data(), cur.data(), 4, 2, 2);
   EXPECT_EQ((V{ZHDR_SE_NOI_PREV[0], ZHDR_LE_NOI_PREV[0]}), (V{1, 2}));
-}
 
-// Window rows are the band height rounded down to even: with three rows a band, rows 4 and 5
-// form a third window row.
-TEST_F(ZhdrTest, OddBandHeightUsesEvenWindowRows) {
-  is_zhdr = 1;
-  W prev(6, Pack(0, 1, 0));
-  W cur(6);
+  // Window rows are the band height rounded down to even: with three rows a band, rows 4 and 5
+  // form a third window row.
+  prev.assign(6, Pack(0, 1, 0));
   extract_ZHDR_INFO(prev.data(), cur.data(), 6, 1, 2);
-  EXPECT_EQ((V{ZHDR_LE_NOI_PREV[0], ZHDR_SE_NOI_PREV[0], ZHDR_LE_NOI_PREV[2], ZHDR_SE_NOI_PREV[2]}),
+  EXPECT_EQ((V{ZHDR_SE_NOI_PREV[0], ZHDR_LE_NOI_PREV[0], ZHDR_SE_NOI_PREV[2], ZHDR_LE_NOI_PREV[2]}),
             (V{1, 1, 1, 1}));
 }
 
@@ -99,36 +91,37 @@ TEST(FindVectorZhdr, FewestCrossingsUnlessAllQuietOrDark) {
   EXPECT_EQ(Choose(2, 1000, {1, 1, 0}, {0, 0, -5, -5, 9, 9}), 2);
 }
 
-// One band of 16 rows and two columns, window width 50: the threshold is 16 x 50 / 80 = 10.
-class ZhdrSelectionTest : public ZhdrTest {
- protected:
-  void SetUp() override {
-    ZhdrTest::SetUp();
-    for (int i = 0; i < 32; ++i) {
-      cur_.push_back(1000 + i);
-      prev_.push_back(5000 + i);
-    }
-  }
-  // The standard-output trace.
-  std::string Select(int n_win_h = 1) {
-    testing::internal::CaptureStdout();
-    vector_selection_zHDR(prev_.data(), cur_.data(), n_win_h, 2, 50, 16, out_prev_, out_cur_);
-    std::fflush(stdout);
-    return testing::internal::GetCapturedStdout();
-  }
-  W cur_;
-  W prev_;
-  std::int32_t out_prev_[32] = {};
-  std::int32_t out_cur_[32] = {};
-};
+// Bands of 16 rows and two columns, window width 50: the threshold is 16 x 50 / 80 = 10. The
+// previous frame's words are the current ones plus 4000. Returns the standard-output trace.
+V out_cur;
+V out_prev;
+std::string Select(const W& cur, std::int32_t n_win_h) {
+  W prev = cur;
+  for (std::int64_t& v : prev) v += 4000;
+  out_cur.assign(cur.size() / 2, 0);
+  out_prev.assign(cur.size() / 2, 0);
+  testing::internal::CaptureStdout();
+  vector_selection_zHDR(prev.data(), cur.data(), n_win_h, 2, 50, 16, out_prev.data(),
+                        out_cur.data());
+  std::fflush(stdout);
+  return testing::internal::GetCapturedStdout();
+}
+
+W Ramp() {
+  W v(32);
+  for (int i = 0; i < 32; ++i) v[i] = 1000 + i;
+  return v;
+}
+
+using ZhdrSelectionTest = ZhdrTest;
 
 TEST_F(ZhdrSelectionTest, CountAtThresholdDisqualifiesAndSelection3IsColumn1OddRows) {
   ZHDR_LE_SAT_PREV[0] = ZHDR_LE_SAT_PREV[1] = 10;
   ZHDR_SE_NOI_CURR[0] = 10;
   ZHDR_SE_NOI_CURR[1] = 9;
-  EXPECT_EQ(Select(), "zHDR_vector_selection: 3 \n");
+  EXPECT_EQ(Select(Ramp(), 1), "zHDR_vector_selection: 3 \n");
   EXPECT_EQ(ZHDR_LE_SE_SELECT[0], 1);
-  EXPECT_EQ((V{out_cur_[0], out_cur_[15], out_prev_[15]}), (V{1001, 1031, 5031}));
+  EXPECT_EQ((V{out_cur[0], out_cur[15], out_prev[15]}), (V{1001, 1031, 5031}));
 }
 
 TEST_F(ZhdrSelectionTest, NoneFlaggedTakesSmallestValue) {
@@ -137,24 +130,24 @@ TEST_F(ZhdrSelectionTest, NoneFlaggedTakesSmallestValue) {
   ZHDR_LE_SAT_CURR[1] = 20;  // candidate 2: 20
   ZHDR_SE_SAT_PREV[0] = -5;  // candidate 1: max(5, 0)
   ZHDR_SE_SAT_CURR[1] = 7;   // candidate 3: 10 + 0 against 7
-  EXPECT_EQ(Select(), "zHDR_vector_selection: 1 \n");
+  EXPECT_EQ(Select(Ramp(), 1), "zHDR_vector_selection: 1 \n");
   zhdr_se_small = 1;  // only the long exposure (even rows) may be chosen
-  EXPECT_EQ(Select(), "zHDR_vector_selection: 2 \n");
+  EXPECT_EQ(Select(Ramp(), 1), "zHDR_vector_selection: 2 \n");
   EXPECT_EQ(ZHDR_LE_SE_SELECT[0], 0);
-  EXPECT_EQ(out_cur_[1], 1003);
+  EXPECT_EQ(out_cur[1], 1003);
 }
 
 TEST_F(ZhdrSelectionTest, SeveralFlaggedUseTheSequencesAndNothingUsableCarriesOver) {
   // Band 0: all four candidates flagged and quiet, means below the bound: the brightest, odd rows
   // of column 1 (rows 1 and 9).
-  cur_[1 * 2 + 1] = cur_[9 * 2 + 1] = 900000;
+  W cur = Ramp();
+  cur[1 * 2 + 1] = cur[9 * 2 + 1] = 900000;
   // Band 1: nothing flagged and no value below 2^30: band 0's choice stays.
-  cur_.resize(64, 1);
-  prev_.resize(64, 2);
+  cur.resize(64, 1);
   ZHDR_LE_SAT_PREV[2] = ZHDR_LE_SAT_PREV[3] = ZHDR_SE_SAT_PREV[2] = ZHDR_SE_SAT_PREV[3] = 1 << 30;
-  EXPECT_EQ(Select(2), "zHDR_vector_selection: 3 3 \n");
+  EXPECT_EQ(Select(cur, 2), "zHDR_vector_selection: 3 3 \n");
   EXPECT_EQ(ZHDR_LE_SE_SELECT[1], 1);
-  EXPECT_EQ(out_cur_[16], 1);
+  EXPECT_EQ(out_cur[16], 1);
 }
 
 }  // namespace
