@@ -106,14 +106,12 @@ TEST(CoarseSearch, MorePairsBeatALowerCost) {
   EXPECT_EQ(Coarse(v), std::pair(32, 0));
 }
 
-TEST(CoarseSearch, ExactTiesKeepTheMostNegativeShiftAndZeroCostIsUnreliable) {
+TEST(CoarseSearch, TiesKeepTheMostNegativeShiftAndZeroCostOrNoPairIsUnreliable) {
   EXPECT_EQ(Coarse(Constant()), std::pair(-36, 1));
   Vectors same = Shifted(0);
   same.cur = same.prev;
   EXPECT_EQ(Coarse(same), std::pair(0, 1));
-}
-
-TEST(CoarseSearch, NoValidPairNoRoomOrNoRangeGiveZeroUnreliable) {
+  // No valid pair, no room or no range: shift 0, unreliable.
   Vectors masked = Shifted(12);
   masked.prev_mask.assign(kLen, 0);
   Vectors big{V(1001, 1000), V(1001, 1000), Mask(1001, 1), Mask(1001, 1)};
