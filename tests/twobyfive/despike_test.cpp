@@ -11,7 +11,7 @@
 
 namespace {
 
-// Runs one despike of n samples into an output filled with -1.
+// Despikes `in` with threshold 225 into an output filled with -1.
 std::vector<std::int32_t> Despike(std::vector<std::int32_t> in, std::int32_t levels) {
   std::vector<std::int32_t> out(in.size(), -1);
   flickerDespikeAdaptive_2x5(in.data(), out.data(), static_cast<std::int32_t>(in.size()), levels,

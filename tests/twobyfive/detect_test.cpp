@@ -51,11 +51,13 @@ TEST(TwoByFiveVectorSelection, BandHeightIsTakenAsGiven) {
   EXPECT_EQ(out_cur[15], 531);
   EXPECT_EQ(out_prev[15], 530);
   kestrel_test::LogCapture log;
-  std::fill(cur.begin(), cur.end(), -3);
-  vector_selection_2x5(prev.data(), cur.data(), 1, 1, 0, 8, nullptr, out_prev.data(),
+  std::fill(cur.begin(), cur.begin() + 8, 7);
+  std::fill(cur.begin() + 8, cur.end(), -3);  // the second band of one column is dark
+  vector_selection_2x5(prev.data(), cur.data(), 2, 1, 0, 8, nullptr, out_prev.data(),
                        out_cur.data());
   EXPECT_EQ(out_cur[0], 501);
-  EXPECT_TRUE(log.Contains("[vector_selection_2x5] refused: column 1 past a grid of 1 columns"));
+  EXPECT_EQ(log.Lines(), std::vector<std::string>{"[vector_selection_2x5] refused: band 1 of a "
+                                                  "single column chooses column 1, past the grid"});
 }
 
 class TwoByFiveDriver : public kestrel_test::LibraryTest {
