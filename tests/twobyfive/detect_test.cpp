@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// 2x5 driver and column selection: the middle-column reference with result 1, the dark and
-// equal fallbacks, the single-column copy, the dump without a closing row, and the refusals.
+// 2x5 driver and column selection: the middle-column reference with result 1, the dark
+// fallback, the single-column copy, the dump without a closing row, and the refusals.
 #include <gtest/gtest.h>
 
 #include <string>
@@ -30,11 +30,9 @@ TEST(TwoByFiveColumnChooser, MiddleColumnIsTheReferenceAndTheAnswerStartsAtOne) 
   EXPECT_EQ(Choose({{1000, 9}, {1100, 7}, {2000, 9}, {1960, 3}, {1970, 3}}), 4);
   // 1949 is not above 2000 - 51.
   EXPECT_EQ(Choose({{1000, 9}, {1100, 7}, {2000, 9}, {1949, 3}, {1900, 11}}), 1);
-  // All dark, or all equally quiet: the first strictly brightest positive mean, else 1.
+  // All dark (below 100): the first strictly brightest positive mean. The other fallbacks are
+  // the SONY chooser's, which this one shares.
   EXPECT_EQ(Choose({{50, 1}, {80, 3}, {20, 5}, {80, 7}, {-5, 9}}), 1);
-  EXPECT_EQ(Choose({{500, 3}, {400, 3}, {900, 3}}), 2);
-  EXPECT_EQ(Choose({{0, 3}, {-4, 3}}), 1);
-  EXPECT_EQ(find_vector_2x5(nullptr, 30, 0, 0, 100), 1);
 }
 
 // The exported band loop takes the band height as given and sends a single column through the
