@@ -129,8 +129,9 @@ TEST_F(TwoByFiveAlign, RejectionsAndRefusalsLeaveTheScore) {
   EXPECT_EQ(log.Lines(), std::vector<std::string>{"frame AE unstable\n"});
   cur[0] -= 1;
   EXPECT_EQ(check_AE_stable_2x5(10, cur.data(), prev.data()), 1);
-  for (const auto& [windows, length, total] :
-       {std::tuple{11, 10, 110}, {2, 1000, 2001}, {1, 1999, 1999}, {3, 100, 150}}) {
+  const std::tuple<int, int, int> refused[] = {
+      {11, 10, 110}, {2, 1000, 2001}, {1, 1999, 1999}, {3, 100, 150}};
+  for (const auto& [windows, length, total] : refused) {
     log.Clear();
     Align(std::vector<std::int32_t>(total, 64000), std::vector<std::int32_t>(total, 64000), windows,
           length);

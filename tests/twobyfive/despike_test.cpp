@@ -25,13 +25,19 @@ std::vector<std::int32_t> Step(std::int32_t low, std::int32_t high) {
   return v;
 }
 
-// Every mode returns a constant unchanged; modes 1 and 2 rebuild a step of 224 exactly.
-TEST(TwoByFiveDespike, ConstantsAndStepsBelowTheThresholdComeBackUnchanged) {
+// Every mode returns a constant unchanged; modes 1 and 2 rebuild a step of 224 exactly; three
+// levels drop the finest detail, so an alternating pattern vanishes inside the signal.
+TEST(TwoByFiveDespike, ConstantsStepsBelowTheThresholdAndModeThree) {
   for (std::int32_t levels : {0, 1, 2, 3, 7}) {
     EXPECT_EQ(Despike(std::vector<std::int32_t>(40, 77), levels),
               std::vector<std::int32_t>(40, 77));
   }
   for (std::int32_t levels : {1, 2}) EXPECT_EQ(Despike(Step(0, 224), levels), Step(0, 224));
+  std::vector<std::int32_t> in(40);
+  for (int i = 0; i < 40; ++i) in[i] = i % 2 ? 13 : -13;
+  const auto out = Despike(in, 3);
+  EXPECT_EQ(std::vector<std::int32_t>(out.begin() + 8, out.begin() + 32),
+            std::vector<std::int32_t>(24, 0));
 }
 
 // h1[19] = 1000 is clipped to 225, so the output misses 775 x the level-1 synthesis of an
@@ -45,15 +51,6 @@ TEST(TwoByFiveDespike, ModeOneClipsAStrongStepToTheThreshold) {
     EXPECT_EQ(up[15 + i], rise[i]) << 15 + i;
     EXPECT_EQ(down[15 + i], 1000 - rise[i]) << 15 + i;
   }
-}
-
-// Three levels drop the finest detail: an alternating pattern vanishes inside the signal.
-TEST(TwoByFiveDespike, ModeThreeDropsTheLevelOneDetail) {
-  std::vector<std::int32_t> in(40);
-  for (int i = 0; i < 40; ++i) in[i] = i % 2 ? 13 : -13;
-  const auto out = Despike(in, 3);
-  EXPECT_EQ(std::vector<std::int32_t>(out.begin() + 8, out.begin() + 32),
-            std::vector<std::int32_t>(24, 0));
 }
 
 // A negative level count computes level 1 (h1[i] = x[i + 1] - x[i], 0 at the end, held as 32-bit

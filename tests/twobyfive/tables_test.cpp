@@ -41,17 +41,15 @@ TEST_F(TwoByFiveTables, GreenOnlyLogTableAndTheStandAloneBuilder) {
   EXPECT_EQ(table, (Values{0, 38519, 47537, 52912, 56754, 59746, 62196, 64272, -7}));
 }
 
-TEST_F(TwoByFiveTables, WidthJumpsPastEveryMultipleOf256) {
+// Widths jump past every multiple of 256. One sample per block of lines: w = f x 2 pi x
+// (2 x 1000) / 24e6, the 100 Hz row (3) reaching a phase of pi / 6 at sample 10; every row starts
+// at 255 and 0.
+TEST_F(TwoByFiveTables, WidthsAndAPhaseAdvancingOneBlockPerSample) {
   for (const auto& [column_length, width] :
        {std::pair{0, 256}, {255, 256}, {256, 512}, {511, 512}, {512, 768}, {2160, 2304}}) {
     Init(column_length, 5, 2, 0);
     EXPECT_EQ(g_flkTabW, width) << column_length;
   }
-}
-
-// One sample per block of lines: w = f x 2 pi x (2 x 1000) / 24e6, the 100 Hz row (3) reaching
-// a phase of pi / 6 at sample 10; every row starts at 255 and 0.
-TEST_F(TwoByFiveTables, PhaseAdvancesOneBlockPerSample) {
   Init(300, 5, 2, 0);
   const std::int32_t w = g_flkTabW;
   EXPECT_EQ((Values{g_flkTab1[3 * w + 10], g_flkTab2[3 * w + 10], g_flkTab1[4 * w + 37],
@@ -64,11 +62,9 @@ TEST_F(TwoByFiveTables, PhaseAdvancesOneBlockPerSample) {
 // twice as many when only green pixels are summed.
 TEST_F(TwoByFiveTables, AbsurdGeometryFreesTheTablesAndRefuses) {
   g_logFlow = 1;
-  for (const auto& [column_length, window_width, block_height] : {std::tuple{65536, 5, 2},
-                                                                  {300, -5, 2},
-                                                                  {300, 5, -2},
-                                                                  {300, 524415, 1},
-                                                                  {300, 65536, 65536}}) {
+  const std::tuple<int, int, int> absurd[] = {
+      {65536, 5, 2}, {300, -5, 2}, {300, 5, -2}, {300, 524415, 1}, {300, 65536, 65536}};
+  for (const auto& [column_length, window_width, block_height] : absurd) {
     Init(300, 5, 2, 0);
     kestrel_test::LogCapture log;
     Init(column_length, window_width, block_height, 0);
