@@ -59,16 +59,24 @@ void vector_selection_2x5(const std::int32_t* prev, const std::int32_t* cur, std
                   n_win_w, kBandBufferSize);
     return;
   }
+  // A single column whose mean is not positive yields column 1, which the grid does not have:
+  // every band is checked before anything is written.
+  for (std::int32_t b = 0; n_win_w == 1 && b < n_win_h; ++b) {
+    std::int64_t sum = 0;  // 64-bit: bandHeight values of 32 bits
+    for (std::int32_t r = 0; r < bandHeight; ++r) sum += cur[b * bandHeight + r];
+    if (fx::low32(sum / bandHeight) <= 0) {
+      LogRefusalFlk("vector_selection_2x5",
+                    "band %d of a single column chooses column 1, past "
+                    "the grid",
+                    b);
+      return;
+    }
+  }
   for (std::int32_t b = 0; b < n_win_h; ++b) {
     const std::int32_t offset = b * bandHeight * n_win_w;
     transpose_band(cur + offset, bandHeight, n_win_w, cvector_out_working_memory);
     const std::int32_t col =
         find_vector_2x5(cvector_out_working_memory, bandHeight, n_win_w, 0, kDarkMean);
-    if (col >= n_win_w) {
-      // A single dark column yields column 1, which the grid does not have.
-      LogRefusalFlk("vector_selection_2x5", "column %d past a grid of %d columns", col, n_win_w);
-      return;
-    }
     copy_column(prev, cur, offset, bandHeight, n_win_w, col, outPrev + b * bandHeight,
                 outCur + b * bandHeight);
   }

@@ -2,6 +2,8 @@
 // 2x5 frequency features: single-signal energies, the length-normalised three-candidate search.
 #include "twobyfive/twobyfive.h"
 
+#include <algorithm>
+
 #include "decision/decision.h"
 #include "fixed_point.h"
 #include "interface/interface.h"
@@ -26,15 +28,25 @@ struct PartialSums {
   std::int64_t im[3 * kMaxSegments];
 };
 
-// Scores every choice's nine energies (already brought to the common scale by `scale`) and keeps
-// the first choice with the strictly highest frame score. `energies_of(q, e)` fills e[0..8].
+// Brings every choice's nine energies to the common scale of the largest one (from 0; shifted
+// under 2^22 from 2^21) and keeps the first choice with the strictly highest frame score.
+// `energies_of(q, e)` fills e[0..8]; it runs twice per choice instead of storing 9 x 3^segments
+// energies: the additions are cheaper than the memory, and the results are the same.
 template <typename EnergiesOf>
-void pick_best_choice(std::uint32_t choices, std::int64_t largest, std::int32_t headroom,
-                      EnergiesOf energies_of, std::int32_t* freq_out, std::int32_t& best_score) {
+void pick_best_choice(std::uint32_t choices, EnergiesOf energies_of, std::int32_t* freq_out,
+                      std::int32_t& best_score) {
+  std::int64_t largest = 0;
   for (std::uint32_t q = 0; q < choices; ++q) {
     std::int64_t e[9];
     energies_of(q, e);
-    flicker_scale_candidates(e, 9, largest, headroom);
+    for (std::int32_t k = 0; k < 9; ++k) {
+      if (e[k] > largest) largest = e[k];
+    }
+  }
+  for (std::uint32_t q = 0; q < choices; ++q) {
+    std::int64_t e[9];
+    energies_of(q, e);
+    flicker_scale_candidates(e, 9, largest, 21);
     std::int32_t features[9];
     for (std::int32_t k = 0; k < 9; ++k) features[k] = fx::low32(e[k]);
     const std::int32_t score = get_current_llr(features, 9);
@@ -45,17 +57,24 @@ void pick_best_choice(std::uint32_t choices, std::int64_t largest, std::int32_t 
   }
 }
 
+// The trigonometric tables exist and hold `columns` columns.
+bool tables_hold(std::int64_t columns) {
+  return g_flkTab1 != nullptr && g_flkTab2 != nullptr && columns <= g_flkTabW;
+}
+
 }  // namespace
 
 void flicker_compute_freq_2x5(std::int32_t* signal, std::int32_t length, std::int32_t* freq_out) {
+  if (!tables_hold(length)) {
+    LogRefusalFlk("flicker_compute_freq_2x5", "%d samples, tables of %d columns", length,
+                  g_flkTabW);
+    return;
+  }
   std::int64_t energies[9];
   flicker_energies(signal, length, energies);
   flicker_energies_to_features(energies, 22, freq_out);
 }
 
-// The energies of every choice are recomputed from the partial sums in a second pass instead of
-// being stored (9 x 3^segments values): the additions are cheaper than the memory, and the
-// results are the same.
 void flicker_compute_freq_3x_2x5(std::int32_t** versions, std::int32_t segment_count,
                                  std::int32_t** version_lengths, std::int32_t* freq_out,
                                  std::int32_t& best_score) {
@@ -66,6 +85,17 @@ void flicker_compute_freq_3x_2x5(std::int32_t** versions, std::int32_t segment_c
     return;
   }
   const std::int32_t segments = segment_count < 0 ? 0 : segment_count;
+  std::int64_t span = 0;  // table columns read by the longest candidate
+  for (std::int32_t v = 0; v < 3; ++v) {
+    std::int64_t columns = 0;
+    for (std::int32_t i = 0; i < segments; ++i) columns += std::max(version_lengths[v][i], 0);
+    span = std::max(span, columns);
+  }
+  if (!tables_hold(span)) {
+    LogRefusalFlk("flicker_compute_freq_3x_2x5", "candidates of %lld samples, tables of %d columns",
+                  static_cast<long long>(span), g_flkTabW);
+    return;
+  }
   const std::uint32_t choices = choice_count(segment_count);
   PartialSums sums[9];  // 4 KB
   for (std::int32_t k = 0; k < 9; ++k) {
@@ -106,16 +136,7 @@ void flicker_compute_freq_3x_2x5(std::int32_t** versions, std::int32_t segment_c
       e[k] = fx::wrap_add64(fx::wrap_mul64(re, re), fx::wrap_mul64(im, im));
     }
   };
-  if (choices == 0) return;
-  std::int64_t largest = 0;
-  for (std::uint32_t q = 0; q < choices; ++q) {
-    std::int64_t e[9];
-    energies_of(q, e);
-    for (std::int32_t k = 0; k < 9; ++k) {
-      if (e[k] > largest) largest = e[k];
-    }
-  }
-  pick_best_choice(choices, largest, 21, energies_of, freq_out, best_score);
+  pick_best_choice(choices, energies_of, freq_out, best_score);
 }
 
 void flicker_compute_freq_3x_2x5(std::int32_t* version_a, std::int32_t* version_b,
@@ -124,6 +145,12 @@ void flicker_compute_freq_3x_2x5(std::int32_t* version_a, std::int32_t* version_
   if (segment_count > kMaxSegments) {
     LogRefusalFlk("flicker_compute_freq_3x_2x5", "%d segments, limit %d", segment_count,
                   kMaxSegments);
+    return;
+  }
+  const std::int64_t span = std::int64_t{segment_count} * segment_length;
+  if (!tables_hold(span)) {
+    LogRefusalFlk("flicker_compute_freq_3x_2x5", "%d segments of %d samples, tables of %d columns",
+                  segment_count, segment_length, g_flkTabW);
     return;
   }
   const std::int32_t segments = segment_count < 0 ? 0 : segment_count;
@@ -165,21 +192,12 @@ void flicker_compute_freq_3x_2x5(std::int32_t* version_a, std::int32_t* version_
       e[k] = fx::wrap_add64(fx::wrap_mul64(re, re), fx::wrap_mul64(im, im));
     }
   };
-  if (choices == 0) return;
-  std::int64_t largest = 0;
-  for (std::uint32_t q = 0; q < choices; ++q) {
-    std::int64_t e[9];
-    energies_of(q, e);
-    for (std::int32_t k = 0; k < 9; ++k) {
-      if (e[k] > largest) largest = e[k];
-    }
-  }
   std::int32_t best_score = INT32_MIN;
-  pick_best_choice(choices, largest, 21, energies_of, freq_out, best_score);
+  pick_best_choice(choices, energies_of, freq_out, best_score);
 }
 
 std::int32_t compute_noiseness_2x5(const std::int32_t* values, std::int32_t count) {
-  if (count < 1) return 0;
+  // A negative count sums nothing but still divides its own half by itself: -1 gives 1.
   const std::int32_t half = count >> 1;
   std::int32_t sum = 0;
   for (std::int32_t i = 0; i < count; ++i) sum = fx::wrap_add32(sum, values[i]);

@@ -33,6 +33,10 @@ double seconds_since(std::chrono::steady_clock::time_point start) {
 void flicker_init_2x5(std::int32_t line_length, std::int32_t column_length,
                       std::int32_t window_width, std::int32_t block_height, std::int32_t green_only,
                       double pclk) {
+  if (g_logFlow) {
+    PrintLogFlk("flicker_init_2x5 %d columnLen=%d winW = %d %d", line_length, column_length,
+                window_width, flicker_clock_for_log(pclk));
+  }
   const std::int64_t pixels = std::int64_t{block_height} * window_width;
   const std::int64_t summed = green_only != 0 ? pixels / 2 : pixels;
   if (column_length > kMaxColumnLength || block_height < 0 || window_width < 0 ||
@@ -48,10 +52,6 @@ void flicker_init_2x5(std::int32_t line_length, std::int32_t column_length,
 
   // Always 1..256 entries beyond a non-negative column length.
   const std::int32_t width = ((column_length > 255 ? column_length : 255) & 0x7fffff00) + 256;
-  if (g_logFlow) {
-    PrintLogFlk("flicker_init_2x5 %d columnLen=%d winW = %d %d", line_length, column_length,
-                window_width, flicker_clock_for_log(pclk));
-  }
   flicker_uninit();
   g_flkTab1 = static_cast<std::int32_t*>(std::calloc(9 * static_cast<std::size_t>(width), 4));
   g_flkTab2 = static_cast<std::int32_t*>(std::calloc(9 * static_cast<std::size_t>(width), 4));

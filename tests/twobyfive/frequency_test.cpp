@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // 2x5 frequency features: output headroom, the length-normalised and equal-length three-candidate
-// searches, and the noiseness measure.
+// searches, the table bounds and the noiseness measure.
 #include <gtest/gtest.h>
 
 #include <vector>
@@ -11,129 +11,97 @@
 
 namespace {
 
-// Hand-made trigonometric tables: every cosine entry of row k is cos_row[k], every sine 0, so a
-// partial sum is the row value times the plain sum of the samples.
+using Values = std::vector<std::int32_t>;
+
+// Hand-made trigonometric tables of 16 columns: every cosine entry of row k is cos_row[k], every
+// sine 0, so a partial sum is the row value times the plain sum of the samples.
 class TwoByFiveFrequency : public kestrel_test::LibraryTest {
  protected:
-  void UseFlatTables(const std::int32_t (&cos_row)[9]) {
-    cos_.assign(9 * kWidth, 0);
-    sin_.assign(9 * kWidth, 0);
-    for (int k = 0; k < 9; ++k) {
-      for (int n = 0; n < kWidth; ++n) cos_[k * kWidth + n] = cos_row[k];
-    }
-    g_flkTab1 = cos_.data();
-    g_flkTab2 = sin_.data();
-    g_flkTabW = kWidth;
+  void UseFlatTables(Values cos_row) {
+    for (int i = 0; i < 9 * 16; ++i) cos_[i] = cos_row[i / 16];
+    g_flkTab1 = cos_;
+    g_flkTab2 = sin_;
+    g_flkTabW = 16;
   }
   void TearDown() override {
-    g_flkTab1 = saved1_;
-    g_flkTab2 = saved2_;
-    g_flkTabW = savedW_;
+    g_flkTab1 = g_flkTab2 = nullptr;
     LibraryTest::TearDown();
   }
+  // The length-normalised search with one segment per candidate; returns the best score.
+  std::int32_t Search(std::int32_t* a, std::int32_t* b, Values lengths) {
+    std::int32_t* versions[3] = {a, b, b};
+    std::int32_t* length_of[3] = {&lengths[0], &lengths[1], &lengths[2]};
+    std::int32_t best = 0;
+    flicker_compute_freq_3x_2x5(versions, 1, length_of, freq_, best);
+    return best;
+  }
+  Values Features() const { return Values(freq_, freq_ + 9); }
 
-  static constexpr int kWidth = 16;
-  std::vector<std::int32_t> cos_, sin_;
-  std::int32_t* saved1_ = g_flkTab1;
-  std::int32_t* saved2_ = g_flkTab2;
-  std::int32_t savedW_ = g_flkTabW;
+  std::int32_t cos_[9 * 16] = {}, sin_[9 * 16] = {};
+  std::int32_t freq_[9] = {-1, -1, -1, -1, -1, -1, -1, -1, -1};
 };
 
+// E = (255 x 100)^2 = 650250000: M >> 22 = 155, so every energy is rounded by 2^8. (255 x 4)^2
+// stays below 2^22 and is kept as it is.
 TEST_F(TwoByFiveFrequency, SingleSignalKeepsEnergiesUnderTwoToThe22) {
   UseFlatTables({255, 255, 255, 255, 255, 255, 255, 255, 255});
-  std::int32_t one[1] = {100};
-  std::int32_t freq[9] = {};
-  // E = (255 x 100)^2 = 650250000; M >> 22 = 155, so p = 8 and every energy is rounded by 256.
-  flicker_compute_freq_2x5(one, 1, freq);
-  for (int k = 0; k < 9; ++k) EXPECT_EQ(freq[k], 2540039) << k;
-  std::int32_t small[1] = {4};
-  flicker_compute_freq_2x5(small, 1, freq);
-  for (int k = 0; k < 9; ++k) EXPECT_EQ(freq[k], 1040400) << k;
+  std::int32_t one[2] = {100, 4};
+  flicker_compute_freq_2x5(one, 1, freq_);
+  EXPECT_EQ(Features(), Values(9, 2540039));
+  flicker_compute_freq_2x5(one + 1, 1, freq_);
+  EXPECT_EQ(Features(), Values(9, 1040400));
 }
 
-// Re' = Re x 128 / S truncated: 10 x 128 / 3 = 426 and 20 x 128 / 3 = 853 on the 120 Hz row.
+// Re' = Re x 128 / S truncated: 10 x 128 / 3 = 426 and 20 x 128 / 3 = 853 on the 120 Hz row. A
+// choice whose lengths are all 0 divides by 1: zero features (score -1455) beat nine equal ones.
 TEST_F(TwoByFiveFrequency, LengthNormalisedSearchAveragesOverTheChosenLength) {
   UseFlatTables({1, 1, 1, 1, 2, 1, 1, 1, 1});
-  std::int32_t a[3] = {3, 3, 4};
-  std::int32_t b[3] = {9, 9, 9};
-  std::int32_t c[3] = {9, 9, 9};
-  std::int32_t* versions[3] = {a, b, c};
-  std::int32_t len_a[1] = {3};
-  std::int32_t len_b[1] = {0};
-  std::int32_t len_c[1] = {0};
-  std::int32_t* lengths[3] = {len_a, len_b, len_c};
-  std::int32_t freq[9] = {};
-  std::int32_t best = 0;
-  flicker_compute_freq_3x_2x5(versions, 1, lengths, freq, best);
-  const std::int32_t expected[9] = {181476, 181476, 181476, 181476, 727609,
-                                    181476, 181476, 181476, 181476};
-  for (int k = 0; k < 9; ++k) EXPECT_EQ(freq[k], expected[k]) << k;
-  EXPECT_EQ(best, 442);
-}
-
-// A choice whose lengths are all 0 divides by 1 and has zero energies; with the default tables
-// zero features (score -1455) beat nine equal ones (score -1910).
-TEST_F(TwoByFiveFrequency, EmptyChoiceScoresItsZeroEnergies) {
+  std::int32_t a[4] = {3, 3, 4, 0}, b[4] = {9, 9, 9, 9};
+  EXPECT_EQ(Search(a, b, {3, 0, 0}), 442);
+  EXPECT_EQ(Features(),
+            (Values{181476, 181476, 181476, 181476, 727609, 181476, 181476, 181476, 181476}));
   UseFlatTables({1, 1, 1, 1, 1, 1, 1, 1, 1});
-  std::int32_t a[4] = {5, 5, 5, 5};
-  std::int32_t b[4] = {7, 7, 7, 7};
-  std::int32_t c[4] = {1, 1, 1, 1};
-  std::int32_t* versions[3] = {a, b, c};
-  std::int32_t len_a[1] = {4};
-  std::int32_t len_b[1] = {4};
-  std::int32_t len_c[1] = {0};
-  std::int32_t* lengths[3] = {len_a, len_b, len_c};
-  std::int32_t freq[9];
-  std::fill(std::begin(freq), std::end(freq), -1);
-  std::int32_t best = 0;
-  flicker_compute_freq_3x_2x5(versions, 1, lengths, freq, best);
-  for (int k = 0; k < 9; ++k) EXPECT_EQ(freq[k], 0) << k;
-  EXPECT_EQ(best, -1455);
-}
-
-TEST_F(TwoByFiveFrequency, LengthNormalisedSearchRefusesMoreSegmentsThanWindows) {
-  UseFlatTables({1, 1, 1, 1, 1, 1, 1, 1, 1});
-  kestrel_test::LogCapture log;
-  std::int32_t freq[9] = {1, 2, 3, 4, 5, 6, 7, 8, 9};
-  std::int32_t best = 0;
-  flicker_compute_freq_3x_2x5(nullptr, 11, nullptr, freq, best);
-  EXPECT_EQ(best, INT32_MIN);
-  EXPECT_EQ(freq[8], 9);
-  EXPECT_TRUE(log.Contains("[flicker_compute_freq_3x_2x5] refused: 11 segments, limit 10"));
+  EXPECT_EQ(Search(a, b, {4, 4, 0}), -1455);
+  EXPECT_EQ(Features(), Values(9, 0));
 }
 
 // Equal lengths: Re rounded by 2^(B(4) - 1) = 4, flat features everywhere, the first version
-// wins the tie.
+// wins the tie; no segment gives nine zeros.
 TEST_F(TwoByFiveFrequency, EqualLengthSearchKeepsTheFirstVersionOnTies) {
   UseFlatTables({1, 1, 1, 1, 1, 1, 1, 1, 1});
-  std::int32_t a[4] = {1, 1, 1, 1};
-  std::int32_t b[4] = {2, 2, 2, 2};
-  std::int32_t c[4] = {3, 3, 3, 3};
-  std::int32_t freq[9] = {};
-  flicker_compute_freq_3x_2x5(a, b, c, 1, 4, freq);
-  for (int k = 0; k < 9; ++k) EXPECT_EQ(freq[k], 1) << k;
-  std::fill(std::begin(freq), std::end(freq), -1);
-  flicker_compute_freq_3x_2x5(a, b, c, 0, 4, freq);
-  for (int k = 0; k < 9; ++k) EXPECT_EQ(freq[k], 0) << k;
+  std::int32_t a[4] = {1, 1, 1, 1}, b[4] = {2, 2, 2, 2}, c[4] = {3, 3, 3, 3};
+  flicker_compute_freq_3x_2x5(a, b, c, 1, 4, freq_);
+  EXPECT_EQ(Features(), Values(9, 1));
+  flicker_compute_freq_3x_2x5(a, b, c, 0, 4, freq_);
+  EXPECT_EQ(Features(), Values(9, 0));
+}
+
+TEST_F(TwoByFiveFrequency, SearchesPastTheTablesOrWindowsAreRefused) {
+  UseFlatTables({1, 1, 1, 1, 1, 1, 1, 1, 1});
+  kestrel_test::LogCapture log;
+  std::int32_t s[17] = {};
+  flicker_compute_freq_2x5(s, 17, freq_);
+  flicker_compute_freq_3x_2x5(s, s, s, 2, 9, freq_);
+  EXPECT_EQ(Search(s, s, {8, 17, 0}), INT32_MIN);
+  std::int32_t best = 0;
+  flicker_compute_freq_3x_2x5(nullptr, 11, nullptr, freq_, best);
+  EXPECT_EQ(best, INT32_MIN);
+  EXPECT_EQ(Features(), Values(9, -1));
+  EXPECT_EQ(log.Lines().size(), 4u);
+  EXPECT_EQ(log.Lines()[0], "[flicker_compute_freq_2x5] refused: 17 samples, tables of 16 columns");
+  EXPECT_EQ(
+      log.Lines()[2],
+      "[flicker_compute_freq_3x_2x5] refused: candidates of 17 samples, tables of 16 columns");
 }
 
 TEST(TwoByFiveNoiseness, MeanAbsoluteDeviationRoundedByHalfTheCount) {
-  struct Case {
-    std::vector<std::int32_t> values;
-    std::int32_t expected;
-  };
-  const Case cases[] = {
-      {{1, 2, 3, 4}, 1},  // mean (10 + 2) / 4 = 3, deviation (4 + 2) / 4
-      {{}, 0},            // no values
-      {{-5, 5}, 5},       // mean (0 + 1) / 2 = 0, deviation (10 + 1) / 2
-      {{-13, 13, -13, 13}, 13},
-      {{-14, 14, -14, 14}, 14},
-      {{-7, -9, -11}, 2},  // mean (-27 + 1) / 3 = -8 (truncated), deviation (5 + 1) / 3
-  };
-  for (const Case& c : cases) {
-    EXPECT_EQ(compute_noiseness_2x5(c.values.data(), static_cast<std::int32_t>(c.values.size())),
-              c.expected);
-  }
+  const std::int32_t v[4] = {1, 2, 3, 4}, w[3] = {-7, -9, -11};
+  EXPECT_EQ(compute_noiseness_2x5(v, 4), 1);  // mean (10 + 2) / 4 = 3, deviation (4 + 2) / 4
+  EXPECT_EQ(compute_noiseness_2x5(w, 3), 2);  // mean (-27 + 1) / 3 = -8, deviation (5 + 1) / 3
+  EXPECT_EQ(compute_noiseness_2x5(v, 0), 0);
+  // A negative count sums nothing but still divides: (0 - 1) / -1 = 1 for -1, 0 for -2.
+  EXPECT_EQ(compute_noiseness_2x5(v, -1), 1);
+  EXPECT_EQ(compute_noiseness_2x5(v, -2), 0);
 }
 
 }  // namespace
