@@ -224,6 +224,7 @@ CliOptions ParseArgs(const std::vector<std::string>& args) {
       {"--version", [&](auto&, auto&) { o.command = CliOptions::Command::kVersion; }},
   };
 
+  std::set<std::string> given;
   for (; i < args.size(); ++i) {
     std::string name = args[i];
     std::string value;
@@ -249,8 +250,17 @@ CliOptions ParseArgs(const std::vector<std::string>& args) {
       value = args[++i];
     }
     it->second(name, value);
+    given.insert(name);
   }
+  // Options that would change nothing on the sensor chosen are refused rather than ignored.
   if (o.zhdr && o.type != 0) throw UsageError("--zhdr applies to sensor type 0 only");
+  if (given.count("--hdr-ratio") != 0 && !o.zhdr) throw UsageError("--hdr-ratio applies with --zhdr only");
+  if ((o.block_height || o.green_only) && o.type != 2) {
+    throw UsageError("--block-height and --green-only apply to sensor type 2 only");
+  }
+  if (!o.record_file.empty() && o.record_file == o.csv_file) {
+    throw UsageError("--record and --csv name the same file");
+  }
   return o;
 }
 
@@ -277,14 +287,15 @@ int RunCli(const std::vector<std::string>& args, std::ostream& out, std::ostream
     std::string command;
     if (o.command == CliOptions::Command::kSimulate) {
       command = "simulate";
-      SensorSetup sensor = o.Sensor();
+      const SensorSetup sensor = o.Sensor();
+      const std::int32_t state = o.state_hz.value_or(50);
+      const double exposure = o.exposure_ms ? *o.exposure_ms / 1e3 : 1.0 / (2.0 * state);
       try {
         CheckSensorSetup(sensor);
+        CheckRun(sensor, o.frames, exposure);
       } catch (const HostError& e) {
         throw UsageError(e.what());
       }
-      const std::int32_t state = o.state_hz.value_or(50);
-      const double exposure = o.exposure_ms ? *o.exposure_ms / 1e3 : 1.0 / (2.0 * state);
       Recording recording;
       run = Simulate(sensor, o.scene, o.frames, exposure, state, o.verbose,
                      o.record_file.empty() ? nullptr : &recording);
@@ -311,10 +322,10 @@ int RunCli(const std::vector<std::string>& args, std::ostream& out, std::ostream
                std::to_string(recording.frames.size()) + " frames, starting in the " + std::to_string(state) +
                " Hz state\n" + TimingLine(recording.sensor, 0.0);
     }
-    // Every output is complete before the first file is written.
-    const std::string csv = o.csv_file.empty() ? std::string() : FormatCsv(run);
-    if (!o.record_file.empty()) WriteFileAtomically(o.record_file, record_text);
-    if (!o.csv_file.empty()) WriteFileAtomically(o.csv_file, csv);
+    std::vector<OutputFile> files;
+    if (!o.record_file.empty()) files.push_back({o.record_file, std::move(record_text)});
+    if (!o.csv_file.empty()) files.push_back({o.csv_file, FormatCsv(run)});
+    WriteFiles(files);
     if (o.json) {
       out << FormatJson(run, command);
     } else {

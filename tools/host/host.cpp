@@ -23,9 +23,6 @@ namespace {
 
 LibrarySession* g_session = nullptr;
 
-// Newest scores the sequential test sums (the default tuning the host sends).
-constexpr std::uint32_t kMaxPastFrames = 14;
-
 // Keeps the library's standard-output lines (table timings, a zHDR trace) out of the tool's own
 // output for the duration of one command: to standard error when verbose, else nowhere.
 class StdoutDiversion {
@@ -73,11 +70,22 @@ std::string Ms(double seconds) {
 
 }  // namespace
 
-double ExposureForMains(double exposure_s, std::int32_t mains_hz) {
+double ExposureForMains(double exposure_s, std::int32_t mains_hz, double frame_s) {
   if (mains_hz <= 0) return exposure_s;
   const double period = 1.0 / (2.0 * mains_hz);
-  const double periods = std::max(1.0, std::round(exposure_s / period));
+  // The exposure cannot outlast the frame (the margin absorbs the rounding of an exact fit).
+  const double fit = std::floor(frame_s / period + 1e-9);
+  const double periods = std::max(1.0, std::min(std::round(exposure_s / period), fit));
   return periods * period;
+}
+
+void CheckRun(const SensorSetup& sensor, std::int32_t frames, double exposure_s) {
+  if (frames < 2) throw HostError("at least 2 frames are needed (each DETECT compares two)");
+  if (!(exposure_s > 0.0)) throw HostError("the exposure time must be positive");
+  if (exposure_s > sensor.FramePeriod()) {
+    throw HostError("an exposure of " + Ms(exposure_s) + " does not fit a frame of " +
+                    Ms(sensor.FramePeriod()) + " (column_length x line_length / pclk)");
+  }
 }
 
 LibrarySession::LibrarySession(const SensorSetup& sensor, std::int32_t initial_state_hz,
@@ -238,7 +246,7 @@ FrameResult LibrarySession::Detect(std::int32_t frame, const Frame& prev, const 
     r.has_score = true;
   }
   if (counted && !r.has_seq && !r.note.starts_with("warming")) {
-    r.seq = get_slrt_score(kMaxPastFrames);
+    r.seq = get_slrt_score(static_cast<std::uint32_t>(FlkDefaultExtPara().max_past_frames));
     r.has_seq = true;
   }
   // The scored band relative to the mean of the other eight, as the test measures it: 120 Hz in
@@ -260,7 +268,7 @@ FrameResult LibrarySession::Detect(std::int32_t frame, const Frame& prev, const 
     EvTable state = to == 60 ? EV_TABLE_60HZ : EV_TABLE_50HZ;
     Send(CMD_SET_STATE, &state, nullptr, "SET_STATE");
     Send(CMD_RESET_QUEUE, nullptr, nullptr, "RESET_QUEUE");
-    const double next = ExposureForMains(exposure_s_, to);
+    const double next = ExposureForMains(exposure_s_, to, sensor_.FramePeriod());
     r.switched = true;
     r.action = "switch to " + std::to_string(to) + " Hz: SET_STATE " + std::to_string(to == 60 ? 1 : 0) +
                ", RESET_QUEUE, exposure " + Ms(exposure_s_) + " -> " + Ms(next);
@@ -287,12 +295,7 @@ void Tally(RunResult& run, const FrameResult& r) {
 RunResult Simulate(const SensorSetup& sensor, const SceneSetup& scene, std::int32_t frames,
                    double exposure_s, std::int32_t initial_state_hz, bool verbose,
                    Recording* recording) {
-  if (frames < 2) throw HostError("at least 2 frames are needed (each DETECT compares two)");
-  if (!(exposure_s > 0.0)) throw HostError("the exposure time must be positive");
-  if (exposure_s > sensor.FramePeriod()) {
-    throw HostError("an exposure of " + Ms(exposure_s) + " does not fit a frame of " +
-                    Ms(sensor.FramePeriod()) + " (column_length x line_length / pclk)");
-  }
+  CheckRun(sensor, frames, exposure_s);
   RunResult run;
   run.sensor = sensor;
   run.initial_state_hz = initial_state_hz;

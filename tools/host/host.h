@@ -46,8 +46,11 @@ struct RunResult {
 };
 
 // The exposure a host applies for a mains frequency: the nearest whole number of flicker periods
-// (at least one), which cancels the banding of that mains.
-double ExposureForMains(double exposure_s, std::int32_t mains_hz);
+// that fits in a frame of `frame_s` (at least one), which cancels the banding of that mains.
+double ExposureForMains(double exposure_s, std::int32_t mains_hz, double frame_s);
+
+// Throws HostError unless a run of `frames` frames at `exposure_s` makes sense on `sensor`.
+void CheckRun(const SensorSetup& sensor, std::int32_t frames, double exposure_s);
 
 // One library session: INIT on construction, UNINIT on destruction. While alive it owns the
 // library's log sink (to read the detector's per-frame figures) and keeps the library's own

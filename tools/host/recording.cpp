@@ -200,17 +200,6 @@ std::string FormatRecording(const Recording& r) {
 }
 
 Recording ParseRecording(const std::string& text, const std::string& name) {
-  // Every line ends with a newline, the last one ("end") possibly excepted: anything else is a
-  // file cut short in the middle of a line.
-  if (!text.empty() && text.back() != '\n') {
-    std::string_view tail(text);
-    tail = tail.substr(tail.rfind('\n') == std::string_view::npos ? 0 : tail.rfind('\n') + 1);
-    while (!tail.empty() && (tail.back() == ' ' || tail.back() == '\t' || tail.back() == '\r')) tail.remove_suffix(1);
-    if (tail != "end") {
-      const auto line = std::count(text.begin(), text.end(), '\n') + 1;
-      throw HostError(name + ":" + std::to_string(line) + ": truncated: the file ends in the middle of a line");
-    }
-  }
   Lines lines(text, name);
   Recording r;
   std::string_view line;
@@ -225,6 +214,18 @@ Recording ParseRecording(const std::string& text, const std::string& name) {
   if (version != kRecordingVersion) {
     lines.Fail("format version " + std::to_string(version) + " is not supported (this tool reads version " +
                std::to_string(kRecordingVersion) + ")");
+  }
+  // Every line ends with a newline, the last one ("end") possibly excepted: anything else is a
+  // file cut short in the middle of a line. (Checked only now, so that another kind of file is
+  // called that and not a truncated recording.)
+  if (!text.empty() && text.back() != '\n') {
+    std::string_view tail(text);
+    tail = tail.substr(tail.rfind('\n') == std::string_view::npos ? 0 : tail.rfind('\n') + 1);
+    while (!tail.empty() && (tail.back() == ' ' || tail.back() == '\t' || tail.back() == '\r')) tail.remove_suffix(1);
+    if (tail != "end") {
+      const auto line = std::count(text.begin(), text.end(), '\n') + 1;
+      throw HostError(name + ":" + std::to_string(line) + ": truncated: the file ends in the middle of a line");
+    }
   }
   constexpr std::int64_t kInt = std::numeric_limits<std::int32_t>::max();
   SensorSetup& s = r.sensor;
@@ -258,11 +259,22 @@ Recording ParseRecording(const std::string& text, const std::string& name) {
   const std::size_t cols = static_cast<std::size_t>(s.n_win_w);
   const std::size_t rows = static_cast<std::size_t>(s.StatRows());
   r.frames.resize(static_cast<std::size_t>(frames));
+  // A grid line where a frame header or "end" belongs: the geometry announces fewer rows than
+  // the frames hold.
+  const auto check_extra_rows = [&](std::size_t f) {
+    std::int64_t v = 0;
+    const auto words = Words(line);
+    if (f > 0 && !words.empty() && ParseInt(words[0], v)) {
+      lines.Fail("frame " + std::to_string(f - 1) + " has more than the " + std::to_string(rows) +
+                 " rows the header gives (" + (s.type == 2 ? "win_ht" : "n_win_h x win_ht") + ")");
+    }
+  };
   for (std::size_t f = 0; f < r.frames.size(); ++f) {
     if (!lines.Next(line) || line == "end") {
       lines.Fail("truncated: " + std::to_string(frames) + " frames announced, " + std::to_string(f) +
                  " found");
     }
+    check_extra_rows(f);
     const auto words = Words(line);
     std::int64_t index = -1;
     double exposure = 0.0;
@@ -299,7 +311,9 @@ Recording ParseRecording(const std::string& text, const std::string& name) {
       }
     }
   }
-  if (!lines.Next(line) || line != "end") {
+  const bool more = lines.Next(line);
+  if (more && line != "end") check_extra_rows(r.frames.size());
+  if (!more || line != "end") {
     lines.Fail("truncated or damaged: 'end' expected after " + std::to_string(frames) + " frames");
   }
   if (lines.Next(line)) lines.Fail("unexpected text after 'end'");
@@ -308,9 +322,5 @@ Recording ParseRecording(const std::string& text, const std::string& name) {
 }
 
 Recording LoadRecording(const std::string& path) { return ParseRecording(ReadWholeFile(path), path); }
-
-void SaveRecording(const std::string& path, const Recording& recording) {
-  WriteFileAtomically(path, FormatRecording(recording));
-}
 
 }  // namespace kestrel_host
