@@ -74,6 +74,11 @@ INSTANTIATE_TEST_SUITE_P(
                       BadArgs{{"--hdr-ratio", "2"}, "--hdr-ratio applies with --zhdr only"},
                       BadArgs{{"--block-height", "2"}, "--block-height and --green-only apply to sensor type 2 only"},
                       BadArgs{{"--csv", "a", "--record", "a"}, "--record and --csv name the same file"},
+                      BadArgs{{"--fps", "30", "--frame-length", "3000"}, "--fps and --frame-length both set the frame length: give one"},
+                      BadArgs{{"--motion", "1000", "--frames", "100000"},
+                              "the scene would hold 3200077856 values (columns x 4 x the lines seen over the run, panning "
+                              "included), more than the 33554432 the simulator takes: use fewer frames, less motion or "
+                              "fewer columns"},
                       BadArgs{{"--exposure", "40"},
                               "an exposure of 40.000 ms does not fit a frame of 37.500 ms (column_length x line_length / pclk)"},
                       BadArgs{{"--win-ht", "1100"},

@@ -40,34 +40,24 @@ double ToDouble(const std::string& option, const std::string& text, double low, 
     throw UsageError(option + ": '" + text + "' is not a number");
   }
   if (v < low || v > high) {
-    char buffer[96];
-    std::snprintf(buffer, sizeof buffer, " is out of range %g..%g", low, high);
-    throw UsageError(option + ": " + text + buffer);
+    throw UsageError(option + ": " + text + " is out of range " + Format("%g", low) + ".." + Format("%g", high));
   }
   return v;
 }
 
-std::string Fixed(const char* fmt, double v) {
-  char buffer[64];
-  std::snprintf(buffer, sizeof buffer, fmt, v);
-  return buffer;
-}
-
-const char* FamilyName(std::int32_t type) {
-  if (type == 1) return "SONY sensor (type 1)";
-  if (type == 2) return "2x5 sensor (type 2)";
-  return "standard sensor (type 0)";
+std::string FamilyName(std::int32_t type) {
+  return std::string(SensorName(type)) + " sensor (type " + std::to_string(type) + ")";
 }
 
 // Where the frame period stands against the flicker period: the bands move between frames only
 // when it is not a whole number of flicker periods.
 std::string TimingLine(const SensorSetup& s, double mains_hz) {
   const double period = s.FramePeriod();
-  std::string text = "timing: " + Fixed("%.3f", period * 1e3) + " ms frames (" + Fixed("%.2f", 1.0 / period) +
+  std::string text = "timing: " + Ms(period) + " ms frames (" + Format("%.2f", 1.0 / period) +
                      " fps)";
   if (mains_hz > 0.0) {
     const double periods = period * 2.0 * mains_hz;
-    text += " = " + Fixed("%.2f", periods) + " periods of " + Fixed("%.0f", 2.0 * mains_hz) + " Hz light";
+    text += " = " + Format("%.2f", periods) + " periods of " + Format("%.0f", 2.0 * mains_hz) + " Hz light";
     const double drift = periods - std::round(periods);
     if (std::fabs(drift) < 0.02) text += " (a whole number: the bands stand still from frame to frame)";
   }
@@ -258,6 +248,7 @@ CliOptions ParseArgs(const std::vector<std::string>& args) {
   if ((o.block_height || o.green_only) && o.type != 2) {
     throw UsageError("--block-height and --green-only apply to sensor type 2 only");
   }
+  if (o.fps && o.column_length) throw UsageError("--fps and --frame-length both set the frame length: give one");
   if (!o.record_file.empty() && o.record_file == o.csv_file) {
     throw UsageError("--record and --csv name the same file");
   }
@@ -292,7 +283,7 @@ int RunCli(const std::vector<std::string>& args, std::ostream& out, std::ostream
       const double exposure = o.exposure_ms ? *o.exposure_ms / 1e3 : 1.0 / (2.0 * state);
       try {
         CheckSensorSetup(sensor);
-        CheckRun(sensor, o.frames, exposure);
+        CheckRun(sensor, o.scene, o.frames, exposure, !o.record_file.empty());
       } catch (const HostError& e) {
         throw UsageError(e.what());
       }
@@ -303,15 +294,15 @@ int RunCli(const std::vector<std::string>& args, std::ostream& out, std::ostream
         recording.comments.push_back("written by kestrel-flicker simulate");
         record_text = FormatRecording(recording);
       }
-      header = "kestrel-flicker simulate: " + std::string(FamilyName(sensor.type)) + ", ";
+      header = "kestrel-flicker simulate: " + FamilyName(sensor.type) + ", ";
       if (o.scene.mains_hz > 0) {
-        header += Fixed("%.0f", o.scene.mains_hz) + " Hz mains light (modulation " +
-                  Fixed("%.0f", o.scene.depth * 100.0) + "%)";
+        header += Format("%.0f", o.scene.mains_hz) + " Hz mains light (modulation " +
+                  Format("%.0f", o.scene.depth * 100.0) + "%)";
       } else {
         header += "steady light";
       }
-      if (o.scene.motion != 0.0) header += ", panning " + Fixed("%g", o.scene.motion) + " lines/frame";
-      header += ", starting in the " + std::to_string(state) + " Hz state at " + Fixed("%.3f", exposure * 1e3) +
+      if (o.scene.motion != 0.0) header += ", panning " + Format("%g", o.scene.motion) + " lines/frame";
+      header += ", starting in the " + std::to_string(state) + " Hz state at " + Ms(exposure) +
                 " ms\n" + TimingLine(sensor, o.scene.mains_hz);
     } else {
       command = "replay";

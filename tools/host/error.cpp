@@ -36,6 +36,14 @@ void WriteFiles(const std::vector<OutputFile>& files) {
   }
 }
 
+std::string Format(const char* fmt, double v) {
+  char buffer[64];
+  std::snprintf(buffer, sizeof buffer, fmt, v);
+  return buffer;
+}
+
+std::string Ms(double seconds) { return Format("%.3f", seconds * 1e3); }
+
 std::string ReadWholeFile(const std::string& path) {
   std::error_code ec;
   if (std::filesystem::is_directory(path, ec)) throw HostError("cannot read " + path + ": is a directory");

@@ -28,6 +28,12 @@ void WriteFiles(const std::vector<OutputFile>& files);
 // The whole file, or a HostError naming the file and the reason.
 std::string ReadWholeFile(const std::string& path);
 
+// One number through a printf format ("%.3f", "%.17g", ...), for messages, reports and files.
+std::string Format(const char* fmt, double v);
+
+// Milliseconds with three decimals, from seconds: "8.333".
+std::string Ms(double seconds);
+
 }  // namespace kestrel_host
 
 #endif  // KESTREL_TOOLS_ERROR_H

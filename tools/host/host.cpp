@@ -62,12 +62,6 @@ bool FieldAfter(std::string_view line, std::string_view key, std::int32_t& value
   return true;
 }
 
-std::string Ms(double seconds) {
-  char buffer[32];
-  std::snprintf(buffer, sizeof buffer, "%.3f ms", seconds * 1e3);
-  return buffer;
-}
-
 }  // namespace
 
 double ExposureForMains(double exposure_s, std::int32_t mains_hz, double frame_s) {
@@ -79,12 +73,26 @@ double ExposureForMains(double exposure_s, std::int32_t mains_hz, double frame_s
   return periods * period;
 }
 
-void CheckRun(const SensorSetup& sensor, std::int32_t frames, double exposure_s) {
+void CheckRun(const SensorSetup& sensor, const SceneSetup& scene, std::int32_t frames, double exposure_s,
+              bool recording) {
   if (frames < 2) throw HostError("at least 2 frames are needed (each DETECT compares two)");
   if (!(exposure_s > 0.0)) throw HostError("the exposure time must be positive");
   if (exposure_s > sensor.FramePeriod()) {
-    throw HostError("an exposure of " + Ms(exposure_s) + " does not fit a frame of " +
-                    Ms(sensor.FramePeriod()) + " (column_length x line_length / pclk)");
+    throw HostError("an exposure of " + Ms(exposure_s) + " ms does not fit a frame of " +
+                    Ms(sensor.FramePeriod()) + " ms (column_length x line_length / pclk)");
+  }
+  // Far above any real run (the default scene holds 78 thousand values, its recording 384
+  // thousand), far below memory trouble.
+  constexpr std::int64_t kMaxValues = std::int64_t{1} << 25;
+  const std::int64_t scene_values = SceneSize(sensor, scene, frames);
+  if (scene_values > kMaxValues) {
+    throw HostError("the scene would hold " + std::to_string(scene_values) + " values (columns x 4 x the " +
+                    "lines seen over the run, panning included), more than the " + std::to_string(kMaxValues) +
+                    " the simulator takes: use fewer frames, less motion or fewer columns");
+  }
+  if (recording && sensor.GridSize() * frames > kMaxValues) {
+    throw HostError("a recording of " + std::to_string(frames) + " frames of " + std::to_string(sensor.GridSize()) +
+                    " values is more than the " + std::to_string(kMaxValues) + " values the tool records at once");
   }
 }
 
@@ -271,7 +279,7 @@ FrameResult LibrarySession::Detect(std::int32_t frame, const Frame& prev, const 
     const double next = ExposureForMains(exposure_s_, to, sensor_.FramePeriod());
     r.switched = true;
     r.action = "switch to " + std::to_string(to) + " Hz: SET_STATE " + std::to_string(to == 60 ? 1 : 0) +
-               ", RESET_QUEUE, exposure " + Ms(exposure_s_) + " -> " + Ms(next);
+               ", RESET_QUEUE, exposure " + Ms(exposure_s_) + " ms -> " + Ms(next) + " ms";
     state_hz_ = to;
     exposure_s_ = next;
     r.next_exposure_s = next;
@@ -295,7 +303,7 @@ void Tally(RunResult& run, const FrameResult& r) {
 RunResult Simulate(const SensorSetup& sensor, const SceneSetup& scene, std::int32_t frames,
                    double exposure_s, std::int32_t initial_state_hz, bool verbose,
                    Recording* recording) {
-  CheckRun(sensor, frames, exposure_s);
+  CheckRun(sensor, scene, frames, exposure_s, recording != nullptr);
   RunResult run;
   run.sensor = sensor;
   run.initial_state_hz = initial_state_hz;

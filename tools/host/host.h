@@ -49,8 +49,10 @@ struct RunResult {
 // that fits in a frame of `frame_s` (at least one), which cancels the banding of that mains.
 double ExposureForMains(double exposure_s, std::int32_t mains_hz, double frame_s);
 
-// Throws HostError unless a run of `frames` frames at `exposure_s` makes sense on `sensor`.
-void CheckRun(const SensorSetup& sensor, std::int32_t frames, double exposure_s);
+// Throws HostError unless a simulation of `frames` frames at `exposure_s` makes sense on
+// `sensor` and fits in memory (the scene, and the frames kept when `recording`).
+void CheckRun(const SensorSetup& sensor, const SceneSetup& scene, std::int32_t frames, double exposure_s,
+              bool recording);
 
 // One library session: INIT on construction, UNINIT on destruction. While alive it owns the
 // library's log sink (to read the detector's per-frame figures) and keeps the library's own

@@ -20,12 +20,6 @@ namespace {
 constexpr std::int64_t kMaxGridValues = 16 * 1024 * 1024;
 constexpr std::int64_t kMaxFrames = 100000;
 
-std::string Number(double v) {
-  char buffer[40];
-  std::snprintf(buffer, sizeof buffer, "%.17g", v);
-  return buffer;
-}
-
 // Walks the text line by line, skipping comments and blank lines, and splits lines into words.
 class Lines {
  public:
@@ -172,7 +166,7 @@ std::string FormatRecording(const Recording& r) {
   field("type", std::to_string(s.type));
   field("line_length", std::to_string(s.line_length));
   field("column_length", std::to_string(s.column_length));
-  field("pclk", Number(s.pclk));
+  field("pclk", Format("%.17g", s.pclk));
   field("window_width", std::to_string(s.window_width));
   field("block_height", std::to_string(s.block_height));
   field("green_only", std::to_string(s.green_only));
@@ -187,7 +181,7 @@ std::string FormatRecording(const Recording& r) {
   const std::size_t cols = static_cast<std::size_t>(s.n_win_w);
   char buffer[32];
   for (std::size_t f = 0; f < r.frames.size(); ++f) {
-    out += "frame " + std::to_string(f) + " exposure " + Number(r.frames[f].exposure_s) + "\n";
+    out += "frame " + std::to_string(f) + " exposure " + Format("%.17g", r.frames[f].exposure_s) + "\n";
     const std::vector<std::int64_t>& g = r.frames[f].grid;
     for (std::size_t i = 0; i < g.size(); ++i) {
       auto [end, ec] = std::to_chars(buffer, buffer + sizeof buffer, g[i]);

@@ -5,23 +5,17 @@
 #include <cmath>
 #include <cstdio>
 
+#include "host/error.h"
+
 namespace kestrel_host {
 
 namespace {
 
 constexpr int kFrequencies[9] = {70, 80, 90, 100, 120, 130, 140, 160, 170};
 
-std::string Format(const char* fmt, double v) {
-  char buffer[64];
-  std::snprintf(buffer, sizeof buffer, fmt, v);
-  return buffer;
-}
-
 std::string Pad(const std::string& text, std::size_t width) {
   return text.size() >= width ? text : std::string(width - text.size(), ' ') + text;
 }
-
-std::string Ms(double seconds) { return Format("%.3f", seconds * 1e3); }
 
 // Mean of the seven energies other than 100 Hz and 120 Hz: the floor the two mains bands stand on.
 double RestMean(const FrameResult& r) {
@@ -38,12 +32,6 @@ std::string ResultText(std::int32_t result) {
   return result == -1 ? "-" : std::to_string(result);
 }
 
-const char* SensorName(std::int32_t type) {
-  if (type == 1) return "SONY";
-  if (type == 2) return "2x5";
-  return "standard";
-}
-
 // JSON has no NaN or infinity; none of the figures here can be either, but keep the file valid.
 std::string JsonNumber(double v) {
   if (!std::isfinite(v)) return "null";
@@ -51,6 +39,12 @@ std::string JsonNumber(double v) {
 }
 
 }  // namespace
+
+const char* SensorName(std::int32_t type) {
+  if (type == 1) return "SONY";
+  if (type == 2) return "2x5";
+  return "standard";
+}
 
 std::string FormatTable(const RunResult& run, bool wide) {
   std::string out;

@@ -21,8 +21,8 @@ constexpr double kFullWell = 4000.0;
 // zHDR counts: a pixel at or below this level counts as noisy.
 constexpr double kNoiseFloor = 0.004;
 
-// Range shift of the standard and SONY statistics: wide windows are scaled down so the sums stay
-// near 24 bits.
+// Range shift of the standard statistics: wide windows are scaled down so the sums stay within
+// 24 bits.
 int RangeShift(std::int32_t window_width) {
   if (window_width > 4095) return 4;
   if (window_width > 2047) return 3;
@@ -46,7 +46,26 @@ std::vector<double> Texture(std::mt19937& rng, std::int32_t length, double amp) 
   return out;
 }
 
+// The sensor lines the scene covers: every line any frame looks at, whatever the motion, with a
+// margin for the interpolation.
+struct Span {
+  double origin;
+  std::int64_t length;
+};
+
+Span ProfileSpan(const SensorSetup& sensor, const SceneSetup& scene, std::int32_t frames) {
+  const double active = static_cast<double>(sensor.StatRows()) * sensor.LinesPerRow();
+  const double travel = scene.motion * std::max(frames, 1);
+  const double origin = std::floor(std::min(0.0, travel) - 16.0);
+  const double high = active + std::max(0.0, travel) + 16.0;
+  return {origin, static_cast<std::int64_t>(std::ceil(high - origin)) + 1};
+}
+
 }  // namespace
+
+std::int64_t SceneSize(const SensorSetup& sensor, const SceneSetup& scene, std::int32_t frames) {
+  return static_cast<std::int64_t>(sensor.n_win_w) * kGroups * ProfileSpan(sensor, scene, frames).length;
+}
 
 std::int32_t SensorSetup::StatRows() const { return type == 2 ? win_ht : n_win_h * win_ht; }
 
@@ -128,13 +147,10 @@ SceneSimulator::SceneSimulator(const SensorSetup& sensor, const SceneSetup& scen
   std::uniform_real_distribution<double> unit(0.0, 1.0);
   phase_ = 2.0 * std::numbers::pi * unit(rng_);
 
-  // The profiles cover every line any frame looks at, whatever the motion.
+  const Span span = ProfileSpan(sensor_, scene_, frames);
+  profile_origin_ = span.origin;
+  profile_length_ = static_cast<std::int32_t>(span.length);
   const double active = static_cast<double>(sensor_.StatRows()) * sensor_.LinesPerRow();
-  const double travel = scene_.motion * std::max(frames, 1);
-  const double low = std::min(0.0, travel) - 16.0;
-  const double high = active + std::max(0.0, travel) + 16.0;
-  profile_origin_ = std::floor(low);
-  profile_length_ = static_cast<std::int32_t>(std::ceil(high - profile_origin_)) + 1;
 
   const auto uniform = [&](double a, double b) { return a + (b - a) * unit(rng_); };
   profiles_.assign(static_cast<std::size_t>(sensor_.n_win_w) * kGroups, {});

@@ -75,6 +75,10 @@ double MeanLight(double flicker_hz, double depth, double phase, double t_end, do
 // whose 257-fold sums the standard statistics carry.
 double CompandStandard(double linear);
 
+// Values the simulator holds for the scene: columns x pixel groups x the sensor lines any frame
+// looks at (the statistics' lines and the panning travel over `frames` frames).
+std::int64_t SceneSize(const SensorSetup& sensor, const SceneSetup& scene, std::int32_t frames);
+
 class SceneSimulator {
  public:
   SceneSimulator(const SensorSetup& sensor, const SceneSetup& scene, std::int32_t frames);
