@@ -248,7 +248,8 @@ FrameResult LibrarySession::Detect(std::int32_t frame, const Frame& prev, const 
     counted = false;
   }
   // Not every test reports the frame's score (nor does one still warming up): the newest queue
-  // entry is that score, in whole units (rounded down).
+  // entry is that score. The queue reads in whole units rounded down where the test's own line
+  // rounds to nearest, so a score or sum read here can be one below the test's.
   if (counted && !r.has_score) {
     r.score = get_slrt_score(1);
     r.has_score = true;
