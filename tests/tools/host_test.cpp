@@ -31,11 +31,13 @@ struct Scenario {
   bool zhdr;
   double mains_hz;
   std::int32_t state_hz;
-  bool fps30;                  // frames of exactly four 120 Hz periods: the bands stand still
-  std::int32_t switch_frame;   // -1: never switches
+  std::int32_t
+      column_length;          // 0: the family's; else frames of exactly 1/30 s, four 120 Hz periods
+  std::int32_t switch_frame;  // -1: never switches
 };
 
-class HostScenario : public kestrel_test::LibraryTest, public ::testing::WithParamInterface<Scenario> {};
+class HostScenario : public kestrel_test::LibraryTest,
+                     public ::testing::WithParamInterface<Scenario> {};
 
 // The README's scenarios for every family: the first decision needs three scored frames, the
 // host confirms it at once, and the next frames are judged afresh in the new state at an
@@ -43,10 +45,11 @@ class HostScenario : public kestrel_test::LibraryTest, public ::testing::WithPar
 TEST_P(HostScenario, SwitchesWhereTheReadmeSays) {
   const Scenario c = GetParam();
   SensorSetup sensor = DefaultSensor(c.type, c.zhdr);
-  if (c.fps30) sensor.column_length = static_cast<std::int32_t>(std::lround(sensor.pclk / (sensor.line_length * 30.0)));
+  if (c.column_length != 0) sensor.column_length = c.column_length;
   SceneSetup scene;
   scene.mains_hz = c.mains_hz;
-  const double start = c.state_hz == 50 ? 0.010 : 1.0 / 120.0, next = c.state_hz == 50 ? 1.0 / 120.0 : 0.010;
+  const double start = c.state_hz == 50 ? 0.010 : 1.0 / 120.0;
+  const double next = c.state_hz == 50 ? 1.0 / 120.0 : 0.010;
   const RunResult run = Simulate(sensor, scene, 20, start, c.state_hz, false, nullptr);
   ASSERT_EQ(run.results.size(), 19u);
   EXPECT_EQ(run.first_switch_frame, c.switch_frame);
@@ -64,21 +67,22 @@ TEST_P(HostScenario, SwitchesWhereTheReadmeSays) {
   }
   if (c.switch_frame < 0) return;
   EXPECT_EQ(run.results[static_cast<std::size_t>(c.switch_frame) - 1].action,
-            c.state_hz == 50 ? "switch to 60 Hz: SET_STATE 1, RESET_QUEUE, exposure 10.000 ms -> 8.333 ms"
-                             : "switch to 50 Hz: SET_STATE 0, RESET_QUEUE, exposure 8.333 ms -> 10.000 ms");
+            c.state_hz == 50
+                ? "switch to 60 Hz: SET_STATE 1, RESET_QUEUE, exposure 10.000 ms -> 8.333 ms"
+                : "switch to 50 Hz: SET_STATE 0, RESET_QUEUE, exposure 8.333 ms -> 10.000 ms");
   // The queue was reset: the test warms up again.
   EXPECT_EQ(run.results[static_cast<std::size_t>(c.switch_frame)].note, "warming up (1 scored)");
 }
 
 INSTANTIATE_TEST_SUITE_P(
     Host, HostScenario,
-    ::testing::Values(Scenario{0, false, 60, 50, false, 3}, Scenario{0, true, 60, 50, false, 5},
-                      Scenario{1, false, 60, 50, false, 3}, Scenario{2, false, 60, 50, false, 3},
-                      Scenario{0, false, 50, 60, false, 3}, Scenario{1, false, 50, 60, false, 8},
-                      Scenario{2, false, 50, 60, false, 3}, Scenario{0, false, 0, 50, false, -1},
-                      Scenario{1, false, 50, 50, false, -1}, Scenario{2, false, 0, 50, false, -1},
-                      Scenario{0, false, 60, 50, true, -1}, Scenario{1, false, 60, 50, true, -1},
-                      Scenario{2, false, 60, 50, true, -1}));
+    ::testing::Values(Scenario{0, false, 60, 50, 0, 3}, Scenario{0, true, 60, 50, 0, 5},
+                      Scenario{1, false, 60, 50, 0, 3}, Scenario{2, false, 60, 50, 0, 3},
+                      Scenario{0, false, 50, 60, 0, 3}, Scenario{1, false, 50, 60, 0, 8},
+                      Scenario{2, false, 50, 60, 0, 3}, Scenario{0, false, 0, 50, 0, -1},
+                      Scenario{1, false, 50, 50, 0, -1}, Scenario{2, false, 0, 50, 0, -1},
+                      Scenario{0, false, 60, 50, 2667, -1}, Scenario{1, false, 60, 50, 1111, -1},
+                      Scenario{2, false, 60, 50, 2667, -1}));
 
 // A scene brightness step beyond the detector's exposure check: that frame does not count.
 TEST_F(HostTest, BrightnessStepIsNotCounted) {

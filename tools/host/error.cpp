@@ -27,7 +27,8 @@ void WriteFiles(const std::vector<OutputFile>& files) {
     std::FILE* file = std::fopen(temp.c_str(), "wb");
     if (file == nullptr) fail(f.path, errno);
     temps.push_back(temp);
-    const bool written = std::fwrite(f.content.data(), 1, f.content.size(), file) == f.content.size();
+    const bool written =
+        std::fwrite(f.content.data(), 1, f.content.size(), file) == f.content.size();
     const int saved = errno;
     if (std::fclose(file) != 0 || !written) fail(f.path, written ? errno : saved);
   }
@@ -42,11 +43,14 @@ std::string Format(const char* fmt, double v) {
   return buffer;
 }
 
-std::string Ms(double seconds) { return Format("%.3f", seconds * 1e3); }
+std::string Ms(double seconds) {
+  return Format("%.3f", seconds * 1e3);
+}
 
 std::string ReadWholeFile(const std::string& path) {
   std::error_code ec;
-  if (std::filesystem::is_directory(path, ec)) throw HostError("cannot read " + path + ": is a directory");
+  if (std::filesystem::is_directory(path, ec))
+    throw HostError("cannot read " + path + ": is a directory");
   std::ifstream in(path, std::ios::binary);
   if (!in) throw HostError("cannot read " + path + ": " + std::strerror(errno));
   std::ostringstream content;

@@ -48,7 +48,9 @@ class StdoutDiversion {
   int saved_ = -1;
 };
 
-std::int32_t StateCode(std::int32_t hz) { return hz == 60 ? FLK_RESULT_60HZ : FLK_RESULT_50HZ; }
+std::int32_t StateCode(std::int32_t hz) {
+  return hz == 60 ? FLK_RESULT_60HZ : FLK_RESULT_50HZ;
+}
 
 // The integer that follows `key` in `line`, if any.
 bool FieldAfter(std::string_view line, std::string_view key, std::int32_t& value) {
@@ -73,8 +75,8 @@ double ExposureForMains(double exposure_s, std::int32_t mains_hz, double frame_s
   return periods * period;
 }
 
-void CheckRun(const SensorSetup& sensor, const SceneSetup& scene, std::int32_t frames, double exposure_s,
-              bool recording) {
+void CheckRun(const SensorSetup& sensor, const SceneSetup& scene, std::int32_t frames,
+              double exposure_s, bool recording) {
   if (frames < 2) throw HostError("at least 2 frames are needed (each DETECT compares two)");
   if (!(exposure_s > 0.0)) throw HostError("the exposure time must be positive");
   if (exposure_s > sensor.FramePeriod()) {
@@ -86,13 +88,15 @@ void CheckRun(const SensorSetup& sensor, const SceneSetup& scene, std::int32_t f
   constexpr std::int64_t kMaxValues = std::int64_t{1} << 25;
   const std::int64_t scene_values = SceneSize(sensor, scene, frames);
   if (scene_values > kMaxValues) {
-    throw HostError("the scene would hold " + std::to_string(scene_values) + " values (columns x 4 x the " +
-                    "lines seen over the run, panning included), more than the " + std::to_string(kMaxValues) +
-                    " the simulator takes: use fewer frames, less motion or fewer columns");
+    throw HostError(
+        "the scene would hold " + std::to_string(scene_values) + " values (columns x 4 x the " +
+        "lines seen over the run, panning included), more than the " + std::to_string(kMaxValues) +
+        " the simulator takes: use fewer frames, less motion or fewer columns");
   }
   if (recording && sensor.GridSize() * frames > kMaxValues) {
-    throw HostError("a recording of " + std::to_string(frames) + " frames of " + std::to_string(sensor.GridSize()) +
-                    " values is more than the " + std::to_string(kMaxValues) + " values the tool records at once");
+    throw HostError("a recording of " + std::to_string(frames) + " frames of " +
+                    std::to_string(sensor.GridSize()) + " values is more than the " +
+                    std::to_string(kMaxValues) + " values the tool records at once");
   }
 }
 
@@ -222,8 +226,9 @@ FrameResult LibrarySession::Detect(std::int32_t frame, const Frame& prev, const 
     std::string_view l(line);
     if (l.starts_with("Freq_out = ")) {
       auto& e = r.energies;
-      r.has_energies = std::sscanf(line.c_str(), "Freq_out = %d, %d, %d, %d, %d, %d, %d, %d, %d", &e[0],
-                                   &e[1], &e[2], &e[3], &e[4], &e[5], &e[6], &e[7], &e[8]) == 9;
+      r.has_energies =
+          std::sscanf(line.c_str(), "Freq_out = %d, %d, %d, %d, %d, %d, %d, %d, %d", &e[0], &e[1],
+                      &e[2], &e[3], &e[4], &e[5], &e[6], &e[7], &e[8]) == 9;
     } else if (l.starts_with("Seq_test: stats") && l.find("%D") == std::string_view::npos) {
       // (The 2x5 test's line carries a conversion printf does not know, which shifts its
       // figures; its score and sum are read from the queue below instead.)
@@ -279,8 +284,9 @@ FrameResult LibrarySession::Detect(std::int32_t frame, const Frame& prev, const 
     Send(CMD_RESET_QUEUE, nullptr, nullptr, "RESET_QUEUE");
     const double next = ExposureForMains(exposure_s_, to, sensor_.FramePeriod());
     r.switched = true;
-    r.action = "switch to " + std::to_string(to) + " Hz: SET_STATE " + std::to_string(to == 60 ? 1 : 0) +
-               ", RESET_QUEUE, exposure " + Ms(exposure_s_) + " ms -> " + Ms(next) + " ms";
+    r.action = "switch to " + std::to_string(to) + " Hz: SET_STATE " +
+               std::to_string(to == 60 ? 1 : 0) + ", RESET_QUEUE, exposure " + Ms(exposure_s_) +
+               " ms -> " + Ms(next) + " ms";
     state_hz_ = to;
     exposure_s_ = next;
     r.next_exposure_s = next;
@@ -337,9 +343,11 @@ RunResult Replay(const Recording& recording, std::int32_t initial_state_hz, bool
   run.sensor = recording.sensor;
   run.initial_state_hz = initial_state_hz;
   run.frames = static_cast<std::int32_t>(recording.frames.size());
-  LibrarySession session(recording.sensor, initial_state_hz, recording.frames[0].exposure_s, verbose);
+  LibrarySession session(recording.sensor, initial_state_hz, recording.frames[0].exposure_s,
+                         verbose);
   for (std::size_t k = 1; k < recording.frames.size(); ++k) {
-    Tally(run, session.Detect(static_cast<std::int32_t>(k), recording.frames[k - 1], recording.frames[k]));
+    Tally(run, session.Detect(static_cast<std::int32_t>(k), recording.frames[k - 1],
+                              recording.frames[k]));
   }
   run.final_state_hz = session.state_hz();
   return run;

@@ -64,20 +64,29 @@ Span ProfileSpan(const SensorSetup& sensor, const SceneSetup& scene, std::int32_
 }  // namespace
 
 std::int64_t SceneSize(const SensorSetup& sensor, const SceneSetup& scene, std::int32_t frames) {
-  return static_cast<std::int64_t>(sensor.n_win_w) * kGroups * ProfileSpan(sensor, scene, frames).length;
+  return static_cast<std::int64_t>(sensor.n_win_w) * kGroups *
+         ProfileSpan(sensor, scene, frames).length;
 }
 
-std::int32_t SensorSetup::StatRows() const { return type == 2 ? win_ht : n_win_h * win_ht; }
+std::int32_t SensorSetup::StatRows() const {
+  return type == 2 ? win_ht : n_win_h * win_ht;
+}
 
-std::int32_t SensorSetup::LinesPerRow() const { return type == 2 ? block_height : 1; }
+std::int32_t SensorSetup::LinesPerRow() const {
+  return type == 2 ? block_height : 1;
+}
 
 std::int64_t SensorSetup::GridSize() const {
   return static_cast<std::int64_t>(StatRows()) * n_win_w;
 }
 
-double SensorSetup::LineTime() const { return line_length / pclk; }
+double SensorSetup::LineTime() const {
+  return line_length / pclk;
+}
 
-double SensorSetup::FramePeriod() const { return column_length * LineTime(); }
+double SensorSetup::FramePeriod() const {
+  return column_length * LineTime();
+}
 
 SensorSetup DefaultSensor(std::int32_t type, bool zhdr) {
   SensorSetup s;
@@ -123,7 +132,8 @@ double MeanLight(double flicker_hz, double depth, double phase, double t_end, do
   const double w = 2.0 * std::numbers::pi * flicker_hz;
   if (exposure <= 0.0) return 1.0 + depth * std::cos(w * t_end + phase);
   // Integral of cos over the exposure, divided by its length.
-  const double integral = (std::sin(w * t_end + phase) - std::sin(w * (t_end - exposure) + phase)) / w;
+  const double integral =
+      (std::sin(w * t_end + phase) - std::sin(w * (t_end - exposure) + phase)) / w;
   return 1.0 + depth * integral / exposure;
 }
 
@@ -135,7 +145,8 @@ double CompandStandard(double linear) {
   const double y = std::clamp(linear, 0.0, 1.0) * 65536.0;
   for (int i = 0; i < 8; ++i) {
     if (y <= kLinear[i + 1]) {
-      return kCode[i] + (y - kLinear[i]) * (kCode[i + 1] - kCode[i]) / (kLinear[i + 1] - kLinear[i]);
+      return kCode[i] +
+             (y - kLinear[i]) * (kCode[i + 1] - kCode[i]) / (kLinear[i + 1] - kLinear[i]);
     }
   }
   return 255.0;
@@ -178,8 +189,8 @@ SceneSimulator::SceneSimulator(const SensorSetup& sensor, const SceneSetup& scen
       for (std::int32_t i = 0; i < profile_length_; ++i) {
         const std::size_t k = static_cast<std::size_t>(i);
         const double y = (profile_origin_ + i) / std::max(active, 1.0) - 0.5;
-        p[k] = std::max(0.0, base * bars[k] * (1.0 + slope * y) * group_gain *
-                                 (1.0 + shared[k] + own[k]));
+        p[k] = std::max(
+            0.0, base * bars[k] * (1.0 + slope * y) * group_gain * (1.0 + shared[k] + own[k]));
       }
     }
   }
@@ -187,7 +198,8 @@ SceneSimulator::SceneSimulator(const SensorSetup& sensor, const SceneSetup& scen
 
 double SceneSimulator::Scene(std::int32_t column, std::int32_t group, double line) const {
   const std::vector<double>& p = profiles_[static_cast<std::size_t>(column) * kGroups + group];
-  const double x = std::clamp(line - profile_origin_, 0.0, static_cast<double>(profile_length_ - 1));
+  const double x =
+      std::clamp(line - profile_origin_, 0.0, static_cast<double>(profile_length_ - 1));
   const auto i = static_cast<std::size_t>(x);
   if (i + 1 >= p.size()) return p.back();
   const double f = x - static_cast<double>(i);
@@ -231,16 +243,14 @@ Frame SceneSimulator::Generate(std::int32_t index, double exposure_s) {
 
   const int shift = RangeShift(sensor_.window_width);
   const double half = sensor_.window_width >> 1;
-  const double sum_scale = sensor_.type == 2
-                               ? 4095.0 * std::max(pixels, 1.0)
-                               : 1.0;
+  const double sum_scale = sensor_.type == 2 ? 4095.0 * std::max(pixels, 1.0) : 1.0;
   const double motion = scene_.motion * index;
 
   for (std::int32_t r = 0; r < rows; ++r) {
     // zHDR: every other row is the short exposure, darker by the ratio and integrating the light
     // over a shorter time.
-    const bool short_row = sensor_.type == 0 && sensor_.zhdr &&
-                           ((r % 2 == 0) != sensor_.zhdr_gle_first);
+    const bool short_row =
+        sensor_.type == 0 && sensor_.zhdr && ((r % 2 == 0) != sensor_.zhdr_gle_first);
     const double exposure = short_row ? exposure_s / scene_.hdr_ratio : exposure_s;
     const double gain = short_row ? level / scene_.hdr_ratio : level;
     const double light = RowLight(index, r, exposure);
