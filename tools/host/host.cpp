@@ -221,7 +221,7 @@ FrameResult LibrarySession::Detect(std::int32_t frame, const Frame& prev, const 
   }
   r.result = result;
 
-  bool counted = true;
+  bool counted = true, unstable = false;
   for (const std::string& line : lines_) {
     std::string_view l(line);
     if (l.starts_with("Freq_out = ")) {
@@ -243,7 +243,7 @@ FrameResult LibrarySession::Detect(std::int32_t frame, const Frame& prev, const 
       counted = false;
       if (r.note.empty()) r.note = "not counted";
     } else if (l.starts_with("frame AE unstable")) {
-      r.note = "skipped: brightness changed";
+      unstable = true;
     } else if (l.starts_with("frame can't be registered")) {
       if (r.note.empty()) r.note = "unregistered";
     }
@@ -275,6 +275,12 @@ FrameResult LibrarySession::Detect(std::int32_t frame, const Frame& prev, const 
     r.relative_q8 = static_cast<std::int32_t>((r.energies[k] - mean) * 256 / mean);
     r.has_relative = true;
   }
+  // The standard and SONY tests skip a frame whose brightness changed; the 2x5 test has no such
+  // gate and queues a score for it all the same.
+  if (unstable)
+    r.note = counted ? "brightness changed, scored all the same" : "skipped: brightness changed";
+  if (!counted && r.note == "unregistered") r.note = "unregistered, not counted";
+  r.counted = counted;
 
   r.next_exposure_s = exposure_s_;
   if ((result == FLK_RESULT_50HZ || result == FLK_RESULT_60HZ) && result != StateCode(state_hz_)) {
@@ -301,7 +307,7 @@ void Tally(RunResult& run, const FrameResult& r) {
     if (run.first_switch_frame < 0) run.first_switch_frame = r.frame;
     ++run.switches;
   }
-  if (!r.note.empty() && !r.note.starts_with("warming") && r.note != "unregistered") ++run.skipped;
+  if (!r.counted) ++run.skipped;
   run.results.push_back(r);
 }
 

@@ -28,6 +28,7 @@ struct FrameResult {
   bool has_seq = false;
   std::int32_t seq = 0;          // sequential score; a switch is decided above the threshold 8
   std::int32_t result = -1;      // DETECT output: 2 = 50 Hz, 3 = 60 Hz (-1: nothing written)
+  bool counted = true;           // the sequential test queued a score for the frame
   std::string note;              // why the frame did not count, or that the test is warming up
   bool switched = false;         // the host confirmed a switch after this frame
   double next_exposure_s = 0.0;  // exposure the host applies from the next frame on
