@@ -114,7 +114,7 @@ simulate, the light and the scene:
 simulate, the camera:
   --type N            sensor family: 0 standard, 1 SONY, 2 2x5                     [0]
   --zhdr              type 0 with zHDR statistics (long/short rows and counts)
-  --hdr-ratio X       zHDR long / short exposure ratio                             [8]
+  --hdr-ratio X       zHDR long / short exposure ratio (with --zhdr)               [8]
   --state HZ          flicker setting the camera starts in: 50 or 60               [50]
   --exposure MS       exposure time [one flicker period of the starting state]
   --frames N          frames to simulate                                           [20]
