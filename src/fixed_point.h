@@ -25,7 +25,9 @@ constexpr std::int32_t wrap_neg32(std::int32_t a) {
   return static_cast<std::int32_t>(0u - static_cast<std::uint32_t>(a));
 }
 // |a| in 32 bits: |INT32_MIN| wraps to INT32_MIN, as the hardware does.
-constexpr std::int32_t wrap_abs32(std::int32_t a) { return a < 0 ? wrap_neg32(a) : a; }
+constexpr std::int32_t wrap_abs32(std::int32_t a) {
+  return a < 0 ? wrap_neg32(a) : a;
+}
 // a << k in 32 bits, bits shifted out are lost (k in 0..31).
 constexpr std::int32_t wrap_shl32(std::int32_t a, int k) {
   return static_cast<std::int32_t>(static_cast<std::uint32_t>(a) << k);
@@ -42,7 +44,9 @@ constexpr std::int64_t wrap_mul64(std::int64_t a, std::int64_t b) {
   return static_cast<std::int64_t>(static_cast<std::uint64_t>(a) * static_cast<std::uint64_t>(b));
 }
 // The low 32 bits of a 64-bit value, as a signed number.
-constexpr std::int32_t low32(std::int64_t v) { return static_cast<std::int32_t>(v); }
+constexpr std::int32_t low32(std::int64_t v) {
+  return static_cast<std::int32_t>(v);
+}
 
 // v / 2^k rounded to nearest, halves away from zero: add 2^(k-1) to a non-negative value and
 // 2^(k-1) - 1 to a negative one, then shift arithmetically. k = 0 leaves v as it is. The sign
@@ -59,8 +63,12 @@ constexpr std::int32_t rshift_round32(std::int32_t v, int k) {
   return wrap_add32(v, v >= 0 ? half : half - 1) >> k;
 }
 // v / 256, rounded half away from zero: the common "round8" of the despike rebuild.
-constexpr std::int64_t round8_64(std::int64_t v) { return rshift_round64(v, 8); }
-constexpr std::int32_t round8_32(std::int32_t v) { return rshift_round32(v, 8); }
+constexpr std::int64_t round8_64(std::int64_t v) {
+  return rshift_round64(v, 8);
+}
+constexpr std::int32_t round8_32(std::int32_t v) {
+  return rshift_round32(v, 8);
+}
 
 // Signed division truncating toward zero, as the design divides everywhere. A zero divisor
 // gives 0 and INT_MIN / -1 wraps to INT_MIN instead of trapping.

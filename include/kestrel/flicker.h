@@ -103,12 +103,12 @@ struct FlkExtPara {
   std::int32_t ev50_l60[4];             //   (both Q8), offset
   std::int32_t ev60_l50[4];
   std::int32_t ev60_l60[4];
-  std::int32_t ev50_thresholds[2];      // [1] is the switch threshold in state 50 Hz
-  std::int32_t ev60_thresholds[2];      // [1] is the switch threshold in state 60 Hz
-  std::int32_t freq_feature_index[2];   // scored feature per state
-  std::uint8_t is_zhdr;                 // statistics words carry zHDR counts
-  std::uint8_t zhdr_se_small;           // the short exposure is too dark to use
-  std::uint8_t zhdr_gle_first;          // even rows are the long exposure
+  std::int32_t ev50_thresholds[2];     // [1] is the switch threshold in state 50 Hz
+  std::int32_t ev60_thresholds[2];     // [1] is the switch threshold in state 60 Hz
+  std::int32_t freq_feature_index[2];  // scored feature per state
+  std::uint8_t is_zhdr;                // statistics words carry zHDR counts
+  std::uint8_t zhdr_se_small;          // the short exposure is too dark to use
+  std::uint8_t zhdr_gle_first;         // even rows are the long exposure
 };
 
 // The compiled-in tuning, for hosts that change a few fields and send the rest unchanged.
@@ -137,15 +137,13 @@ static_assert(sizeof(FlkEISVector) == 128 && alignof(FlkEISVector) == 4);
 static_assert(sizeof(FlkAEInfo) == 4 && alignof(FlkAEInfo) == 4);
 static_assert(sizeof(FlkInitPara) == 32 && offsetof(FlkInitPara, pclk) == 16 &&
               offsetof(FlkInitPara, block_height) == 24 && offsetof(FlkInitPara, green_only) == 28);
-static_assert(sizeof(void*) != 8 || (sizeof(FlkDetectPara) == 192 &&
-                                     offsetof(FlkDetectPara, prev_stats) == 8 &&
-                                     offsetof(FlkDetectPara, cur_stats) == 16 &&
-                                     offsetof(FlkDetectPara, n_win_h) == 24 &&
-                                     offsetof(FlkDetectPara, cur_freq) == 40 &&
-                                     offsetof(FlkDetectPara, sensor_info) == 44 &&
-                                     offsetof(FlkDetectPara, eis_vector) == 52 &&
-                                     offsetof(FlkDetectPara, ae_info) == 180 &&
-                                     offsetof(FlkDetectPara, out_ptr) == 184));
+static_assert(sizeof(void*) != 8 ||
+              (sizeof(FlkDetectPara) == 192 && offsetof(FlkDetectPara, prev_stats) == 8 &&
+               offsetof(FlkDetectPara, cur_stats) == 16 && offsetof(FlkDetectPara, n_win_h) == 24 &&
+               offsetof(FlkDetectPara, cur_freq) == 40 &&
+               offsetof(FlkDetectPara, sensor_info) == 44 &&
+               offsetof(FlkDetectPara, eis_vector) == 52 &&
+               offsetof(FlkDetectPara, ae_info) == 180 && offsetof(FlkDetectPara, out_ptr) == 184));
 static_assert(sizeof(FlkExtPara) == 144 && offsetof(FlkExtPara, ev50_l50) == 52 &&
               offsetof(FlkExtPara, ev50_thresholds) == 116 &&
               offsetof(FlkExtPara, freq_feature_index) == 132 &&

@@ -6,8 +6,8 @@
 
 namespace {
 
-constexpr std::int32_t kFeatureClamp = 0x4000000;    // +-2^26 per feature in the mean
-constexpr std::int32_t kDeviationClamp = 0x800000;   // +-2^23 before the Q8 shift
+constexpr std::int32_t kFeatureClamp = 0x4000000;   // +-2^26 per feature in the mean
+constexpr std::int32_t kDeviationClamp = 0x800000;  // +-2^23 before the Q8 shift
 
 // |(z - knot) x slope >> 8| of one piecewise-linear likelihood table (32-bit, wrapping).
 std::int32_t LikelihoodTerm(std::int32_t z, const std::int32_t* table) {
@@ -39,9 +39,9 @@ FlkScoreTerms flicker_score_terms(const std::int32_t* f, std::uint32_t n, std::i
   const std::int32_t* own = state50 ? ev50_l50 : ev60_l60;
   const std::int32_t* other = state50 ? ev50_l60 : ev60_l50;
 
-  const std::uint32_t j = static_cast<std::uint32_t>(k) > n - 1 ? n - 1 : static_cast<std::uint32_t>(k);
-  const std::int32_t d =
-      fx::clamp32(fx::wrap_sub32(f[j], m), -kDeviationClamp, kDeviationClamp);
+  const std::uint32_t j =
+      static_cast<std::uint32_t>(k) > n - 1 ? n - 1 : static_cast<std::uint32_t>(k);
+  const std::int32_t d = fx::clamp32(fx::wrap_sub32(f[j], m), -kDeviationClamp, kDeviationClamp);
   // The shift is 32-bit on purpose: d = +2^23 becomes INT32_MIN, so a saturated positive
   // deviation scores as a large negative one.
   const std::int32_t z = fx::div_trunc(fx::wrap_shl32(d, 8), m);
@@ -50,8 +50,8 @@ FlkScoreTerms flicker_score_terms(const std::int32_t* f, std::uint32_t n, std::i
   terms.z = z;
   terms.t_own = LikelihoodTerm(z, own);
   terms.t_other = LikelihoodTerm(z, other);
-  terms.score = fx::wrap_sub32(
-      fx::wrap_add32(fx::wrap_sub32(own[3], other[3]), terms.t_own), terms.t_other);
+  terms.score =
+      fx::wrap_sub32(fx::wrap_add32(fx::wrap_sub32(own[3], other[3]), terms.t_own), terms.t_other);
   return terms;
 }
 

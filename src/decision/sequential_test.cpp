@@ -66,15 +66,16 @@ std::int32_t test_next_frame(const std::int32_t* freq_out, std::uint32_t n, std:
   if (TooFewFrames()) return g_flickerResult;
   const std::int32_t q = fx::wrap_add32(SequentialScore(max_past), 128) >> 8;
   if (g_logState) {
-    PrintLogFlk(
-        "Seq_test: stats cur_state:%d,cur_feat:%d,z0:%d,z1:%d,cur_score:%d,seq_score:%d\n",
-        g_flickerStateIndex, terms.z, terms.t_own, terms.t_other,
-        fx::wrap_add32(terms.score, 128) >> 8, q);
+    PrintLogFlk("Seq_test: stats cur_state:%d,cur_feat:%d,z0:%d,z1:%d,cur_score:%d,seq_score:%d\n",
+                g_flickerStateIndex, terms.z, terms.t_own, terms.t_other,
+                fx::wrap_add32(terms.score, 128) >> 8, q);
   }
   return Decide(q);
 }
 
-std::int32_t get_slrt_score(std::uint32_t max_past) { return SequentialScore(max_past) >> 8; }
+std::int32_t get_slrt_score(std::uint32_t max_past) {
+  return SequentialScore(max_past) >> 8;
+}
 
 std::int32_t test_next_frame_2x5(const std::int32_t*, std::uint32_t, std::int8_t,
                                  std::uint32_t max_past, std::int32_t score) {

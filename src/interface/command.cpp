@@ -28,7 +28,9 @@ class Bracket {
   const char* name_;
 };
 
-bool TablesBuilt() { return g_flkTab1 != nullptr && g_flkTab2 != nullptr && g_flkCompTab != nullptr; }
+bool TablesBuilt() {
+  return g_flkTab1 != nullptr && g_flkTab2 != nullptr && g_flkCompTab != nullptr;
+}
 
 }  // namespace
 
@@ -91,7 +93,8 @@ void DoCmdDetect(void* in, void* out) {
     return;
   }
   if (g_flkTabType != para.type || !TablesBuilt()) {
-    LogRefusalFlk("DoCmdDetect", "no tables for sensor type %d (CMD_INIT of that type first), result %d",
+    LogRefusalFlk("DoCmdDetect",
+                  "no tables for sensor type %d (CMD_INIT of that type first), result %d",
                   para.type, g_flickerResult);
     *result = g_flickerResult;
     return;

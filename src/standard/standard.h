@@ -51,6 +51,24 @@ inline std::int32_t flicker_compand(std::int32_t v) {
 // 0.7..1.4 times the previous one's (both inclusive), neither sum zero. 64-bit sums.
 bool flicker_exposure_stable(const std::int32_t* cur, const std::int32_t* prev, std::int32_t n);
 
+// Swings of the len values starting at buf[first]: pairs (i - 1, i) for i = 0 .. len - 2, one
+// place back on purpose, from below -thr to above thr or back. The first pair borrows the value
+// before the sequence (the previous sequence's last); before the buffer's start that value is 0:
+// the exported working memories carry no physical guard word (a host linking them gets its own
+// copy of each array, placed anywhere), so the buffer is never read before its start.
+inline std::int32_t flicker_count_swings(const std::int32_t* buf, std::int64_t first,
+                                         std::int32_t len, std::int32_t thr) {
+  const std::int64_t hi = thr;
+  const std::int64_t lo = -hi;
+  std::int32_t swings = 0;
+  for (std::int32_t i = 0; i + 1 < len; ++i) {
+    const std::int64_t a = first + i == 0 ? 0 : buf[first + i - 1];
+    const std::int64_t b = buf[first + i];
+    if ((a < lo && b > hi) || (a > hi && b < lo)) ++swings;
+  }
+  return swings;
+}
+
 // ---- Detection driver ----
 constexpr std::int32_t kLineVectorSize = 6000;
 extern std::int32_t line_prev_working_memory[kLineVectorSize];

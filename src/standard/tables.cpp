@@ -84,22 +84,17 @@ void calFlickerTable(std::int32_t line_length, std::int32_t column_length, doubl
   // Statistics sample n is taken 4 n line_length / pclk after the first. The 2 pi constant is
   // the eleven-decimal one and the operation order is fixed: the tables are compared entry by
   // entry with those of other builds.
-  for (std::int32_t k = 0; k < kFreqCount; ++k) {
-    const double omega4 = static_cast<double>(g_flickerFreq[k]) * kFlickerTwoPi * 2.0 * 2.0;
-    std::int32_t* row = cosTable + k * w;
-    for (std::int32_t n = 0; n < w; ++n) {
-      const double phase = omega4 * line_length * n / pclk;
-      row[n] = flicker_round_entry(255.0 * std::cos(phase));
+  const auto fill = [&](std::int32_t* table, auto wave) {
+    for (std::int32_t k = 0; k < kFreqCount; ++k) {
+      const double omega4 = static_cast<double>(g_flickerFreq[k]) * kFlickerTwoPi * 2.0 * 2.0;
+      std::int32_t* row = table + k * w;
+      for (std::int32_t n = 0; n < w; ++n) {
+        row[n] = flicker_round_entry(255.0 * wave(omega4 * line_length * n / pclk));
+      }
     }
-  }
-  for (std::int32_t k = 0; k < kFreqCount; ++k) {
-    const double omega4 = static_cast<double>(g_flickerFreq[k]) * kFlickerTwoPi * 2.0 * 2.0;
-    std::int32_t* row = sinTable + k * w;
-    for (std::int32_t n = 0; n < w; ++n) {
-      const double phase = omega4 * line_length * n / pclk;
-      row[n] = flicker_round_entry(255.0 * std::sin(phase));
-    }
-  }
+  };
+  fill(cosTable, [](double phase) { return std::cos(phase); });
+  fill(sinTable, [](double phase) { return std::sin(phase); });
 
   const auto start = std::chrono::steady_clock::now();
   const std::int32_t s = flicker_range_shift(window_width);

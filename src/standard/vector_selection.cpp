@@ -10,12 +10,6 @@ namespace {
 // grids.
 constexpr std::int32_t kMaxColumns = 10;
 
-// The swing pairs are taken one place back, so the first pair of column 0 reads the word just
-// before the column buffer. The exported working memories cannot carry a physical leading word
-// (a host linking them gets its own copy of each array, placed anywhere), so that word is this
-// constant and the buffer is never read before its start.
-constexpr std::int32_t kWordBeforeColumns = 0;
-
 // Decimated rows per column: every eighth row of the band.
 constexpr std::int32_t kDecimation = 8;
 constexpr std::int32_t kSwingThreshold = 100;
@@ -42,22 +36,12 @@ std::int32_t find_vector(std::int32_t* cols, std::int32_t len, std::int32_t ncol
     for (std::int32_t i = 0; i < len; ++i) column[i] = fx::wrap_sub32(column[i], mean[c]);
   }
 
-  // Pairs (i - 1, i) for i = 0 .. len - 2 from each column's start: the first pair borrows the
-  // previous column's last (already centred) entry and the column's last entry is never a b.
-  const std::int64_t hi = thr;
-  const std::int64_t lo = -hi;
+  // The first pair of each column borrows the previous column's last, already centred entry.
   bool all_quiet = true;
   bool all_dark = true;
   for (std::int32_t c = 0; c < ncols; ++c) {
-    const std::int64_t base = static_cast<std::int64_t>(c) * len;
-    std::int32_t swings = 0;
-    for (std::int32_t i = 0; i + 1 < len; ++i) {
-      const std::int64_t a = base + i == 0 ? kWordBeforeColumns : cols[base + i - 1];
-      const std::int64_t b = cols[base + i];
-      if ((a < lo && b > hi) || (a > hi && b < lo)) ++swings;
-    }
-    count[c] = swings;
-    all_quiet = all_quiet && swings == 0;
+    count[c] = flicker_count_swings(cols, static_cast<std::int64_t>(c) * len, len, thr);
+    all_quiet = all_quiet && count[c] == 0;
     all_dark = all_dark && mean[c] < minMean;
   }
 

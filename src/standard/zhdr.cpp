@@ -30,12 +30,6 @@ constexpr int kNoiseShift = 24;
 constexpr int kSaturationShift = 36;
 constexpr std::uint64_t kCountMask = 0xFFF;
 
-// Candidate 0's first crossing pair reads the word before the sequences' buffer. The exported
-// working memories cannot carry a physical leading word (a host linking them gets its own copy
-// of each array, placed anywhere), so that word is this constant and the buffer is never read
-// before its start.
-constexpr std::int32_t kWordBeforeSequences = 0;
-
 constexpr std::int32_t kNoValue = 1 << 30;  // "no candidate yet" of the value and crossing scans
 constexpr std::int32_t kFallbackCandidate = 2;  // no usable flagged candidate: column 1, even rows
 constexpr std::int32_t kInitialSelection = 1;  // column 0, odd rows
@@ -110,20 +104,12 @@ std::int32_t find_vector_zHDR(std::int32_t* seqs, std::int32_t len, std::int32_t
     mean[k] = fx::div_trunc(sum, len);
     for (std::int32_t i = 0; i < len; ++i) seq[i] = fx::wrap_sub32(seq[i], mean[k]);
   }
-  // Pairs (i - 1, i) for i = 0 .. len - 2: one position early, so candidate k's first pair
-  // borrows the last value of candidate k - 1 (centred or not, as it stands by now).
-  const std::int64_t hi = zeroThr;
-  const std::int64_t lo = -hi;
+  // Candidate k's first pair borrows the last value of candidate k - 1, centred or not as it
+  // stands by now.
   for (std::int32_t k = 0; k < count; ++k) {
-    if (flags[k] == 0) continue;
-    const std::int64_t base = static_cast<std::int64_t>(k) * len;
-    std::int32_t z = 0;
-    for (std::int32_t i = 0; i + 1 < len; ++i) {
-      const std::int64_t a = base + i == 0 ? kWordBeforeSequences : seqs[base + i - 1];
-      const std::int64_t b = seqs[base + i];
-      if ((a < lo && b > hi) || (a > hi && b < lo)) ++z;
+    if (flags[k] != 0) {
+      crossings[k] = flicker_count_swings(seqs, static_cast<std::int64_t>(k) * len, len, zeroThr);
     }
-    crossings[k] = z;
   }
 
   bool same_crossings = true;

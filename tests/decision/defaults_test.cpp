@@ -37,7 +37,8 @@ TEST(Defaults, GlobalsAtLoad) {
 
 TEST(Defaults, HostCopyMatchesTheLibrary) {
   FlkExtPara para = FlkDefaultExtPara();
-  EXPECT_TRUE(std::equal(std::begin(para.flicker_freq), std::end(para.flicker_freq), g_flickerFreq));
+  EXPECT_TRUE(
+      std::equal(std::begin(para.flicker_freq), std::end(para.flicker_freq), g_flickerFreq));
   EXPECT_TRUE(std::equal(std::begin(para.ev50_l50), std::end(para.ev50_l50), ev50_l50));
   EXPECT_TRUE(std::equal(std::begin(para.ev50_l60), std::end(para.ev50_l60), ev50_l60));
   EXPECT_TRUE(std::equal(std::begin(para.ev60_l50), std::end(para.ev60_l50), ev60_l50));

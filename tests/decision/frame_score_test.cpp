@@ -21,7 +21,9 @@ struct ScoreCase {
   std::int32_t score;
 };
 
-void PrintTo(const ScoreCase& c, std::ostream* os) { *os << c.name; }
+void PrintTo(const ScoreCase& c, std::ostream* os) {
+  *os << c.name;
+}
 
 class FrameScore : public LibraryTest, public ::testing::WithParamInterface<ScoreCase> {};
 
@@ -41,7 +43,10 @@ INSTANTIATE_TEST_SUITE_P(
         // z = 0: -382 + 288 - 1816.
         ScoreCase{"AllEqual", 0, {500, 500, 500, 500, 500, 500, 500, 500, 500}, 4, -1910},
         // d clamps to 2^23, the 32-bit shift makes z = INT32_MIN / 100 = -21474836.
-        ScoreCase{"SaturatedFeature", 0, {100, 100, 100, 100, 0x7fffffff, 100, 100, 100, 100}, 4,
+        ScoreCase{"SaturatedFeature",
+                  0,
+                  {100, 100, 100, 100, 0x7fffffff, 100, 100, 100, 100},
+                  4,
                   6544503},
         // k = 8: the mean is taken over f[0..7] = 45.
         ScoreCase{"LastIndexScored", 0, {10, 20, 30, 40, 50, 60, 70, 80, 245}, 8, 1563},

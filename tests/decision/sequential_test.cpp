@@ -45,9 +45,8 @@ TEST_F(SequentialTest, InvalidFramesAreLoggedAlwaysAndNeverQueued) {
   const std::int32_t zeros[9] = {};
   EXPECT_EQ(test_next_frame(zeros, 9, 1, 14), 2);
   EXPECT_EQ(g_queueCount, 0);
-  EXPECT_EQ(log.Lines(), (std::vector<std::string>{
-                             "Seq_test: invalid mean_freq:100, is_valid:0\n",
-                             "Seq_test: invalid mean_freq:0, is_valid:1\n"}));
+  EXPECT_EQ(log.Lines(), (std::vector<std::string>{"Seq_test: invalid mean_freq:100, is_valid:0\n",
+                                                   "Seq_test: invalid mean_freq:0, is_valid:1\n"}));
 }
 
 struct ThresholdCase {
@@ -74,11 +73,11 @@ TEST_F(SequentialTest, ThreeStrongScoresSwitchFiftyToSixtyWithTheirLines) {
   EXPECT_EQ(test_next_frame_2x5(nullptr, 9, 0, 14, 3000), 3);
   // The upper-case conversion passes through the C library untouched and consumes no argument,
   // so the last number printed is the frame's rounded score (3128 >> 8 = 12), not the sum (35).
-  EXPECT_EQ(log.Lines(), (std::vector<std::string>{
-                             "Seq_test: insufficient_data count:1\n",
-                             "Seq_test: insufficient_data count:2\n",
-                             "Seq_test: stats cur_state:0,cur_score:%D,seq_score:12\n",
-                             "Seq_test: switch 50 -> 60\n"}));
+  EXPECT_EQ(log.Lines(),
+            (std::vector<std::string>{"Seq_test: insufficient_data count:1\n",
+                                      "Seq_test: insufficient_data count:2\n",
+                                      "Seq_test: stats cur_state:0,cur_score:%D,seq_score:12\n",
+                                      "Seq_test: switch 50 -> 60\n"}));
   EXPECT_EQ(g_flickerStateIndex, 0);  // the host confirms a switch, not the test
 }
 
@@ -88,9 +87,9 @@ TEST_F(SequentialTest, StandardTestLogsItsStatisticsLine) {
   test_next_frame(kWorked, 9, 1, 14);
   LogCapture log;
   EXPECT_EQ(test_next_frame(kWorked, 9, 1, 14), 2);  // 3 x 91 = 273 rounds to 1
-  EXPECT_EQ(log.Lines(), (std::vector<std::string>{
-                             "Seq_test: stats cur_state:0,cur_feat:655,z0:1263,z1:790,"
-                             "cur_score:0,seq_score:1\n"}));
+  EXPECT_EQ(log.Lines(),
+            (std::vector<std::string>{"Seq_test: stats cur_state:0,cur_feat:655,z0:1263,z1:790,"
+                                      "cur_score:0,seq_score:1\n"}));
 }
 
 TEST_F(SequentialTest, SixtyHertzStateSwitchesToFifty) {

@@ -9,7 +9,9 @@
 
 namespace {
 int g_lines = 0;
-void CountLine(int, const char*, const char*) { ++g_lines; }
+void CountLine(int, const char*, const char*) {
+  ++g_lines;
+}
 }  // namespace
 
 int main() {

@@ -68,10 +68,10 @@ TEST_F(Command, FlowFlagBracketsEveryHandler) {
   SendCmdFlk(CMD_RESET_QUEUE, nullptr, nullptr);
   SendCmdFlk(CMD_UNINIT, nullptr, nullptr);
   SendCmdFlk(CMD_UNINIT, nullptr, nullptr);  // twice is harmless
-  EXPECT_EQ(log.Lines(), (Lines{"[SendCmdFlk] CMD_RESET_QUEUE", "[DoCmdResetQueue] +",
-                                "[DoCmdResetQueue] -", "[SendCmdFlk] CMD_UNINIT",
-                                "[DoCmdUninit] +", "[DoCmdUninit] -", "[SendCmdFlk] CMD_UNINIT",
-                                "[DoCmdUninit] +", "[DoCmdUninit] -"}));
+  EXPECT_EQ(log.Lines(),
+            (Lines{"[SendCmdFlk] CMD_RESET_QUEUE", "[DoCmdResetQueue] +", "[DoCmdResetQueue] -",
+                   "[SendCmdFlk] CMD_UNINIT", "[DoCmdUninit] +", "[DoCmdUninit] -",
+                   "[SendCmdFlk] CMD_UNINIT", "[DoCmdUninit] +", "[DoCmdUninit] -"}));
   EXPECT_EQ(g_flkTab1, nullptr);
 }
 
@@ -140,14 +140,14 @@ TEST_F(Command, SetExtParaDumpsTwelveLinesUnderTheFlowFlag) {
   para.ev60_thresholds[1] = 11;
   para.zhdr_gle_first = 0;
   SendCmdFlk(CMD_SET_EXT_PARA, &para, nullptr);
-  EXPECT_EQ(log.Lines(),
-            (Lines{"[SendCmdFlk] CMD_SET_EXT_PARA", "[DoCmdSetExtPara] +",
-                   "flicker_freq[]=70 80 90 100 120 130 140 160 170", "flicker_grad_threshold=42",
-                   "flicker_search_range=24", "min_past_frames=5", "max_past_frames=14",
-                   "ev50_l50=-194 4721 381 -766", "ev50_l60=1159 401 749 -384",
-                   "ev60_l50=1383 422 1115 -458", "ev60_l60=-162 2898 247 -642",
-                   "ev50_thresholds=-30 8", "ev60_thresholds=-30 11", "freq_feature_index=4 3",
-                   "[DoCmdSetExtPara] -"}));
+  EXPECT_EQ(
+      log.Lines(),
+      (Lines{"[SendCmdFlk] CMD_SET_EXT_PARA", "[DoCmdSetExtPara] +",
+             "flicker_freq[]=70 80 90 100 120 130 140 160 170", "flicker_grad_threshold=42",
+             "flicker_search_range=24", "min_past_frames=5", "max_past_frames=14",
+             "ev50_l50=-194 4721 381 -766", "ev50_l60=1159 401 749 -384",
+             "ev60_l50=1383 422 1115 -458", "ev60_l60=-162 2898 247 -642", "ev50_thresholds=-30 8",
+             "ev60_thresholds=-30 11", "freq_feature_index=4 3", "[DoCmdSetExtPara] -"}));
   EXPECT_EQ(ev60_thresholds[1], 11);
   EXPECT_EQ(zhdr_gle_first, 0);
 }
@@ -183,14 +183,13 @@ TEST_F(Command, MissingRecordsAreRefused) {
   SendCmdFlk(CMD_SET_EXT_PARA, nullptr, nullptr);
   SendCmdFlk(CMD_SET_LOG_LEVEL, nullptr, nullptr);
   EXPECT_EQ(result, 0);  // no state set yet
-  EXPECT_EQ(log.Lines(),
-            (Lines{"[SendCmdFlk] CMD_DETECT",
-                   "[DoCmdDetect] refused: no FlkDetectPara record, result 0",
-                   "[SendCmdFlk] CMD_INIT", "[DoCmdInit] refused: no FlkInitPara record",
-                   "[SendCmdFlk] CMD_SET_STATE", "[DoCmdSetState] refused: no EvTable value",
-                   "[SendCmdFlk] CMD_SET_EXT_PARA", "[DoCmdSetExtPara] refused: no FlkExtPara record",
-                   "[SendCmdFlk] CMD_SET_LOG_LEVEL",
-                   "[DoCmdSetLogLevel] refused: no FlkLogPara word"}));
+  EXPECT_EQ(
+      log.Lines(),
+      (Lines{"[SendCmdFlk] CMD_DETECT", "[DoCmdDetect] refused: no FlkDetectPara record, result 0",
+             "[SendCmdFlk] CMD_INIT", "[DoCmdInit] refused: no FlkInitPara record",
+             "[SendCmdFlk] CMD_SET_STATE", "[DoCmdSetState] refused: no EvTable value",
+             "[SendCmdFlk] CMD_SET_EXT_PARA", "[DoCmdSetExtPara] refused: no FlkExtPara record",
+             "[SendCmdFlk] CMD_SET_LOG_LEVEL", "[DoCmdSetLogLevel] refused: no FlkLogPara word"}));
 }
 
 }  // namespace

@@ -89,9 +89,10 @@ TEST_F(LineDump, ClosingRowIsPaddedWithMinusOne) {
   LogCapture log;
   PrintLineDataFlk(prev_, cur_, 25, true);
   ASSERT_EQ(log.Lines().size(), 3u);
-  EXPECT_EQ(log.Lines()[0],
-            "Line[    0]:     0,   100,     1,   101,     2,   102,     3,   103,     4,   104,     "
-            "5,   105,     6,   106,     7,   107,     8,   108,     9,   109,\n");
+  EXPECT_EQ(
+      log.Lines()[0],
+      "Line[    0]:     0,   100,     1,   101,     2,   102,     3,   103,     4,   104,     "
+      "5,   105,     6,   106,     7,   107,     8,   108,     9,   109,\n");
   EXPECT_EQ(log.Lines()[2],
             "Line[   20]:    20,   120,    21,   121,    22,   122,    23,   123,    24,   124,    "
             "-1,    -1,    -1,    -1,    -1,    -1,    -1,    -1,    -1,    -1,\n");

@@ -12,200 +12,142 @@
 
 namespace {
 
-using kestrel_test::LibraryTest;
+using W = std::vector<std::int64_t>;
+using V = std::vector<std::int32_t>;
 
 std::int64_t Pack(std::int64_t value, std::int64_t noise, std::int64_t saturation) {
   return value | (noise << 24) | (saturation << 36) | (std::int64_t{0x5a5a} << 48);
 }
 
-void ClearCounts() {
-  for (std::int32_t* a : {ZHDR_LE_SAT_PREV, ZHDR_LE_SAT_CURR, ZHDR_SE_SAT_PREV, ZHDR_SE_SAT_CURR,
-                          ZHDR_LE_NOI_PREV, ZHDR_LE_NOI_CURR, ZHDR_SE_NOI_PREV, ZHDR_SE_NOI_CURR}) {
-    std::fill(a, a + 12, 0);
-  }
-}
-
-std::string StopCapture() {
-  std::fflush(stdout);
-  return ::testing::internal::GetCapturedStdout();
-}
-
-class ZhdrTest : public LibraryTest {
+class ZhdrTest : public kestrel_test::LibraryTest {
  protected:
   void TearDown() override {
-    ClearCounts();
+    W none(12, 0);  // extract_ZHDR_INFO clears every count first
+    extract_ZHDR_INFO(none.data(), none.data(), 0, 0, 0);
     std::fill(ZHDR_LE_SE_SELECT, ZHDR_LE_SE_SELECT + 10, 0);
     LibraryTest::TearDown();
   }
 };
 
-TEST_F(ZhdrTest, WithoutZhdrOnlyMasksTo24Bits) {
-  std::fill(ZHDR_SE_NOI_CURR, ZHDR_SE_NOI_CURR + 12, 99);
-  std::vector<std::int64_t> prev = {Pack(0xABCDEF, 7, 9), Pack(1, 4095, 4095)};
-  std::vector<std::int64_t> cur = {Pack(0x123456, 1, 1), -1};
+// Without zHDR the words are only masked to 24 bits; with it, counts go per window row and
+// exposure (even rows are the long exposure) before the masking.
+TEST_F(ZhdrTest, ExtractCountsPerWindowAndExposureThenMasks) {
+  ZHDR_SE_NOI_CURR[0] = 99;
+  W prev = {Pack(0xABCDEF, 7, 9), Pack(1, 4095, 4095)};
+  W cur = {Pack(0x123456, 1, 1), -1};
   extract_ZHDR_INFO(prev.data(), cur.data(), 2, 1, 1);
-  EXPECT_EQ(prev, (std::vector<std::int64_t>{0xABCDEF, 1}));
-  EXPECT_EQ(cur, (std::vector<std::int64_t>{0x123456, 0xFFFFFF}));
+  EXPECT_EQ(prev, (W{0xABCDEF, 1}));
+  EXPECT_EQ(cur, (W{0x123456, 0xFFFFFF}));
   EXPECT_EQ(ZHDR_SE_NOI_CURR[0], 0);
-}
 
-// Four rows, two window rows of two, two columns; even rows are the long exposure.
-TEST_F(ZhdrTest, CountsPerWindowAndExposureThenMasks) {
+  // Four rows, two window rows of two, two columns.
   is_zhdr = 1;
-  std::vector<std::int64_t> prev(8);
-  std::vector<std::int64_t> cur(8);
-  for (int r = 0; r < 4; ++r) {
-    for (int c = 0; c < 2; ++c) {
-      prev[r * 2 + c] = Pack(100 + r, r + 1, 10 * (c + 1));
-      cur[r * 2 + c] = Pack(200 + r, 2 * (r + 1), 100 + c);
-    }
+  prev.resize(8);
+  cur.resize(8);
+  for (int at = 0; at < 8; ++at) {
+    prev[at] = Pack(100 + at / 2, at / 2 + 1, 10 * (at % 2 + 1));
+    cur[at] = Pack(200 + at / 2, 2 * (at / 2 + 1), 100 + at % 2);
   }
   extract_ZHDR_INFO(prev.data(), cur.data(), 4, 2, 2);
   // Window (0, 1): LE is row 0, SE row 1; window (1, 0): LE row 2, SE row 3.
-  EXPECT_EQ(ZHDR_LE_NOI_PREV[1], 1);
-  EXPECT_EQ(ZHDR_SE_NOI_PREV[1], 2);
-  EXPECT_EQ(ZHDR_LE_SAT_PREV[1], 20);
-  EXPECT_EQ(ZHDR_LE_NOI_CURR[2], 6);
-  EXPECT_EQ(ZHDR_SE_NOI_CURR[2], 8);
-  EXPECT_EQ(ZHDR_SE_SAT_CURR[2], 100);
-  EXPECT_EQ(ZHDR_LE_SAT_CURR[4], 0);
-  EXPECT_EQ(prev[7], 103);
-  EXPECT_EQ(cur[0], 200);
-
+  EXPECT_EQ((V{ZHDR_LE_NOI_PREV[1], ZHDR_SE_NOI_PREV[1], ZHDR_LE_SAT_PREV[1]}), (V{1, 2, 20}));
+  EXPECT_EQ((V{ZHDR_LE_NOI_CURR[2], ZHDR_SE_NOI_CURR[2], ZHDR_SE_SAT_CURR[2]}), (V{6, 8, 100}));
+  EXPECT_EQ((W{ZHDR_LE_SAT_CURR[4], prev[7], cur[0]}), (W{0, 103, 200}));
   zhdr_gle_first = 0;  // now even rows are the short exposure
   for (int r = 0; r < 4; ++r) prev[r * 2] = Pack(1, r + 1, 0);
   extract_ZHDR_INFO(prev.data(), cur.data(), 4, 2, 2);
-  EXPECT_EQ(ZHDR_SE_NOI_PREV[0], 1);
-  EXPECT_EQ(ZHDR_LE_NOI_PREV[0], 2);
-}
+  EXPECT_EQ((V{ZHDR_SE_NOI_PREV[0], ZHDR_LE_NOI_PREV[0]}), (V{1, 2}));
 
-// Window rows are the band height rounded down to even: with three rows a band, rows 4 and 5
-// form a third window row.
-TEST_F(ZhdrTest, OddBandHeightUsesEvenWindowRows) {
-  is_zhdr = 1;
-  std::vector<std::int64_t> prev(6);
-  std::vector<std::int64_t> cur(6);
-  for (int r = 0; r < 6; ++r) prev[r] = Pack(0, 1, 0);
+  // Window rows are the band height rounded down to even: with three rows a band, rows 4 and 5
+  // form a third window row.
+  prev.assign(6, Pack(0, 1, 0));
   extract_ZHDR_INFO(prev.data(), cur.data(), 6, 1, 2);
-  EXPECT_EQ(ZHDR_LE_NOI_PREV[0] + ZHDR_SE_NOI_PREV[0], 2);
-  EXPECT_EQ(ZHDR_LE_NOI_PREV[2], 1);
-  EXPECT_EQ(ZHDR_SE_NOI_PREV[2], 1);
+  EXPECT_EQ((V{ZHDR_SE_NOI_PREV[0], ZHDR_LE_NOI_PREV[0], ZHDR_SE_NOI_PREV[2], ZHDR_LE_NOI_PREV[2]}),
+            (V{1, 1, 1, 1}));
 }
 
-struct FindCase {
-  const char* name;
-  std::vector<std::int32_t> seqs;
-  std::vector<std::int8_t> flags;
-  std::int32_t len;
-  std::int32_t mean_thr;
-  std::int32_t expected;
-};
-
-class FindVectorZhdrTest : public ::testing::TestWithParam<FindCase> {};
-
-TEST_P(FindVectorZhdrTest, ChoosesCandidate) {
-  const FindCase& c = GetParam();
-  std::vector<std::int32_t> seqs = c.seqs;  // exactly sized: no read before the first value
-  std::vector<std::int8_t> flags = c.flags;
-  EXPECT_EQ(find_vector_zHDR(seqs.data(), c.len, 10, c.mean_thr,
-                             static_cast<std::int32_t>(flags.size()), flags.data()),
-            c.expected);
+// Exactly sized sequences: no read before the first value.
+std::int32_t Choose(std::int32_t len, std::int32_t mean_thr, std::vector<std::int8_t> flags,
+                    V seqs) {
+  return find_vector_zHDR(seqs.data(), len, 10, mean_thr, static_cast<std::int32_t>(flags.size()),
+                          flags.data());
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Cases, FindVectorZhdrTest,
-    ::testing::Values(
-        // Crossings 1, 0, 1 with means above the threshold: the fewest crossings.
-        FindCase{"fewest_crossings",
-                 {100, 80, 120, 100, 50, 50, 50, 50, 200, 180, 220, 200},
-                 {1, 1, 1},
-                 4,
-                 0,
-                 1},
-        // Both quiet (equal crossings): the brighter.
-        FindCase{
-            "equal_crossings_brighter", {100, 100, 100, 100, 150, 150, 150, 150}, {1, 1}, 4, 0, 1},
-        // Candidate 0 starts at -20 after centring: the guard word 0 before the buffer makes no
-        // crossing of it, so it keeps 0 crossings against candidate 1's one.
-        FindCase{"guard_word_is_zero", {80, 100, 120, 100, 300, 280, 320, 300}, {1, 1}, 4, 0, 0},
-        // Crossings compare with the next index even when unflagged (count 0): candidate 1 (0)
-        // equals unflagged 2, so the rule of the largest mean picks 3 over the quieter 1.
-        FindCase{"same_crossings_with_unflagged_next",
-                 {0, 0, 0, 0, 50, 50, 50, 50, 0, 0, 0, 0, 200, 180, 220, 200},
-                 {0, 1, 0, 1},
-                 4,
-                 0,
-                 3},
-        // Every flagged mean below the bound: the brightest, however many crossings.
-        FindCase{"small_means_brightest", {100, 80, 120, 100, 50, 50, 50, 50}, {1, 1}, 4, 1000, 0},
-        // No flagged mean above 0: candidate 2.
-        FindCase{"no_positive_mean", {0, 0, -5, -5, 9, 9}, {1, 1, 0}, 2, 1000, 2}),
-    [](const ::testing::TestParamInfo<FindCase>& info) { return info.param.name; });
+TEST(FindVectorZhdr, FewestCrossingsUnlessAllQuietOrDark) {
+  // Crossings 1, 0, 1 with means above the threshold: the fewest crossings.
+  EXPECT_EQ(Choose(4, 0, {1, 1, 1}, {100, 80, 120, 100, 50, 50, 50, 50, 200, 180, 220, 200}), 1);
+  // Equal crossings: the brighter.
+  EXPECT_EQ(Choose(4, 0, {1, 1}, {100, 100, 100, 100, 150, 150, 150, 150}), 1);
+  // Candidate 0 starts at -20 after centring: the guard word 0 before the buffer makes no
+  // crossing of it, so it keeps 0 crossings against candidate 1's one.
+  EXPECT_EQ(Choose(4, 0, {1, 1}, {80, 100, 120, 100, 300, 280, 320, 300}), 0);
+  // Crossings compare with the next index even when unflagged (count 0): candidate 1 (0) equals
+  // unflagged 2, so the rule of the largest mean picks 3 over the quieter 1.
+  EXPECT_EQ(
+      Choose(4, 0, {0, 1, 0, 1}, {0, 0, 0, 0, 50, 50, 50, 50, 0, 0, 0, 0, 200, 180, 220, 200}), 3);
+  // Every flagged mean below the bound: the brightest, however many crossings.
+  EXPECT_EQ(Choose(4, 1000, {1, 1}, {100, 80, 120, 100, 50, 50, 50, 50}), 0);
+  // No flagged mean above 0: candidate 2.
+  EXPECT_EQ(Choose(2, 1000, {1, 1, 0}, {0, 0, -5, -5, 9, 9}), 2);
+}
 
-// One band of 16 rows and two columns, window width 50: the threshold is 16 x 50 / 80 = 10.
-class ZhdrSelectionTest : public ZhdrTest {
- protected:
-  static constexpr int kWinHt = 16;
-  void SetUp() override {
-    ZhdrTest::SetUp();
-    for (int i = 0; i < kWinHt * 2; ++i) {
-      cur_.push_back(1000 + i);
-      prev_.push_back(5000 + i);
-    }
-  }
-  std::string Select(int n_win_h = 1) {
-    ::testing::internal::CaptureStdout();
-    vector_selection_zHDR(prev_.data(), cur_.data(), n_win_h, 2, 50, kWinHt, out_prev_, out_cur_);
-    return StopCapture();
-  }
-  std::vector<std::int64_t> cur_;
-  std::vector<std::int64_t> prev_;
-  std::int32_t out_prev_[2 * kWinHt] = {};
-  std::int32_t out_cur_[2 * kWinHt] = {};
-};
+// Bands of 16 rows and two columns, window width 50: the threshold is 16 x 50 / 80 = 10. The
+// previous frame's words are the current ones plus 4000. Returns the standard-output trace.
+V out_cur;
+V out_prev;
+std::string Select(const W& cur, std::int32_t n_win_h) {
+  W prev = cur;
+  for (std::int64_t& v : prev) v += 4000;
+  out_cur.assign(cur.size() / 2, 0);
+  out_prev.assign(cur.size() / 2, 0);
+  testing::internal::CaptureStdout();
+  vector_selection_zHDR(prev.data(), cur.data(), n_win_h, 2, 50, 16, out_prev.data(),
+                        out_cur.data());
+  std::fflush(stdout);
+  return testing::internal::GetCapturedStdout();
+}
+
+W Ramp() {
+  W v(32);
+  for (int i = 0; i < 32; ++i) v[i] = 1000 + i;
+  return v;
+}
+
+using ZhdrSelectionTest = ZhdrTest;
 
 TEST_F(ZhdrSelectionTest, CountAtThresholdDisqualifiesAndSelection3IsColumn1OddRows) {
-  std::fill(ZHDR_LE_SAT_PREV, ZHDR_LE_SAT_PREV + 2, 10);
+  ZHDR_LE_SAT_PREV[0] = ZHDR_LE_SAT_PREV[1] = 10;
   ZHDR_SE_NOI_CURR[0] = 10;
   ZHDR_SE_NOI_CURR[1] = 9;
-  EXPECT_EQ(Select(), "zHDR_vector_selection: 3 \n");
+  EXPECT_EQ(Select(Ramp(), 1), "zHDR_vector_selection: 3 \n");
   EXPECT_EQ(ZHDR_LE_SE_SELECT[0], 1);
-  EXPECT_EQ(out_cur_[0], 1001);
-  EXPECT_EQ(out_cur_[15], 1031);
-  EXPECT_EQ(out_prev_[15], 5031);
+  EXPECT_EQ((V{out_cur[0], out_cur[15], out_prev[15]}), (V{1001, 1031, 5031}));
 }
 
 TEST_F(ZhdrSelectionTest, NoneFlaggedTakesSmallestValue) {
-  std::fill(ZHDR_LE_NOI_PREV, ZHDR_LE_NOI_PREV + 2, 10);
-  std::fill(ZHDR_SE_NOI_PREV, ZHDR_SE_NOI_PREV + 2, 10);
+  ZHDR_LE_NOI_PREV[0] = ZHDR_LE_NOI_PREV[1] = ZHDR_SE_NOI_PREV[0] = ZHDR_SE_NOI_PREV[1] = 10;
   ZHDR_LE_SAT_CURR[0] = 30;  // candidate 0: max(10, 30)
   ZHDR_LE_SAT_CURR[1] = 20;  // candidate 2: 20
   ZHDR_SE_SAT_PREV[0] = -5;  // candidate 1: max(5, 0)
   ZHDR_SE_SAT_CURR[1] = 7;   // candidate 3: 10 + 0 against 7
-  EXPECT_EQ(Select(), "zHDR_vector_selection: 1 \n");
+  EXPECT_EQ(Select(Ramp(), 1), "zHDR_vector_selection: 1 \n");
   zhdr_se_small = 1;  // only the long exposure (even rows) may be chosen
-  EXPECT_EQ(Select(), "zHDR_vector_selection: 2 \n");
+  EXPECT_EQ(Select(Ramp(), 1), "zHDR_vector_selection: 2 \n");
   EXPECT_EQ(ZHDR_LE_SE_SELECT[0], 0);
-  EXPECT_EQ(out_cur_[1], 1003);
+  EXPECT_EQ(out_cur[1], 1003);
 }
 
 TEST_F(ZhdrSelectionTest, SeveralFlaggedUseTheSequencesAndNothingUsableCarriesOver) {
   // Band 0: all four candidates flagged and quiet, means below the bound: the brightest, odd rows
   // of column 1 (rows 1 and 9).
-  cur_[1 * 2 + 1] = 900000;
-  cur_[9 * 2 + 1] = 900000;
+  W cur = Ramp();
+  cur[1 * 2 + 1] = cur[9 * 2 + 1] = 900000;
   // Band 1: nothing flagged and no value below 2^30: band 0's choice stays.
-  for (int i = 0; i < kWinHt * 2; ++i) {
-    cur_.push_back(1);
-    prev_.push_back(2);
-  }
-  for (int w = 2; w < 4; ++w) {
-    ZHDR_LE_SAT_PREV[w] = 1 << 30;
-    ZHDR_SE_SAT_PREV[w] = 1 << 30;
-  }
-  EXPECT_EQ(Select(2), "zHDR_vector_selection: 3 3 \n");
+  cur.resize(64, 1);
+  ZHDR_LE_SAT_PREV[2] = ZHDR_LE_SAT_PREV[3] = ZHDR_SE_SAT_PREV[2] = ZHDR_SE_SAT_PREV[3] = 1 << 30;
+  EXPECT_EQ(Select(cur, 2), "zHDR_vector_selection: 3 3 \n");
   EXPECT_EQ(ZHDR_LE_SE_SELECT[1], 1);
-  EXPECT_EQ(out_cur_[kWinHt], 1);
+  EXPECT_EQ(out_cur[16], 1);
 }
 
 }  // namespace
