@@ -19,7 +19,8 @@ namespace {
 
 constexpr const char* kVersion = "kestrel-flicker 1.0.0 (recording format 1)";
 
-std::int32_t ToInt(const std::string& option, const std::string& text, std::int32_t low, std::int32_t high) {
+std::int32_t ToInt(const std::string& option, const std::string& text, std::int32_t low,
+                   std::int32_t high) {
   std::int32_t v = 0;
   const char* end = text.data() + text.size();
   auto [ptr, ec] = std::from_chars(text.data(), end, v);
@@ -27,7 +28,8 @@ std::int32_t ToInt(const std::string& option, const std::string& text, std::int3
     throw UsageError(option + ": '" + text + "' is not a whole number");
   }
   if (v < low || v > high) {
-    throw UsageError(option + ": " + text + " is out of range " + std::to_string(low) + ".." + std::to_string(high));
+    throw UsageError(option + ": " + text + " is out of range " + std::to_string(low) + ".." +
+                     std::to_string(high));
   }
   return v;
 }
@@ -40,43 +42,36 @@ double ToDouble(const std::string& option, const std::string& text, double low, 
     throw UsageError(option + ": '" + text + "' is not a number");
   }
   if (v < low || v > high) {
-    char buffer[96];
-    std::snprintf(buffer, sizeof buffer, " is out of range %g..%g", low, high);
-    throw UsageError(option + ": " + text + buffer);
+    throw UsageError(option + ": " + text + " is out of range " + Format("%g", low) + ".." +
+                     Format("%g", high));
   }
   return v;
 }
 
-std::string Fixed(const char* fmt, double v) {
-  char buffer[64];
-  std::snprintf(buffer, sizeof buffer, fmt, v);
-  return buffer;
-}
-
-const char* FamilyName(std::int32_t type) {
-  if (type == 1) return "SONY sensor (type 1)";
-  if (type == 2) return "2x5 sensor (type 2)";
-  return "standard sensor (type 0)";
+std::string FamilyName(std::int32_t type) {
+  return std::string(SensorName(type)) + " sensor (type " + std::to_string(type) + ")";
 }
 
 // Where the frame period stands against the flicker period: the bands move between frames only
 // when it is not a whole number of flicker periods.
 std::string TimingLine(const SensorSetup& s, double mains_hz) {
   const double period = s.FramePeriod();
-  std::string text = "timing: " + Fixed("%.3f", period * 1e3) + " ms frames (" + Fixed("%.2f", 1.0 / period) +
-                     " fps)";
+  std::string text =
+      "timing: " + Ms(period) + " ms frames (" + Format("%.2f", 1.0 / period) + " fps)";
   if (mains_hz > 0.0) {
     const double periods = period * 2.0 * mains_hz;
-    text += " = " + Fixed("%.2f", periods) + " periods of " + Fixed("%.0f", 2.0 * mains_hz) + " Hz light";
+    text += " = " + Format("%.2f", periods) + " periods of " + Format("%.0f", 2.0 * mains_hz) +
+            " Hz light";
     const double drift = periods - std::round(periods);
-    if (std::fabs(drift) < 0.02) text += " (a whole number: the bands stand still from frame to frame)";
+    if (std::fabs(drift) < 0.02)
+      text += " (a whole number: the bands stand still from frame to frame)";
   }
   const std::int64_t lines = static_cast<std::int64_t>(s.StatRows()) * s.LinesPerRow();
   text += "\nstatistics: " + std::to_string(s.StatRows()) + " rows";
   if (s.LinesPerRow() > 1) text += " of " + std::to_string(s.LinesPerRow()) + " lines";
-  text += " (" + std::to_string(lines) + " of the " + std::to_string(s.column_length) + " lines), " +
-          std::to_string(s.n_win_h) + " bands x " + std::to_string(s.n_win_w) + " windows " +
-          std::to_string(s.window_width) + " pixels wide";
+  text += " (" + std::to_string(lines) + " of the " + std::to_string(s.column_length) +
+          " lines), " + std::to_string(s.n_win_h) + " bands x " + std::to_string(s.n_win_w) +
+          " windows " + std::to_string(s.window_width) + " pixels wide";
   if (s.zhdr) text += ", zHDR";
   return text + "\n";
 }
@@ -89,7 +84,8 @@ SensorSetup CliOptions::Sensor() const {
   if (line_length) s.line_length = *line_length;
   if (pclk) s.pclk = *pclk;
   if (column_length) s.column_length = *column_length;
-  if (fps) s.column_length = static_cast<std::int32_t>(std::lround(s.pclk / (s.line_length * *fps)));
+  if (fps)
+    s.column_length = static_cast<std::int32_t>(std::lround(s.pclk / (s.line_length * *fps)));
   if (window_width) s.window_width = *window_width;
   if (block_height) s.block_height = *block_height;
   if (green_only) s.green_only = *green_only;
@@ -118,7 +114,7 @@ simulate, the light and the scene:
 simulate, the camera:
   --type N            sensor family: 0 standard, 1 SONY, 2 2x5                     [0]
   --zhdr              type 0 with zHDR statistics (long/short rows and counts)
-  --hdr-ratio X       zHDR long / short exposure ratio                             [8]
+  --hdr-ratio X       zHDR long / short exposure ratio (with --zhdr)               [8]
   --state HZ          flicker setting the camera starts in: 50 or 60               [50]
   --exposure MS       exposure time [one flicker period of the starting state]
   --frames N          frames to simulate                                           [20]
@@ -152,7 +148,8 @@ CliOptions ParseArgs(const std::vector<std::string>& args) {
       i = 1;
     } else if (args[0] == "replay") {
       o.command = CliOptions::Command::kReplay;
-      if (args.size() < 2 || args[1].starts_with("-")) throw UsageError("replay needs a recording file");
+      if (args.size() < 2 || args[1].starts_with("-"))
+        throw UsageError("replay needs a recording file");
       o.replay_file = args[1];
       i = 2;
     } else if (args[0] == "help") {
@@ -164,13 +161,16 @@ CliOptions ParseArgs(const std::vector<std::string>& args) {
   }
 
   using Handler = std::function<void(const std::string& name, const std::string& value)>;
-  const std::set<std::string> replay_options = {"--state", "--csv", "--json", "--wide", "--verbose",
-                                                "--help", "--version"};
-  const std::set<std::string> flags = {"--zhdr", "--json", "--wide", "--verbose", "--help", "--version"};
+  const std::set<std::string> replay_options = {"--state",   "--csv",  "--json",   "--wide",
+                                                "--verbose", "--help", "--version"};
+  const std::set<std::string> flags = {"--zhdr",    "--json", "--wide",
+                                       "--verbose", "--help", "--version"};
   const std::map<std::string, Handler> options = {
-      {"--mains", [&](auto& n, auto& v) {
+      {"--mains",
+       [&](auto& n, auto& v) {
          const std::int32_t hz = ToInt(n, v, 0, 60);
-         if (hz != 0 && hz != 50 && hz != 60) throw UsageError(n + ": use 50, 60 or 0 (steady light)");
+         if (hz != 0 && hz != 50 && hz != 60)
+           throw UsageError(n + ": use 50, 60 or 0 (steady light)");
          o.scene.mains_hz = hz;
        }},
       {"--depth", [&](auto& n, auto& v) { o.scene.depth = ToDouble(n, v, 0.0, 1.0); }},
@@ -179,16 +179,22 @@ CliOptions ParseArgs(const std::vector<std::string>& args) {
       {"--noise", [&](auto& n, auto& v) { o.scene.noise = ToDouble(n, v, 0.0, 1000.0); }},
       {"--motion", [&](auto& n, auto& v) { o.scene.motion = ToDouble(n, v, -1000.0, 1000.0); }},
       {"--hdr-ratio", [&](auto& n, auto& v) { o.scene.hdr_ratio = ToDouble(n, v, 1.0, 256.0); }},
-      {"--seed", [&](auto& n, auto& v) { o.scene.seed = static_cast<std::uint32_t>(ToInt(n, v, 0, 2147483647)); }},
-      {"--step", [&](auto& n, auto& v) {
+      {"--seed",
+       [&](auto& n, auto& v) {
+         o.scene.seed = static_cast<std::uint32_t>(ToInt(n, v, 0, 2147483647));
+       }},
+      {"--step",
+       [&](auto& n, auto& v) {
          const std::size_t colon = v.find(':');
-         if (colon == std::string::npos) throw UsageError(n + ": expected FRAME:FACTOR, got '" + v + "'");
+         if (colon == std::string::npos)
+           throw UsageError(n + ": expected FRAME:FACTOR, got '" + v + "'");
          o.scene.steps.push_back({ToInt(n, v.substr(0, colon), 0, 1000000),
                                   ToDouble(n, v.substr(colon + 1), 0.001, 1000.0)});
        }},
       {"--type", [&](auto& n, auto& v) { o.type = ToInt(n, v, 0, 2); }},
       {"--zhdr", [&](auto&, auto&) { o.zhdr = true; }},
-      {"--state", [&](auto& n, auto& v) {
+      {"--state",
+       [&](auto& n, auto& v) {
          const std::int32_t hz = ToInt(n, v, 50, 60);
          if (hz != 50 && hz != 60) throw UsageError(n + ": use 50 or 60");
          o.state_hz = hz;
@@ -199,9 +205,11 @@ CliOptions ParseArgs(const std::vector<std::string>& args) {
       {"--pclk", [&](auto& n, auto& v) { o.pclk = ToDouble(n, v, 1.0, 1e12); }},
       {"--frame-length", [&](auto& n, auto& v) { o.column_length = ToInt(n, v, 1, 2147483647); }},
       {"--fps", [&](auto& n, auto& v) { o.fps = ToDouble(n, v, 0.01, 10000.0); }},
-      {"--windows", [&](auto& n, auto& v) {
+      {"--windows",
+       [&](auto& n, auto& v) {
          const std::size_t x = v.find('x');
-         if (x == std::string::npos) throw UsageError(n + ": expected HxW (bands x columns), got '" + v + "'");
+         if (x == std::string::npos)
+           throw UsageError(n + ": expected HxW (bands x columns), got '" + v + "'");
          o.n_win_h = ToInt(n, v.substr(0, x), 1, 1000000);
          o.n_win_w = ToInt(n, v.substr(x + 1), 1, 1000000);
        }},
@@ -209,11 +217,13 @@ CliOptions ParseArgs(const std::vector<std::string>& args) {
       {"--win-wd", [&](auto& n, auto& v) { o.window_width = ToInt(n, v, 1, 2147483647); }},
       {"--block-height", [&](auto& n, auto& v) { o.block_height = ToInt(n, v, 1, 1000000); }},
       {"--green-only", [&](auto& n, auto& v) { o.green_only = ToInt(n, v, 0, 1); }},
-      {"--record", [&](auto& n, auto& v) {
+      {"--record",
+       [&](auto& n, auto& v) {
          if (v.empty()) throw UsageError(n + " needs a file name");
          o.record_file = v;
        }},
-      {"--csv", [&](auto& n, auto& v) {
+      {"--csv",
+       [&](auto& n, auto& v) {
          if (v.empty()) throw UsageError(n + " needs a file name");
          o.csv_file = v;
        }},
@@ -224,6 +234,7 @@ CliOptions ParseArgs(const std::vector<std::string>& args) {
       {"--version", [&](auto&, auto&) { o.command = CliOptions::Command::kVersion; }},
   };
 
+  std::set<std::string> given;
   for (; i < args.size(); ++i) {
     std::string name = args[i];
     std::string value;
@@ -249,8 +260,20 @@ CliOptions ParseArgs(const std::vector<std::string>& args) {
       value = args[++i];
     }
     it->second(name, value);
+    given.insert(name);
   }
+  // Options that would change nothing on the sensor chosen are refused rather than ignored.
   if (o.zhdr && o.type != 0) throw UsageError("--zhdr applies to sensor type 0 only");
+  if (given.count("--hdr-ratio") != 0 && !o.zhdr)
+    throw UsageError("--hdr-ratio applies with --zhdr only");
+  if ((o.block_height || o.green_only) && o.type != 2) {
+    throw UsageError("--block-height and --green-only apply to sensor type 2 only");
+  }
+  if (o.fps && o.column_length)
+    throw UsageError("--fps and --frame-length both set the frame length: give one");
+  if (!o.record_file.empty() && o.record_file == o.csv_file) {
+    throw UsageError("--record and --csv name the same file");
+  }
   return o;
 }
 
@@ -277,14 +300,15 @@ int RunCli(const std::vector<std::string>& args, std::ostream& out, std::ostream
     std::string command;
     if (o.command == CliOptions::Command::kSimulate) {
       command = "simulate";
-      SensorSetup sensor = o.Sensor();
+      const SensorSetup sensor = o.Sensor();
+      const std::int32_t state = o.state_hz.value_or(50);
+      const double exposure = o.exposure_ms ? *o.exposure_ms / 1e3 : 1.0 / (2.0 * state);
       try {
         CheckSensorSetup(sensor);
+        CheckRun(sensor, o.scene, o.frames, exposure, !o.record_file.empty());
       } catch (const HostError& e) {
         throw UsageError(e.what());
       }
-      const std::int32_t state = o.state_hz.value_or(50);
-      const double exposure = o.exposure_ms ? *o.exposure_ms / 1e3 : 1.0 / (2.0 * state);
       Recording recording;
       run = Simulate(sensor, o.scene, o.frames, exposure, state, o.verbose,
                      o.record_file.empty() ? nullptr : &recording);
@@ -292,29 +316,31 @@ int RunCli(const std::vector<std::string>& args, std::ostream& out, std::ostream
         recording.comments.push_back("written by kestrel-flicker simulate");
         record_text = FormatRecording(recording);
       }
-      header = "kestrel-flicker simulate: " + std::string(FamilyName(sensor.type)) + ", ";
+      header = "kestrel-flicker simulate: " + FamilyName(sensor.type) + ", ";
       if (o.scene.mains_hz > 0) {
-        header += Fixed("%.0f", o.scene.mains_hz) + " Hz mains light (modulation " +
-                  Fixed("%.0f", o.scene.depth * 100.0) + "%)";
+        header += Format("%.0f", o.scene.mains_hz) + " Hz mains light (modulation " +
+                  Format("%.0f", o.scene.depth * 100.0) + "%)";
       } else {
         header += "steady light";
       }
-      if (o.scene.motion != 0.0) header += ", panning " + Fixed("%g", o.scene.motion) + " lines/frame";
-      header += ", starting in the " + std::to_string(state) + " Hz state at " + Fixed("%.3f", exposure * 1e3) +
+      if (o.scene.motion != 0.0)
+        header += ", panning " + Format("%g", o.scene.motion) + " lines/frame";
+      header += ", starting in the " + std::to_string(state) + " Hz state at " + Ms(exposure) +
                 " ms\n" + TimingLine(sensor, o.scene.mains_hz);
     } else {
       command = "replay";
       const Recording recording = LoadRecording(o.replay_file);
       const std::int32_t state = o.state_hz.value_or(recording.initial_state_hz);
       run = Replay(recording, state, o.verbose);
-      header = "kestrel-flicker replay " + o.replay_file + ": " + FamilyName(recording.sensor.type) + ", " +
-               std::to_string(recording.frames.size()) + " frames, starting in the " + std::to_string(state) +
-               " Hz state\n" + TimingLine(recording.sensor, 0.0);
+      header = "kestrel-flicker replay " + o.replay_file + ": " +
+               FamilyName(recording.sensor.type) + ", " + std::to_string(recording.frames.size()) +
+               " frames, starting in the " + std::to_string(state) + " Hz state\n" +
+               TimingLine(recording.sensor, 0.0);
     }
-    // Every output is complete before the first file is written.
-    const std::string csv = o.csv_file.empty() ? std::string() : FormatCsv(run);
-    if (!o.record_file.empty()) WriteFileAtomically(o.record_file, record_text);
-    if (!o.csv_file.empty()) WriteFileAtomically(o.csv_file, csv);
+    std::vector<OutputFile> files;
+    if (!o.record_file.empty()) files.push_back({o.record_file, std::move(record_text)});
+    if (!o.csv_file.empty()) files.push_back({o.csv_file, FormatCsv(run)});
+    WriteFiles(files);
     if (o.json) {
       out << FormatJson(run, command);
     } else {

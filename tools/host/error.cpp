@@ -13,29 +13,44 @@
 
 namespace kestrel_host {
 
-void WriteFileAtomically(const std::string& path, const std::string& content) {
-  const std::string temp = path + ".tmp." + std::to_string(::getpid());
-  std::FILE* file = std::fopen(temp.c_str(), "wb");
-  if (file == nullptr) {
-    throw HostError("cannot write " + path + ": " + std::strerror(errno));
-  }
-  const bool written = std::fwrite(content.data(), 1, content.size(), file) == content.size();
-  const int saved = errno;
-  const bool closed = std::fclose(file) == 0;
-  if (!written || !closed) {
-    std::remove(temp.c_str());
-    throw HostError("cannot write " + path + ": " + std::strerror(written ? errno : saved));
-  }
-  if (std::rename(temp.c_str(), path.c_str()) != 0) {
-    const int why = errno;
-    std::remove(temp.c_str());
+void WriteFiles(const std::vector<OutputFile>& files) {
+  std::vector<std::string> temps;
+  const auto fail = [&](const std::string& path, int why) {
+    for (const std::string& t : temps) std::remove(t.c_str());
     throw HostError("cannot write " + path + ": " + std::strerror(why));
+  };
+  for (const OutputFile& f : files) {
+    // A rename cannot replace a directory: find out before anything is written.
+    std::error_code ec;
+    if (std::filesystem::is_directory(f.path, ec)) fail(f.path, EISDIR);
+    const std::string temp = f.path + ".tmp." + std::to_string(::getpid());
+    std::FILE* file = std::fopen(temp.c_str(), "wb");
+    if (file == nullptr) fail(f.path, errno);
+    temps.push_back(temp);
+    const bool written =
+        std::fwrite(f.content.data(), 1, f.content.size(), file) == f.content.size();
+    const int saved = errno;
+    if (std::fclose(file) != 0 || !written) fail(f.path, written ? errno : saved);
   }
+  for (std::size_t i = 0; i < files.size(); ++i) {
+    if (std::rename(temps[i].c_str(), files[i].path.c_str()) != 0) fail(files[i].path, errno);
+  }
+}
+
+std::string Format(const char* fmt, double v) {
+  char buffer[64];
+  std::snprintf(buffer, sizeof buffer, fmt, v);
+  return buffer;
+}
+
+std::string Ms(double seconds) {
+  return Format("%.3f", seconds * 1e3);
 }
 
 std::string ReadWholeFile(const std::string& path) {
   std::error_code ec;
-  if (std::filesystem::is_directory(path, ec)) throw HostError("cannot read " + path + ": is a directory");
+  if (std::filesystem::is_directory(path, ec))
+    throw HostError("cannot read " + path + ": is a directory");
   std::ifstream in(path, std::ios::binary);
   if (!in) throw HostError("cannot read " + path + ": " + std::strerror(errno));
   std::ostringstream content;

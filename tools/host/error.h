@@ -5,6 +5,7 @@
 
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 namespace kestrel_host {
 
@@ -14,12 +15,24 @@ class HostError : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-// Writes `content` to a temporary file beside `path` and renames it over `path`, so a reader
-// never sees half a file and a failure leaves whatever was there before.
-void WriteFileAtomically(const std::string& path, const std::string& content);
+struct OutputFile {
+  std::string path;
+  std::string content;
+};
+
+// Writes every file or none: each content goes to a temporary file beside its path, and only when
+// all of them are written are they renamed over their paths. A failure removes the temporary
+// files and leaves whatever was there before.
+void WriteFiles(const std::vector<OutputFile>& files);
 
 // The whole file, or a HostError naming the file and the reason.
 std::string ReadWholeFile(const std::string& path);
+
+// One number through a printf format ("%.3f", "%.17g", ...), for messages, reports and files.
+std::string Format(const char* fmt, double v);
+
+// Milliseconds with three decimals, from seconds: "8.333".
+std::string Ms(double seconds);
 
 }  // namespace kestrel_host
 

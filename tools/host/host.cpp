@@ -23,9 +23,6 @@ namespace {
 
 LibrarySession* g_session = nullptr;
 
-// Newest scores the sequential test sums (the default tuning the host sends).
-constexpr std::uint32_t kMaxPastFrames = 14;
-
 // Keeps the library's standard-output lines (table timings, a zHDR trace) out of the tool's own
 // output for the duration of one command: to standard error when verbose, else nowhere.
 class StdoutDiversion {
@@ -51,7 +48,9 @@ class StdoutDiversion {
   int saved_ = -1;
 };
 
-std::int32_t StateCode(std::int32_t hz) { return hz == 60 ? FLK_RESULT_60HZ : FLK_RESULT_50HZ; }
+std::int32_t StateCode(std::int32_t hz) {
+  return hz == 60 ? FLK_RESULT_60HZ : FLK_RESULT_50HZ;
+}
 
 // The integer that follows `key` in `line`, if any.
 bool FieldAfter(std::string_view line, std::string_view key, std::int32_t& value) {
@@ -65,19 +64,40 @@ bool FieldAfter(std::string_view line, std::string_view key, std::int32_t& value
   return true;
 }
 
-std::string Ms(double seconds) {
-  char buffer[32];
-  std::snprintf(buffer, sizeof buffer, "%.3f ms", seconds * 1e3);
-  return buffer;
-}
-
 }  // namespace
 
-double ExposureForMains(double exposure_s, std::int32_t mains_hz) {
+double ExposureForMains(double exposure_s, std::int32_t mains_hz, double frame_s) {
   if (mains_hz <= 0) return exposure_s;
   const double period = 1.0 / (2.0 * mains_hz);
-  const double periods = std::max(1.0, std::round(exposure_s / period));
+  // The exposure cannot outlast the frame (the margin absorbs the rounding of an exact fit).
+  const double fit = std::floor(frame_s / period + 1e-9);
+  const double periods = std::max(1.0, std::min(std::round(exposure_s / period), fit));
   return periods * period;
+}
+
+void CheckRun(const SensorSetup& sensor, const SceneSetup& scene, std::int32_t frames,
+              double exposure_s, bool recording) {
+  if (frames < 2) throw HostError("at least 2 frames are needed (each DETECT compares two)");
+  if (!(exposure_s > 0.0)) throw HostError("the exposure time must be positive");
+  if (exposure_s > sensor.FramePeriod()) {
+    throw HostError("an exposure of " + Ms(exposure_s) + " ms does not fit a frame of " +
+                    Ms(sensor.FramePeriod()) + " ms (column_length x line_length / pclk)");
+  }
+  // Far above any real run (the default scene holds 78 thousand values, its recording 384
+  // thousand), far below memory trouble.
+  constexpr std::int64_t kMaxValues = std::int64_t{1} << 25;
+  const std::int64_t scene_values = SceneSize(sensor, scene, frames);
+  if (scene_values > kMaxValues) {
+    throw HostError(
+        "the scene would hold " + std::to_string(scene_values) + " values (columns x 4 x the " +
+        "lines seen over the run, panning included), more than the " + std::to_string(kMaxValues) +
+        " the simulator takes: use fewer frames, less motion or fewer columns");
+  }
+  if (recording && sensor.GridSize() * frames > kMaxValues) {
+    throw HostError("a recording of " + std::to_string(frames) + " frames of " +
+                    std::to_string(sensor.GridSize()) + " values is more than the " +
+                    std::to_string(kMaxValues) + " values the tool records at once");
+  }
 }
 
 LibrarySession::LibrarySession(const SensorSetup& sensor, std::int32_t initial_state_hz,
@@ -201,13 +221,14 @@ FrameResult LibrarySession::Detect(std::int32_t frame, const Frame& prev, const 
   }
   r.result = result;
 
-  bool counted = true;
+  bool counted = true, unstable = false;
   for (const std::string& line : lines_) {
     std::string_view l(line);
     if (l.starts_with("Freq_out = ")) {
       auto& e = r.energies;
-      r.has_energies = std::sscanf(line.c_str(), "Freq_out = %d, %d, %d, %d, %d, %d, %d, %d, %d", &e[0],
-                                   &e[1], &e[2], &e[3], &e[4], &e[5], &e[6], &e[7], &e[8]) == 9;
+      r.has_energies =
+          std::sscanf(line.c_str(), "Freq_out = %d, %d, %d, %d, %d, %d, %d, %d, %d", &e[0], &e[1],
+                      &e[2], &e[3], &e[4], &e[5], &e[6], &e[7], &e[8]) == 9;
     } else if (l.starts_with("Seq_test: stats") && l.find("%D") == std::string_view::npos) {
       // (The 2x5 test's line carries a conversion printf does not know, which shifts its
       // figures; its score and sum are read from the queue below instead.)
@@ -222,7 +243,7 @@ FrameResult LibrarySession::Detect(std::int32_t frame, const Frame& prev, const 
       counted = false;
       if (r.note.empty()) r.note = "not counted";
     } else if (l.starts_with("frame AE unstable")) {
-      r.note = "skipped: brightness changed";
+      unstable = true;
     } else if (l.starts_with("frame can't be registered")) {
       if (r.note.empty()) r.note = "unregistered";
     }
@@ -232,13 +253,14 @@ FrameResult LibrarySession::Detect(std::int32_t frame, const Frame& prev, const 
     counted = false;
   }
   // Not every test reports the frame's score (nor does one still warming up): the newest queue
-  // entry is that score, in whole units (rounded down).
+  // entry is that score. The queue reads in whole units rounded down where the test's own line
+  // rounds to nearest, so a score or sum read here can be one below the test's.
   if (counted && !r.has_score) {
     r.score = get_slrt_score(1);
     r.has_score = true;
   }
   if (counted && !r.has_seq && !r.note.starts_with("warming")) {
-    r.seq = get_slrt_score(kMaxPastFrames);
+    r.seq = get_slrt_score(static_cast<std::uint32_t>(FlkDefaultExtPara().max_past_frames));
     r.has_seq = true;
   }
   // The scored band relative to the mean of the other eight, as the test measures it: 120 Hz in
@@ -253,6 +275,12 @@ FrameResult LibrarySession::Detect(std::int32_t frame, const Frame& prev, const 
     r.relative_q8 = static_cast<std::int32_t>((r.energies[k] - mean) * 256 / mean);
     r.has_relative = true;
   }
+  // The standard and SONY tests skip a frame whose brightness changed; the 2x5 test has no such
+  // gate and queues a score for it all the same.
+  if (unstable)
+    r.note = counted ? "brightness changed, scored all the same" : "skipped: brightness changed";
+  if (!counted && r.note == "unregistered") r.note = "unregistered, not counted";
+  r.counted = counted;
 
   r.next_exposure_s = exposure_s_;
   if ((result == FLK_RESULT_50HZ || result == FLK_RESULT_60HZ) && result != StateCode(state_hz_)) {
@@ -260,10 +288,11 @@ FrameResult LibrarySession::Detect(std::int32_t frame, const Frame& prev, const 
     EvTable state = to == 60 ? EV_TABLE_60HZ : EV_TABLE_50HZ;
     Send(CMD_SET_STATE, &state, nullptr, "SET_STATE");
     Send(CMD_RESET_QUEUE, nullptr, nullptr, "RESET_QUEUE");
-    const double next = ExposureForMains(exposure_s_, to);
+    const double next = ExposureForMains(exposure_s_, to, sensor_.FramePeriod());
     r.switched = true;
-    r.action = "switch to " + std::to_string(to) + " Hz: SET_STATE " + std::to_string(to == 60 ? 1 : 0) +
-               ", RESET_QUEUE, exposure " + Ms(exposure_s_) + " -> " + Ms(next);
+    r.action = "switch to " + std::to_string(to) + " Hz: SET_STATE " +
+               std::to_string(to == 60 ? 1 : 0) + ", RESET_QUEUE, exposure " + Ms(exposure_s_) +
+               " ms -> " + Ms(next) + " ms";
     state_hz_ = to;
     exposure_s_ = next;
     r.next_exposure_s = next;
@@ -278,7 +307,7 @@ void Tally(RunResult& run, const FrameResult& r) {
     if (run.first_switch_frame < 0) run.first_switch_frame = r.frame;
     ++run.switches;
   }
-  if (!r.note.empty() && !r.note.starts_with("warming") && r.note != "unregistered") ++run.skipped;
+  if (!r.counted) ++run.skipped;
   run.results.push_back(r);
 }
 
@@ -287,12 +316,7 @@ void Tally(RunResult& run, const FrameResult& r) {
 RunResult Simulate(const SensorSetup& sensor, const SceneSetup& scene, std::int32_t frames,
                    double exposure_s, std::int32_t initial_state_hz, bool verbose,
                    Recording* recording) {
-  if (frames < 2) throw HostError("at least 2 frames are needed (each DETECT compares two)");
-  if (!(exposure_s > 0.0)) throw HostError("the exposure time must be positive");
-  if (exposure_s > sensor.FramePeriod()) {
-    throw HostError("an exposure of " + Ms(exposure_s) + " does not fit a frame of " +
-                    Ms(sensor.FramePeriod()) + " (column_length x line_length / pclk)");
-  }
+  CheckRun(sensor, scene, frames, exposure_s, recording != nullptr);
   RunResult run;
   run.sensor = sensor;
   run.initial_state_hz = initial_state_hz;
@@ -325,9 +349,11 @@ RunResult Replay(const Recording& recording, std::int32_t initial_state_hz, bool
   run.sensor = recording.sensor;
   run.initial_state_hz = initial_state_hz;
   run.frames = static_cast<std::int32_t>(recording.frames.size());
-  LibrarySession session(recording.sensor, initial_state_hz, recording.frames[0].exposure_s, verbose);
+  LibrarySession session(recording.sensor, initial_state_hz, recording.frames[0].exposure_s,
+                         verbose);
   for (std::size_t k = 1; k < recording.frames.size(); ++k) {
-    Tally(run, session.Detect(static_cast<std::int32_t>(k), recording.frames[k - 1], recording.frames[k]));
+    Tally(run, session.Detect(static_cast<std::int32_t>(k), recording.frames[k - 1],
+                              recording.frames[k]));
   }
   run.final_state_hz = session.state_hz();
   return run;

@@ -16,38 +16,44 @@ namespace kestrel_host {
 
 // What the library said about one frame (the current frame of a DETECT) and what the host did.
 struct FrameResult {
-  std::int32_t frame = 0;          // index of the current frame
-  double exposure_s = 0.0;         // its exposure time
-  std::int32_t state_hz = 50;      // the flicker setting under test when it was judged
-  bool has_energies = false;       // the detector reported its nine energies
+  std::int32_t frame = 0;                  // index of the current frame
+  double exposure_s = 0.0;                 // its exposure time
+  std::int32_t state_hz = 50;              // the flicker setting under test when it was judged
+  bool has_energies = false;               // the detector reported its nine energies
   std::array<std::int32_t, 9> energies{};  // 70, 80, 90, 100, 120, 130, 140, 160, 170 Hz
   bool has_relative = false;
-  std::int32_t relative_q8 = 0;    // scored feature over the mean of the others, minus 1 (Q8)
+  std::int32_t relative_q8 = 0;  // scored feature over the mean of the others, minus 1 (Q8)
   bool has_score = false;
-  std::int32_t score = 0;          // frame score, rounded to whole units (positive: other mains)
+  std::int32_t score = 0;  // frame score, rounded to whole units (positive: other mains)
   bool has_seq = false;
-  std::int32_t seq = 0;            // sequential score; a switch is decided above the threshold 8
-  std::int32_t result = -1;        // DETECT output: 2 = 50 Hz, 3 = 60 Hz (-1: nothing written)
-  std::string note;                // why the frame did not count, or that the test is warming up
-  bool switched = false;           // the host confirmed a switch after this frame
-  double next_exposure_s = 0.0;    // exposure the host applies from the next frame on
-  std::string action;              // what the host sent
+  std::int32_t seq = 0;          // sequential score; a switch is decided above the threshold 8
+  std::int32_t result = -1;      // DETECT output: 2 = 50 Hz, 3 = 60 Hz (-1: nothing written)
+  bool counted = true;           // the sequential test queued a score for the frame
+  std::string note;              // why the frame did not count, or that the test is warming up
+  bool switched = false;         // the host confirmed a switch after this frame
+  double next_exposure_s = 0.0;  // exposure the host applies from the next frame on
+  std::string action;            // what the host sent
 };
 
 struct RunResult {
   SensorSetup sensor;
   std::int32_t initial_state_hz = 50;
   std::int32_t final_state_hz = 50;
-  std::int32_t frames = 0;              // frames seen (the first has no DETECT)
-  std::vector<FrameResult> results;     // one per DETECT
-  std::int32_t first_switch_frame = -1; // frame after which the first switch was confirmed
+  std::int32_t frames = 0;               // frames seen (the first has no DETECT)
+  std::vector<FrameResult> results;      // one per DETECT
+  std::int32_t first_switch_frame = -1;  // frame after which the first switch was confirmed
   std::int32_t switches = 0;
-  std::int32_t skipped = 0;             // frames the test did not count
+  std::int32_t skipped = 0;  // frames the test did not count
 };
 
 // The exposure a host applies for a mains frequency: the nearest whole number of flicker periods
-// (at least one), which cancels the banding of that mains.
-double ExposureForMains(double exposure_s, std::int32_t mains_hz);
+// that fits in a frame of `frame_s` (at least one), which cancels the banding of that mains.
+double ExposureForMains(double exposure_s, std::int32_t mains_hz, double frame_s);
+
+// Throws HostError unless a simulation of `frames` frames at `exposure_s` makes sense on
+// `sensor` and fits in memory (the scene, and the frames kept when `recording`).
+void CheckRun(const SensorSetup& sensor, const SceneSetup& scene, std::int32_t frames,
+              double exposure_s, bool recording);
 
 // One library session: INIT on construction, UNINIT on destruction. While alive it owns the
 // library's log sink (to read the detector's per-frame figures) and keeps the library's own

@@ -20,12 +20,6 @@ namespace {
 constexpr std::int64_t kMaxGridValues = 16 * 1024 * 1024;
 constexpr std::int64_t kMaxFrames = 100000;
 
-std::string Number(double v) {
-  char buffer[40];
-  std::snprintf(buffer, sizeof buffer, "%.17g", v);
-  return buffer;
-}
-
 // Walks the text line by line, skipping comments and blank lines, and splits lines into words.
 class Lines {
  public:
@@ -126,7 +120,8 @@ double ReadDoubleField(Lines& lines, const char* key) {
 
 void CheckSensorSetup(const SensorSetup& s) {
   const auto positive = [](const char* what, std::int64_t v) {
-    if (v < 1) throw HostError(std::string(what) + " must be at least 1 (got " + std::to_string(v) + ")");
+    if (v < 1)
+      throw HostError(std::string(what) + " must be at least 1 (got " + std::to_string(v) + ")");
   };
   if (s.type < 0 || s.type > 2) {
     throw HostError("sensor type must be 0 (standard), 1 (SONY) or 2 (2x5), got " +
@@ -138,7 +133,8 @@ void CheckSensorSetup(const SensorSetup& s) {
   positive("n_win_h", s.n_win_h);
   positive("n_win_w", s.n_win_w);
   positive("win_ht", s.win_ht);
-  if (!(s.pclk > 0.0) || !std::isfinite(s.pclk)) throw HostError("pclk must be a positive number of Hz");
+  if (!(s.pclk > 0.0) || !std::isfinite(s.pclk))
+    throw HostError("pclk must be a positive number of Hz");
   if (s.type == 2) positive("block_height", s.block_height);
   if (s.zhdr && s.type != 0) throw HostError("zHDR statistics exist only for sensor type 0");
   if (s.type == 2 && s.win_ht < s.n_win_h) {
@@ -172,7 +168,7 @@ std::string FormatRecording(const Recording& r) {
   field("type", std::to_string(s.type));
   field("line_length", std::to_string(s.line_length));
   field("column_length", std::to_string(s.column_length));
-  field("pclk", Number(s.pclk));
+  field("pclk", Format("%.17g", s.pclk));
   field("window_width", std::to_string(s.window_width));
   field("block_height", std::to_string(s.block_height));
   field("green_only", std::to_string(s.green_only));
@@ -187,7 +183,8 @@ std::string FormatRecording(const Recording& r) {
   const std::size_t cols = static_cast<std::size_t>(s.n_win_w);
   char buffer[32];
   for (std::size_t f = 0; f < r.frames.size(); ++f) {
-    out += "frame " + std::to_string(f) + " exposure " + Number(r.frames[f].exposure_s) + "\n";
+    out += "frame " + std::to_string(f) + " exposure " + Format("%.17g", r.frames[f].exposure_s) +
+           "\n";
     const std::vector<std::int64_t>& g = r.frames[f].grid;
     for (std::size_t i = 0; i < g.size(); ++i) {
       auto [end, ec] = std::to_chars(buffer, buffer + sizeof buffer, g[i]);
@@ -200,17 +197,6 @@ std::string FormatRecording(const Recording& r) {
 }
 
 Recording ParseRecording(const std::string& text, const std::string& name) {
-  // Every line ends with a newline, the last one ("end") possibly excepted: anything else is a
-  // file cut short in the middle of a line.
-  if (!text.empty() && text.back() != '\n') {
-    std::string_view tail(text);
-    tail = tail.substr(tail.rfind('\n') == std::string_view::npos ? 0 : tail.rfind('\n') + 1);
-    while (!tail.empty() && (tail.back() == ' ' || tail.back() == '\t' || tail.back() == '\r')) tail.remove_suffix(1);
-    if (tail != "end") {
-      const auto line = std::count(text.begin(), text.end(), '\n') + 1;
-      throw HostError(name + ":" + std::to_string(line) + ": truncated: the file ends in the middle of a line");
-    }
-  }
   Lines lines(text, name);
   Recording r;
   std::string_view line;
@@ -223,8 +209,23 @@ Recording ParseRecording(const std::string& text, const std::string& name) {
   std::int64_t version = 0;
   if (head.size() != 2 || !ParseInt(head[1], version)) lines.Fail("the format version is missing");
   if (version != kRecordingVersion) {
-    lines.Fail("format version " + std::to_string(version) + " is not supported (this tool reads version " +
-               std::to_string(kRecordingVersion) + ")");
+    lines.Fail("format version " + std::to_string(version) +
+               " is not supported (this tool reads version " + std::to_string(kRecordingVersion) +
+               ")");
+  }
+  // Every line ends with a newline, the last one ("end") possibly excepted: anything else is a
+  // file cut short in the middle of a line. (Checked only now, so that another kind of file is
+  // called that and not a truncated recording.)
+  if (!text.empty() && text.back() != '\n') {
+    std::string_view tail(text);
+    tail = tail.substr(tail.rfind('\n') == std::string_view::npos ? 0 : tail.rfind('\n') + 1);
+    while (!tail.empty() && (tail.back() == ' ' || tail.back() == '\t' || tail.back() == '\r'))
+      tail.remove_suffix(1);
+    if (tail != "end") {
+      const auto line = std::count(text.begin(), text.end(), '\n') + 1;
+      throw HostError(name + ":" + std::to_string(line) +
+                      ": truncated: the file ends in the middle of a line");
+    }
   }
   constexpr std::int64_t kInt = std::numeric_limits<std::int32_t>::max();
   SensorSetup& s = r.sensor;
@@ -258,11 +259,22 @@ Recording ParseRecording(const std::string& text, const std::string& name) {
   const std::size_t cols = static_cast<std::size_t>(s.n_win_w);
   const std::size_t rows = static_cast<std::size_t>(s.StatRows());
   r.frames.resize(static_cast<std::size_t>(frames));
+  // A grid line where a frame header or "end" belongs: the geometry announces fewer rows than
+  // the frames hold.
+  const auto check_extra_rows = [&](std::size_t f) {
+    std::int64_t v = 0;
+    const auto words = Words(line);
+    if (f > 0 && !words.empty() && ParseInt(words[0], v)) {
+      lines.Fail("frame " + std::to_string(f - 1) + " has more than the " + std::to_string(rows) +
+                 " rows the header gives (" + (s.type == 2 ? "win_ht" : "n_win_h x win_ht") + ")");
+    }
+  };
   for (std::size_t f = 0; f < r.frames.size(); ++f) {
     if (!lines.Next(line) || line == "end") {
-      lines.Fail("truncated: " + std::to_string(frames) + " frames announced, " + std::to_string(f) +
-                 " found");
+      lines.Fail("truncated: " + std::to_string(frames) + " frames announced, " +
+                 std::to_string(f) + " found");
     }
+    check_extra_rows(f);
     const auto words = Words(line);
     std::int64_t index = -1;
     double exposure = 0.0;
@@ -280,13 +292,14 @@ Recording ParseRecording(const std::string& text, const std::string& name) {
     frame.grid.resize(rows * cols);
     for (std::size_t row = 0; row < rows; ++row) {
       if (!lines.Next(line)) {
-        lines.Fail("truncated: frame " + std::to_string(f) + " has " + std::to_string(row) + " of its " +
-                   std::to_string(rows) + " rows");
+        lines.Fail("truncated: frame " + std::to_string(f) + " has " + std::to_string(row) +
+                   " of its " + std::to_string(rows) + " rows");
       }
       const auto values = Words(line);
       if (values.size() != cols) {
         lines.Fail("frame " + std::to_string(f) + " row " + std::to_string(row) + " has " +
-                   std::to_string(values.size()) + " values, expected n_win_w = " + std::to_string(cols));
+                   std::to_string(values.size()) +
+                   " values, expected n_win_w = " + std::to_string(cols));
       }
       for (std::size_t c = 0; c < cols; ++c) {
         std::int64_t v = 0;
@@ -299,7 +312,9 @@ Recording ParseRecording(const std::string& text, const std::string& name) {
       }
     }
   }
-  if (!lines.Next(line) || line != "end") {
+  const bool more = lines.Next(line);
+  if (more && line != "end") check_extra_rows(r.frames.size());
+  if (!more || line != "end") {
     lines.Fail("truncated or damaged: 'end' expected after " + std::to_string(frames) + " frames");
   }
   if (lines.Next(line)) lines.Fail("unexpected text after 'end'");
@@ -307,10 +322,8 @@ Recording ParseRecording(const std::string& text, const std::string& name) {
   return r;
 }
 
-Recording LoadRecording(const std::string& path) { return ParseRecording(ReadWholeFile(path), path); }
-
-void SaveRecording(const std::string& path, const Recording& recording) {
-  WriteFileAtomically(path, FormatRecording(recording));
+Recording LoadRecording(const std::string& path) {
+  return ParseRecording(ReadWholeFile(path), path);
 }
 
 }  // namespace kestrel_host

@@ -31,7 +31,6 @@ std::string FormatRecording(const Recording& recording);
 Recording ParseRecording(const std::string& text, const std::string& name);
 
 Recording LoadRecording(const std::string& path);
-void SaveRecording(const std::string& path, const Recording& recording);
 
 // Geometry checks shared by the recording reader and the command line: sizes the host itself can
 // hold and that make a frame at all. What the library accepts is its own business: it refuses a

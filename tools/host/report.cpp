@@ -5,23 +5,17 @@
 #include <cmath>
 #include <cstdio>
 
+#include "host/error.h"
+
 namespace kestrel_host {
 
 namespace {
 
 constexpr int kFrequencies[9] = {70, 80, 90, 100, 120, 130, 140, 160, 170};
 
-std::string Format(const char* fmt, double v) {
-  char buffer[64];
-  std::snprintf(buffer, sizeof buffer, fmt, v);
-  return buffer;
-}
-
 std::string Pad(const std::string& text, std::size_t width) {
   return text.size() >= width ? text : std::string(width - text.size(), ' ') + text;
 }
-
-std::string Ms(double seconds) { return Format("%.3f", seconds * 1e3); }
 
 // Mean of the seven energies other than 100 Hz and 120 Hz: the floor the two mains bands stand on.
 double RestMean(const FrameResult& r) {
@@ -38,12 +32,6 @@ std::string ResultText(std::int32_t result) {
   return result == -1 ? "-" : std::to_string(result);
 }
 
-const char* SensorName(std::int32_t type) {
-  if (type == 1) return "SONY";
-  if (type == 2) return "2x5";
-  return "standard";
-}
-
 // JSON has no NaN or infinity; none of the figures here can be either, but keep the file valid.
 std::string JsonNumber(double v) {
   if (!std::isfinite(v)) return "null";
@@ -51,6 +39,12 @@ std::string JsonNumber(double v) {
 }
 
 }  // namespace
+
+const char* SensorName(std::int32_t type) {
+  if (type == 1) return "SONY";
+  if (type == 2) return "2x5";
+  return "standard";
+}
 
 std::string FormatTable(const RunResult& run, bool wide) {
   std::string out;
@@ -67,7 +61,8 @@ std::string FormatTable(const RunResult& run, bool wide) {
                       Pad(std::to_string(r.state_hz) + " Hz", 7);
     if (wide) {
       for (int i = 0; i < 9; ++i) {
-        row += Pad(r.has_energies ? std::to_string(r.energies[static_cast<std::size_t>(i)]) : "-", 9);
+        row +=
+            Pad(r.has_energies ? std::to_string(r.energies[static_cast<std::size_t>(i)]) : "-", 9);
       }
     } else if (r.has_energies) {
       row += Pad(std::to_string(r.energies[3]), 9) + Pad(std::to_string(r.energies[4]), 9) +
@@ -89,7 +84,8 @@ std::string FormatTable(const RunResult& run, bool wide) {
 
 std::string FormatSummary(const RunResult& run) {
   const std::int32_t judged = static_cast<std::int32_t>(run.results.size());
-  std::string counts = std::to_string(judged) + " frames judged, " + std::to_string(run.skipped) + " not counted";
+  std::string counts =
+      std::to_string(judged) + " frames judged, " + std::to_string(run.skipped) + " not counted";
   if (run.first_switch_frame >= 0) {
     const FrameResult* first = nullptr;
     for (const FrameResult& r : run.results) {
@@ -98,17 +94,19 @@ std::string FormatSummary(const RunResult& run) {
         break;
       }
     }
-    std::string text = "summary: switched from " + std::to_string(run.initial_state_hz) + " Hz to " +
-                       std::to_string(first->state_hz == 50 ? 60 : 50) + " Hz at frame " +
-                       std::to_string(run.first_switch_frame) + " (exposure " + Ms(first->exposure_s) +
-                       " -> " + Ms(first->next_exposure_s) + " ms)";
+    std::string text = "summary: switched from " + std::to_string(run.initial_state_hz) +
+                       " Hz to " + std::to_string(first->state_hz == 50 ? 60 : 50) +
+                       " Hz at frame " + std::to_string(run.first_switch_frame) + " (exposure " +
+                       Ms(first->exposure_s) + " -> " + Ms(first->next_exposure_s) + " ms)";
     if (run.switches > 1) text += ", " + std::to_string(run.switches) + " switches in all";
     return text + "; final state " + std::to_string(run.final_state_hz) + " Hz; " + counts + "\n";
   }
-  std::string text = "summary: never switched: stayed in the " + std::to_string(run.final_state_hz) + " Hz state";
+  std::string text =
+      "summary: never switched: stayed in the " + std::to_string(run.final_state_hz) + " Hz state";
   for (auto it = run.results.rbegin(); it != run.results.rend(); ++it) {
     if (it->has_seq) {
-      text += " (last sequential score " + std::to_string(it->seq) + ", a switch needs more than 8)";
+      text +=
+          " (last sequential score " + std::to_string(it->seq) + ", a switch needs more than 8)";
       break;
     }
   }
@@ -120,7 +118,8 @@ std::string FormatCsv(const RunResult& run) {
   for (int f : kFrequencies) out += ",e" + std::to_string(f);
   out += ",relative,score,seq,result,switched,next_exposure_ms,note\n";
   for (const FrameResult& r : run.results) {
-    out += std::to_string(r.frame) + "," + Format("%.6f", r.exposure_s * 1e3) + "," + std::to_string(r.state_hz);
+    out += std::to_string(r.frame) + "," + Format("%.6f", r.exposure_s * 1e3) + "," +
+           std::to_string(r.state_hz);
     for (int i = 0; i < 9; ++i) {
       out += ",";
       if (r.has_energies) out += std::to_string(r.energies[static_cast<std::size_t>(i)]);
@@ -148,11 +147,21 @@ std::string JsonString(const std::string& text) {
   for (const char ch : text) {
     const auto c = static_cast<unsigned char>(ch);
     switch (c) {
-      case '"': out += "\\\""; break;
-      case '\\': out += "\\\\"; break;
-      case '\n': out += "\\n"; break;
-      case '\r': out += "\\r"; break;
-      case '\t': out += "\\t"; break;
+      case '"':
+        out += "\\\"";
+        break;
+      case '\\':
+        out += "\\\\";
+        break;
+      case '\n':
+        out += "\\n";
+        break;
+      case '\r':
+        out += "\\r";
+        break;
+      case '\t':
+        out += "\\t";
+        break;
       default:
         if (c < 0x20) {
           char buffer[8];
@@ -171,27 +180,35 @@ std::string FormatJson(const RunResult& run, const std::string& command) {
   std::string out = "{\n";
   out += "  \"tool\": \"kestrel-flicker\",\n  \"format\": 1,\n";
   out += "  \"command\": " + JsonString(command) + ",\n";
-  out += "  \"sensor\": {\"type\": " + std::to_string(s.type) + ", \"family\": " + JsonString(SensorName(s.type)) +
-         ", \"line_length\": " + std::to_string(s.line_length) + ", \"column_length\": " +
-         std::to_string(s.column_length) + ", \"pclk\": " + JsonNumber(s.pclk) + ", \"window_width\": " +
-         std::to_string(s.window_width) + ", \"block_height\": " + std::to_string(s.block_height) +
-         ", \"green_only\": " + std::to_string(s.green_only) + ", \"n_win_h\": " + std::to_string(s.n_win_h) +
-         ", \"n_win_w\": " + std::to_string(s.n_win_w) + ", \"win_ht\": " + std::to_string(s.win_ht) +
-         ", \"zhdr\": " + (s.zhdr ? "true" : "false") + ", \"frame_period_ms\": " +
-         JsonNumber(s.FramePeriod() * 1e3) + "},\n";
+  out += "  \"sensor\": {\"type\": " + std::to_string(s.type) +
+         ", \"family\": " + JsonString(SensorName(s.type)) +
+         ", \"line_length\": " + std::to_string(s.line_length) +
+         ", \"column_length\": " + std::to_string(s.column_length) +
+         ", \"pclk\": " + JsonNumber(s.pclk) +
+         ", \"window_width\": " + std::to_string(s.window_width) +
+         ", \"block_height\": " + std::to_string(s.block_height) +
+         ", \"green_only\": " + std::to_string(s.green_only) +
+         ", \"n_win_h\": " + std::to_string(s.n_win_h) +
+         ", \"n_win_w\": " + std::to_string(s.n_win_w) +
+         ", \"win_ht\": " + std::to_string(s.win_ht) +
+         ", \"zhdr\": " + (s.zhdr ? "true" : "false") +
+         ", \"frame_period_ms\": " + JsonNumber(s.FramePeriod() * 1e3) + "},\n";
   out += "  \"frames\": " + std::to_string(run.frames) + ",\n";
   out += "  \"initial_state_hz\": " + std::to_string(run.initial_state_hz) + ",\n";
   out += "  \"final_state_hz\": " + std::to_string(run.final_state_hz) + ",\n";
   out += std::string("  \"switched\": ") + (run.first_switch_frame >= 0 ? "true" : "false") + ",\n";
-  out += "  \"first_switch_frame\": " +
-         (run.first_switch_frame >= 0 ? std::to_string(run.first_switch_frame) : std::string("null")) + ",\n";
+  out +=
+      "  \"first_switch_frame\": " +
+      (run.first_switch_frame >= 0 ? std::to_string(run.first_switch_frame) : std::string("null")) +
+      ",\n";
   out += "  \"switches\": " + std::to_string(run.switches) + ",\n";
   out += "  \"frames_not_counted\": " + std::to_string(run.skipped) + ",\n";
   out += "  \"per_frame\": [";
   for (std::size_t i = 0; i < run.results.size(); ++i) {
     const FrameResult& r = run.results[i];
     out += i == 0 ? "\n" : ",\n";
-    out += "    {\"frame\": " + std::to_string(r.frame) + ", \"exposure_ms\": " + JsonNumber(r.exposure_s * 1e3) +
+    out += "    {\"frame\": " + std::to_string(r.frame) +
+           ", \"exposure_ms\": " + JsonNumber(r.exposure_s * 1e3) +
            ", \"state_hz\": " + std::to_string(r.state_hz) + ", \"energies\": ";
     if (r.has_energies) {
       out += "[";
@@ -203,7 +220,8 @@ std::string FormatJson(const RunResult& run, const std::string& command) {
     } else {
       out += "null";
     }
-    out += ", \"relative\": " + (r.has_relative ? JsonNumber(r.relative_q8 / 256.0) : std::string("null"));
+    out += ", \"relative\": " +
+           (r.has_relative ? JsonNumber(r.relative_q8 / 256.0) : std::string("null"));
     out += ", \"score\": " + (r.has_score ? std::to_string(r.score) : std::string("null"));
     out += ", \"seq\": " + (r.has_seq ? std::to_string(r.seq) : std::string("null"));
     out += ", \"result\": " + std::to_string(r.result);

@@ -22,6 +22,9 @@ std::string FormatCsv(const RunResult& run);
 // A machine-readable summary with the per-frame figures; `command` is "simulate" or "replay".
 std::string FormatJson(const RunResult& run, const std::string& command);
 
+// The family's name: "standard", "SONY" or "2x5".
+const char* SensorName(std::int32_t type);
+
 // A JSON string literal (quotes included) with the escapes JSON requires.
 std::string JsonString(const std::string& text);
 

@@ -21,8 +21,8 @@ constexpr double kFullWell = 4000.0;
 // zHDR counts: a pixel at or below this level counts as noisy.
 constexpr double kNoiseFloor = 0.004;
 
-// Range shift of the standard and SONY statistics: wide windows are scaled down so the sums stay
-// near 24 bits.
+// Range shift of the standard statistics: wide windows are scaled down so the sums stay within
+// 24 bits.
 int RangeShift(std::int32_t window_width) {
   if (window_width > 4095) return 4;
   if (window_width > 2047) return 3;
@@ -46,19 +46,47 @@ std::vector<double> Texture(std::mt19937& rng, std::int32_t length, double amp) 
   return out;
 }
 
+// The sensor lines the scene covers: every line any frame looks at, whatever the motion, with a
+// margin for the interpolation.
+struct Span {
+  double origin;
+  std::int64_t length;
+};
+
+Span ProfileSpan(const SensorSetup& sensor, const SceneSetup& scene, std::int32_t frames) {
+  const double active = static_cast<double>(sensor.StatRows()) * sensor.LinesPerRow();
+  const double travel = scene.motion * std::max(frames, 1);
+  const double origin = std::floor(std::min(0.0, travel) - 16.0);
+  const double high = active + std::max(0.0, travel) + 16.0;
+  return {origin, static_cast<std::int64_t>(std::ceil(high - origin)) + 1};
+}
+
 }  // namespace
 
-std::int32_t SensorSetup::StatRows() const { return type == 2 ? win_ht : n_win_h * win_ht; }
+std::int64_t SceneSize(const SensorSetup& sensor, const SceneSetup& scene, std::int32_t frames) {
+  return static_cast<std::int64_t>(sensor.n_win_w) * kGroups *
+         ProfileSpan(sensor, scene, frames).length;
+}
 
-std::int32_t SensorSetup::LinesPerRow() const { return type == 2 ? block_height : 1; }
+std::int32_t SensorSetup::StatRows() const {
+  return type == 2 ? win_ht : n_win_h * win_ht;
+}
+
+std::int32_t SensorSetup::LinesPerRow() const {
+  return type == 2 ? block_height : 1;
+}
 
 std::int64_t SensorSetup::GridSize() const {
   return static_cast<std::int64_t>(StatRows()) * n_win_w;
 }
 
-double SensorSetup::LineTime() const { return line_length / pclk; }
+double SensorSetup::LineTime() const {
+  return line_length / pclk;
+}
 
-double SensorSetup::FramePeriod() const { return column_length * LineTime(); }
+double SensorSetup::FramePeriod() const {
+  return column_length * LineTime();
+}
 
 SensorSetup DefaultSensor(std::int32_t type, bool zhdr) {
   SensorSetup s;
@@ -104,7 +132,8 @@ double MeanLight(double flicker_hz, double depth, double phase, double t_end, do
   const double w = 2.0 * std::numbers::pi * flicker_hz;
   if (exposure <= 0.0) return 1.0 + depth * std::cos(w * t_end + phase);
   // Integral of cos over the exposure, divided by its length.
-  const double integral = (std::sin(w * t_end + phase) - std::sin(w * (t_end - exposure) + phase)) / w;
+  const double integral =
+      (std::sin(w * t_end + phase) - std::sin(w * (t_end - exposure) + phase)) / w;
   return 1.0 + depth * integral / exposure;
 }
 
@@ -116,7 +145,8 @@ double CompandStandard(double linear) {
   const double y = std::clamp(linear, 0.0, 1.0) * 65536.0;
   for (int i = 0; i < 8; ++i) {
     if (y <= kLinear[i + 1]) {
-      return kCode[i] + (y - kLinear[i]) * (kCode[i + 1] - kCode[i]) / (kLinear[i + 1] - kLinear[i]);
+      return kCode[i] +
+             (y - kLinear[i]) * (kCode[i + 1] - kCode[i]) / (kLinear[i + 1] - kLinear[i]);
     }
   }
   return 255.0;
@@ -128,13 +158,10 @@ SceneSimulator::SceneSimulator(const SensorSetup& sensor, const SceneSetup& scen
   std::uniform_real_distribution<double> unit(0.0, 1.0);
   phase_ = 2.0 * std::numbers::pi * unit(rng_);
 
-  // The profiles cover every line any frame looks at, whatever the motion.
+  const Span span = ProfileSpan(sensor_, scene_, frames);
+  profile_origin_ = span.origin;
+  profile_length_ = static_cast<std::int32_t>(span.length);
   const double active = static_cast<double>(sensor_.StatRows()) * sensor_.LinesPerRow();
-  const double travel = scene_.motion * std::max(frames, 1);
-  const double low = std::min(0.0, travel) - 16.0;
-  const double high = active + std::max(0.0, travel) + 16.0;
-  profile_origin_ = std::floor(low);
-  profile_length_ = static_cast<std::int32_t>(std::ceil(high - profile_origin_)) + 1;
 
   const auto uniform = [&](double a, double b) { return a + (b - a) * unit(rng_); };
   profiles_.assign(static_cast<std::size_t>(sensor_.n_win_w) * kGroups, {});
@@ -162,8 +189,8 @@ SceneSimulator::SceneSimulator(const SensorSetup& sensor, const SceneSetup& scen
       for (std::int32_t i = 0; i < profile_length_; ++i) {
         const std::size_t k = static_cast<std::size_t>(i);
         const double y = (profile_origin_ + i) / std::max(active, 1.0) - 0.5;
-        p[k] = std::max(0.0, base * bars[k] * (1.0 + slope * y) * group_gain *
-                                 (1.0 + shared[k] + own[k]));
+        p[k] = std::max(
+            0.0, base * bars[k] * (1.0 + slope * y) * group_gain * (1.0 + shared[k] + own[k]));
       }
     }
   }
@@ -171,7 +198,8 @@ SceneSimulator::SceneSimulator(const SensorSetup& sensor, const SceneSetup& scen
 
 double SceneSimulator::Scene(std::int32_t column, std::int32_t group, double line) const {
   const std::vector<double>& p = profiles_[static_cast<std::size_t>(column) * kGroups + group];
-  const double x = std::clamp(line - profile_origin_, 0.0, static_cast<double>(profile_length_ - 1));
+  const double x =
+      std::clamp(line - profile_origin_, 0.0, static_cast<double>(profile_length_ - 1));
   const auto i = static_cast<std::size_t>(x);
   if (i + 1 >= p.size()) return p.back();
   const double f = x - static_cast<double>(i);
@@ -215,16 +243,14 @@ Frame SceneSimulator::Generate(std::int32_t index, double exposure_s) {
 
   const int shift = RangeShift(sensor_.window_width);
   const double half = sensor_.window_width >> 1;
-  const double sum_scale = sensor_.type == 2
-                               ? 4095.0 * std::max(pixels, 1.0)
-                               : 1.0;
+  const double sum_scale = sensor_.type == 2 ? 4095.0 * std::max(pixels, 1.0) : 1.0;
   const double motion = scene_.motion * index;
 
   for (std::int32_t r = 0; r < rows; ++r) {
     // zHDR: every other row is the short exposure, darker by the ratio and integrating the light
     // over a shorter time.
-    const bool short_row = sensor_.type == 0 && sensor_.zhdr &&
-                           ((r % 2 == 0) != sensor_.zhdr_gle_first);
+    const bool short_row =
+        sensor_.type == 0 && sensor_.zhdr && ((r % 2 == 0) != sensor_.zhdr_gle_first);
     const double exposure = short_row ? exposure_s / scene_.hdr_ratio : exposure_s;
     const double gain = short_row ? level / scene_.hdr_ratio : level;
     const double light = RowLight(index, r, exposure);

@@ -13,19 +13,19 @@ namespace kestrel_host {
 // What the host tells the library about the sensor (INIT) and its statistics (DETECT), plus the
 // zHDR packing switches. Field names follow the library's records.
 struct SensorSetup {
-  std::int32_t type = 0;             // 0 standard, 1 SONY, 2 "2x5"
-  std::int32_t line_length = 2500;   // pixel clocks per sensor line
-  std::int32_t column_length = 3000; // sensor lines per frame, blanking included
-  double pclk = 200e6;               // pixel clock, Hz
-  std::int32_t window_width = 64;    // INIT window width; also DETECT win_wd
-  std::int32_t block_height = 0;     // lines per statistic ("2x5" only)
-  std::int32_t green_only = 0;       // "2x5" statistics sum green pixels only
-  std::int32_t n_win_h = 3;          // bands of windows
-  std::int32_t n_win_w = 8;          // columns of windows
-  std::int32_t win_ht = 800;         // rows per band ("2x5": rows of the whole frame)
-  bool zhdr = false;                 // type 0: words carry zHDR long/short rows and counts
-  bool zhdr_gle_first = true;        // even statistics rows are the long exposure
-  bool zhdr_se_small = false;        // the library must not use the short exposure
+  std::int32_t type = 0;              // 0 standard, 1 SONY, 2 "2x5"
+  std::int32_t line_length = 2500;    // pixel clocks per sensor line
+  std::int32_t column_length = 3000;  // sensor lines per frame, blanking included
+  double pclk = 200e6;                // pixel clock, Hz
+  std::int32_t window_width = 64;     // INIT window width; also DETECT win_wd
+  std::int32_t block_height = 0;      // lines per statistic ("2x5" only)
+  std::int32_t green_only = 0;        // "2x5" statistics sum green pixels only
+  std::int32_t n_win_h = 3;           // bands of windows
+  std::int32_t n_win_w = 8;           // columns of windows
+  std::int32_t win_ht = 800;          // rows per band ("2x5": rows of the whole frame)
+  bool zhdr = false;                  // type 0: words carry zHDR long/short rows and counts
+  bool zhdr_gle_first = true;         // even statistics rows are the long exposure
+  bool zhdr_se_small = false;         // the library must not use the short exposure
 
   // Statistics rows of one frame and sensor lines per statistics row.
   std::int32_t StatRows() const;
@@ -49,13 +49,13 @@ struct BrightnessStep {
 
 // The physical scene and light.
 struct SceneSetup {
-  double mains_hz = 60.0;     // 50, 60, or 0 for steady light; the light flickers at twice this
-  double depth = 0.25;        // modulation depth of the light at twice the mains frequency
-  double brightness = 0.3;    // mean scene level as a fraction of full scale
-  double texture = 1.0;       // fine texture strength (0: smooth bars and gradients only)
-  double noise = 1.0;         // sensor noise multiplier (0: noise-free)
-  double motion = 0.0;        // vertical motion, sensor lines per frame (camera panning)
-  double hdr_ratio = 8.0;     // zHDR long / short exposure ratio
+  double mains_hz = 60.0;   // 50, 60, or 0 for steady light; the light flickers at twice this
+  double depth = 0.25;      // modulation depth of the light at twice the mains frequency
+  double brightness = 0.3;  // mean scene level as a fraction of full scale
+  double texture = 1.0;     // fine texture strength (0: smooth bars and gradients only)
+  double noise = 1.0;       // sensor noise multiplier (0: noise-free)
+  double motion = 0.0;      // vertical motion, sensor lines per frame (camera panning)
+  double hdr_ratio = 8.0;   // zHDR long / short exposure ratio
   std::vector<BrightnessStep> steps;
   std::uint32_t seed = 1;
 };
@@ -74,6 +74,10 @@ double MeanLight(double flicker_hz, double depth, double phase, double t_end, do
 // Standard-sensor compand curve: a linear pixel level (0..1 of full scale) to the 0..255 code
 // whose 257-fold sums the standard statistics carry.
 double CompandStandard(double linear);
+
+// Values the simulator holds for the scene: columns x pixel groups x the sensor lines any frame
+// looks at (the statistics' lines and the panning travel over `frames` frames).
+std::int64_t SceneSize(const SensorSetup& sensor, const SceneSetup& scene, std::int32_t frames);
 
 class SceneSimulator {
  public:
