@@ -24,8 +24,7 @@ TEST(SonyLaplacian, MirrorsAboutBothEnds) {
       {{1, 2, 4}, {5, 2, -7}},  // shorter than the end rows assume: the mirror stays inside
       {{5}, {0}}};
   for (const auto& [input, expected] : cases) {
-    Vec in = input;
-    Vec out(in.size(), 12345);
+    Vec in = input, out(in.size(), 12345);
     convolve_Laplacian_filter_SONY(in.data(), out.data(), static_cast<std::int32_t>(in.size()));
     EXPECT_EQ(out, expected);
   }
@@ -34,8 +33,7 @@ TEST(SonyLaplacian, MirrorsAboutBothEnds) {
 TEST(SonyShift, InterpolatesTruncatesAndRepeatsTheEdge) {
   struct Case {
     Vec in;
-    std::int32_t shift;
-    std::int32_t den;
+    std::int32_t shift, den;
     Vec out;
   };
   const Vec ramp = {0, 3, 6, 9, 12};
@@ -57,8 +55,7 @@ TEST(SonyShift, InterpolatesTruncatesAndRepeatsTheEdge) {
       {ramp, 41, 4, {12, 12, 12, 12, 12}},  // the whole vector or more only repeats the edge
       {ramp, -19, 4, {0, 0, 0, 0, 0}}};
   for (const Case& c : cases) {
-    Vec in = c.in;
-    Vec out(in.size(), 12345);
+    Vec in = c.in, out(in.size(), 12345);
     subpixel_shift_vec_SONY(in.data(), out.data(), static_cast<std::int32_t>(in.size()), c.shift,
                             c.den);
     EXPECT_EQ(out, c.out) << "shift " << c.shift << "/" << c.den;

@@ -34,9 +34,7 @@ TEST_F(SonyFrequency, SingleEstimateShiftsOnlyFrom2To22) {
 TEST_F(SonyFrequency, ThreeCandidatesScaleFrom2To21AndTiesKeepTheFirst) {
   // Flat features score the same whatever their level: the first version wins the tie. 5267025
   // >> 21 = 2, so every energy loses one bit (4161600 would not have at 2^22).
-  std::int32_t a = 9;
-  std::int32_t c = 8;
-  std::int32_t zero = 0;
+  std::int32_t a = 9, c = 8, zero = 0;
   flicker_compute_freq_3x_SONY(&a, &a, &c, 1, 1, f);
   EXPECT_EQ(Out(), Nine(9, 2633513));
   flicker_compute_freq_3x_SONY(&c, &a, &a, 1, 1, f);
