@@ -80,4 +80,23 @@ BENCHMARK(BM_SonyDetect)
     ->Args({10, 200, 4})
     ->Unit(benchmark::kMicrosecond);
 
+// The quarter-sample shifts of one window's search: all 17 shifts of a 270-row log vector, with
+// the SONY denominator 4 and the 2x5 pipeline's 8.
+void BM_SonyShift(benchmark::State& state) {
+  const auto den = static_cast<std::int32_t>(state.range(0));
+  constexpr std::int32_t kRows = 270;
+  std::vector<std::int32_t> in(kRows);
+  std::vector<std::int32_t> out(kRows);
+  for (std::int32_t i = 0; i < kRows; ++i) {
+    in[i] = 40000 + static_cast<std::int32_t>(9000.0 * std::sin(i / 7.0)) - (i % 3) * 50000;
+  }
+  for (auto _ : state) {
+    for (std::int32_t s = -2 * den; s <= 2 * den; ++s) {
+      subpixel_shift_vec_SONY(in.data(), out.data(), kRows, s, den);
+      benchmark::DoNotOptimize(out.data());
+    }
+  }
+}
+BENCHMARK(BM_SonyShift)->Arg(4)->Arg(8)->Unit(benchmark::kMicrosecond);
+
 }  // namespace

@@ -2,6 +2,8 @@
 // SONY sub-pixel alignment: quarter-sample shifts scored on Laplacians of the log vectors.
 #include "sony/sony.h"
 
+#include <bit>
+
 #include "decision/decision.h"
 #include "fixed_point.h"
 #include "interface/interface.h"
@@ -41,10 +43,40 @@ void convolve_Laplacian_filter_SONY(std::int32_t* in, std::int32_t* out, std::in
       wrap_add32(wrap_add32(in[n - 3], wrap_mul32(2, in[n - 2])), wrap_mul32(-3, in[n - 1]));
 }
 
-void subpixel_shift_vec_SONY(std::int32_t* in, std::int32_t* out, std::int32_t n,
-                             std::int32_t shift, std::int32_t den) {
+namespace {
+
+// out[k] = (half + lo[k] x w_lo + hi[k] x w_hi) / den for k < count, 32-bit wrapping sums and a
+// division truncating toward zero.
+template <typename Divide>
+void blend(const std::int32_t* lo, const std::int32_t* hi, std::int32_t* out, std::int32_t count,
+           std::int32_t w_lo, std::int32_t w_hi, std::int32_t half, Divide divide) {
   using fx::wrap_add32;
   using fx::wrap_mul32;
+  for (std::int32_t k = 0; k < count; ++k) {
+    out[k] = divide(wrap_add32(wrap_add32(half, wrap_mul32(lo[k], w_lo)), wrap_mul32(hi[k], w_hi)));
+  }
+}
+
+template <typename Divide>
+void blend_shifted(const std::int32_t* in, std::int32_t* out, std::int32_t n, std::int32_t shift,
+                   std::int32_t q, std::int32_t r, std::int32_t den, Divide divide) {
+  const std::int32_t half = den / 2;
+  const std::int32_t keep = fx::wrap_sub32(den, r);  // weight of the nearer sample
+  const std::int32_t inner = n - q - 1;              // interpolated outputs
+  if (shift > 0) {
+    blend(in + q, in + q + 1, out, inner, keep, r, half, divide);
+    for (std::int32_t k = inner < 0 ? 0 : inner; k < n; ++k) out[k] = in[n - 1];
+  } else {
+    const std::int32_t lead = q + 1 < n ? q + 1 : n;
+    for (std::int32_t k = 0; k < lead; ++k) out[k] = in[0];
+    blend(in, in + 1, out + q + 1, inner, r, keep, half, divide);
+  }
+}
+
+}  // namespace
+
+void subpixel_shift_vec_SONY(std::int32_t* in, std::int32_t* out, std::int32_t n,
+                             std::int32_t shift, std::int32_t den) {
   if (n < 1) return;
   if (shift == 0) {
     for (std::int32_t i = 0; i < n; ++i) out[i] = in[i];
@@ -52,29 +84,22 @@ void subpixel_shift_vec_SONY(std::int32_t* in, std::int32_t* out, std::int32_t n
   }
   const std::int32_t a = fx::wrap_abs32(shift);
   const std::int32_t q_raw = fx::div_trunc(a, den);  // den = 0 divides to 0
-  const std::int32_t r = fx::wrap_sub32(a, wrap_mul32(q_raw, den));
+  const std::int32_t r = fx::wrap_sub32(a, fx::wrap_mul32(q_raw, den));
   // A whole-vector shift (or a negative quotient from den < 0) only repeats edge samples: keep
   // every index inside the vector.
   const std::int32_t q = fx::clamp32(q_raw, 0, n);
-  const std::int32_t half = den / 2;
-  const std::int32_t keep = fx::wrap_sub32(den, r);  // weight of the nearer sample
   if (r != 0) {
-    const std::int32_t inner = n - q - 1;  // interpolated outputs
-    if (shift > 0) {
-      for (std::int32_t k = 0; k < inner; ++k) {
-        const std::int32_t mix =
-            wrap_add32(wrap_add32(half, wrap_mul32(in[q + k], keep)), wrap_mul32(in[q + k + 1], r));
-        out[k] = fx::div_trunc(mix, den);
-      }
-      for (std::int32_t k = inner < 0 ? 0 : inner; k < n; ++k) out[k] = in[n - 1];
+    if (den > 0 && (den & (den - 1)) == 0) {
+      // The pipelines' denominators (4 and 8) are powers of two: an arithmetic shift after
+      // biasing negative sums by den - 1 truncates toward zero exactly like the division, and
+      // lets the loop vectorise.
+      const std::int32_t k = std::countr_zero(static_cast<std::uint32_t>(den));
+      const std::int32_t bias = den - 1;
+      blend_shifted(in, out, n, shift, q, r, den,
+                    [k, bias](std::int32_t x) { return (x + ((x >> 31) & bias)) >> k; });
     } else {
-      const std::int32_t lead = q + 1 < n ? q + 1 : n;
-      for (std::int32_t k = 0; k < lead; ++k) out[k] = in[0];
-      for (std::int32_t k = 0; k < inner; ++k) {
-        const std::int32_t mix =
-            wrap_add32(wrap_add32(half, wrap_mul32(in[k], r)), wrap_mul32(in[k + 1], keep));
-        out[q + 1 + k] = fx::div_trunc(mix, den);
-      }
+      blend_shifted(in, out, n, shift, q, r, den,
+                    [den](std::int32_t x) { return fx::div_trunc(x, den); });
     }
     return;
   }

@@ -15,13 +15,13 @@ namespace {
 // The gamma-like tone curve: seven knots doubling in input, an end value of 2^outBits (not
 // 2^outBits - 1) and a clip to 2^outBits - 1. Unsigned 64-bit products and shifts.
 struct ToneCurve {
-  std::int32_t bits;     // inBits
-  std::uint64_t top;     // 2^outBits - 1
-  std::uint64_t y[9];    // y[1..7] knot outputs, y[8] = 2^outBits
-  std::uint64_t in_max;  // 2^inBits - 1
+  std::int32_t bits;         // inBits
+  std::uint64_t top = 0;     // 2^outBits - 1
+  std::uint64_t y[9] = {};   // y[1..7] knot outputs, y[8] = 2^outBits
+  std::uint64_t in_max = 0;  // 2^inBits - 1
 
-  ToneCurve(std::int32_t in_bits, std::int32_t out_bits) : bits(in_bits) {
-    static constexpr std::uint64_t kKnotP[7] = {20, 29, 42, 62, 88, 126, 180};
+  constexpr ToneCurve(std::int32_t in_bits, std::int32_t out_bits) : bits(in_bits) {
+    constexpr std::uint64_t kKnotP[7] = {20, 29, 42, 62, 88, 126, 180};
     top = (std::uint64_t{1} << out_bits) - 1;
     y[0] = 0;
     for (std::int32_t k = 0; k < 7; ++k) y[k + 1] = (top * kKnotP[k] + 127) / 255;
@@ -29,7 +29,7 @@ struct ToneCurve {
     in_max = (std::uint64_t{1} << in_bits) - 1;
   }
 
-  std::int32_t operator()(std::int32_t value) const {
+  constexpr std::int32_t operator()(std::int32_t value) const {
     // A negative value reads as huge and clips to the top input.
     std::uint64_t v = static_cast<std::uint32_t>(value);
     if (v > in_max) v = in_max;
@@ -48,6 +48,20 @@ struct ToneCurve {
     return static_cast<std::int32_t>(out);
   }
 };
+
+// The driver's 10-bit to 10-bit curve, tabulated at compile time: every input clips to 0..1023.
+struct ToneTable {
+  std::int32_t out[1024];
+  constexpr ToneTable() : out() {
+    const ToneCurve curve(10, 10);
+    for (std::int32_t v = 0; v < 1024; ++v) out[v] = curve(v);
+  }
+  std::int32_t operator()(std::int32_t value) const {
+    const std::uint32_t v = static_cast<std::uint32_t>(value);
+    return out[v < 1023u ? v : 1023u];
+  }
+};
+constexpr ToneTable kTone10;
 
 // A band is at most 1000 rows of 10 columns, within the transposition buffer.
 static_assert(kSonyMaxWindowRows * kSonyMaxColumns <= kSonyMaxBandValues);
@@ -112,19 +126,15 @@ void copy_columns(const std::int32_t* prev, const std::int32_t* cur, std::int32_
   }
 }
 
-// With one column the choice falls back to column 1, past the grid, when the column's mean after
-// the tone curve and width scaling is not positive. Predicted on the untouched grid so that a
-// refusal leaves the caller's buffers as they were.
+// With one column the choice falls back to column 1, past the grid, when the column's mean is not
+// positive. Predicted on the untouched grid (`seen` maps a grid value to what the chooser will
+// see) so that a refusal leaves the caller's buffers and the working memories as they were.
+template <typename Seen>
 std::int32_t dark_single_column_band(const std::int32_t* cur, std::int32_t n_win_h,
-                                     std::int32_t win_ht, std::int32_t win_wd) {
-  const ToneCurve curve(10, 10);
-  const std::int32_t factor = win_wd / 2;
+                                     std::int32_t win_ht, Seen seen) {
   for (std::int32_t b = 0; b < n_win_h; ++b) {
     std::int64_t sum = 0;  // 64-bit: at most 1000 values of 32 bits
-    for (std::int32_t r = 0; r < win_ht; ++r) {
-      const std::int32_t v = curve(cur[b * win_ht + r]);
-      sum += win_wd == 2 ? v : fx::wrap_mul32(v, factor);
-    }
+    for (std::int32_t r = 0; r < win_ht; ++r) sum += seen(cur[b * win_ht + r]);
     if (fx::low32(sum / win_ht) <= 0) return b;
   }
   return -1;
@@ -140,6 +150,10 @@ void SGG_adaptive_SONY(std::int32_t* in, std::int32_t* out, std::int32_t n, std:
                   inBits, outBits);
     return;
   }
+  if (inBits == 10 && outBits == 10) {
+    for (std::int32_t i = 0; i < n; ++i) out[i] = kTone10(in[i]);
+    return;
+  }
   const ToneCurve curve(inBits, outBits);
   for (std::int32_t i = 0; i < n; ++i) out[i] = curve(in[i]);
 }
@@ -150,8 +164,7 @@ std::int32_t find_vector_SONY(std::int32_t* cols, std::int32_t len, std::int32_t
 }
 
 std::int32_t flicker_choose_column(std::int32_t* cols, std::int32_t len, std::int32_t ncols,
-                                   std::int32_t thr, std::int32_t minMean,
-                                   std::int32_t reference) {
+                                   std::int32_t thr, std::int32_t minMean, std::int32_t reference) {
   if (ncols < 1) return 1;
   // The driver passes at most kSonyMaxColumns; other callers may pass more.
   std::int32_t fixed_mean[kSonyMaxColumns];
@@ -234,15 +247,16 @@ void vector_selection_SONY(const std::int32_t* prev, const std::int32_t* cur, st
     LogRefusalFlk("vector_selection_SONY", "%s", why);
     return;
   }
-  std::int32_t cols[kSonyMaxWindows];
-  choose_columns(cur, n_win_h, n_win_w, win_ht, cols);
-  for (std::int32_t b = 0; b < n_win_h; ++b) {
-    if (cols[b] >= n_win_w) {
-      LogRefusalFlk("vector_selection_SONY", "band %d chose column %d past the grid's %d", b,
-                    cols[b], n_win_w);
+  if (n_win_w == 1) {
+    const std::int32_t dark =
+        dark_single_column_band(cur, n_win_h, win_ht, [](std::int32_t v) { return v; });
+    if (dark >= 0) {
+      LogRefusalFlk("vector_selection_SONY", "band %d chose column 1 past the grid's 1", dark);
       return;
     }
   }
+  std::int32_t cols[kSonyMaxWindows];
+  choose_columns(cur, n_win_h, n_win_w, win_ht, cols);
   copy_columns(prev, cur, n_win_h, n_win_w, win_ht, cols, outPrev, outCur);
 }
 
@@ -267,7 +281,11 @@ std::int32_t detectFlicker_SW_SONY(std::int32_t* prev, std::int32_t* cur, std::i
     return g_flickerResult;
   }
   if (n_win_w == 1) {
-    const std::int32_t dark = dark_single_column_band(cur, n_win_h, win_ht, win_wd);
+    const std::int32_t factor = win_wd / 2;
+    const std::int32_t dark =
+        dark_single_column_band(cur, n_win_h, win_ht, [win_wd, factor](std::int32_t v) {
+          return win_wd == 2 ? kTone10(v) : fx::wrap_mul32(kTone10(v), factor);
+        });
     if (dark >= 0) {
       LogRefusalFlk("detectFlicker_SW_SONY",
                     "band %d of the single column has no positive mean to choose it by, "

@@ -73,6 +73,11 @@ void flicker_init_SONY(std::int32_t line_length, std::int32_t column_length,
 }
 
 double calCompTable_SONY(std::int32_t window_width, std::int32_t* table, std::int32_t shift) {
+  // The INIT passes 0..4; the knot outputs half << (8 + i - shift) need shift <= 9.
+  if (shift < 0 || shift > 9) {
+    LogRefusalFlk("calCompTable_SONY", "shift %d outside 0..9", shift);
+    return 0.0;
+  }
   // Divisor D = 16 + the number of left shifts that bring window_width >> 2 to bit 31
   // (47 - floor(log2(window_width >> 2))). Deliberately a shift count, not a bit count.
   std::int32_t divisor = 16;

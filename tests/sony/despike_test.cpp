@@ -1,8 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 // SONY despike: constants pass through, the 41/40 spike threshold on the raw first difference,
-// in-place use and the refused lengths.
+// and the refused lengths.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -12,75 +13,42 @@
 
 namespace {
 
-using kestrel_test::LogCapture;
+const std::int32_t* const h1 = flicker_despike_working_memory_h1_sony;
+const std::int32_t* const h2 = flicker_despike_working_memory_h2_sony;
 
-TEST(SonyDespike, ConstantComesBackUnchanged) {
+TEST(SonyDespike, ConstantComesBackUnchangedAlsoInPlace) {
   for (const std::int32_t value : {0, 1000, -54947, 65545}) {
-    std::vector<std::int32_t> in(20, value);
-    std::vector<std::int32_t> out(20, 7);
-    flicker_despike_SONY(in.data(), out.data(), 20);
-    EXPECT_EQ(out, std::vector<std::int32_t>(20, value)) << value;
+    std::vector<std::int32_t> io(2000, value);
+    flicker_despike_SONY(io.data(), io.data(), 2000);
+    EXPECT_EQ(io, std::vector<std::int32_t>(2000, value)) << value;
   }
 }
 
-TEST(SonyDespike, ConstantInPlace) {
-  std::vector<std::int32_t> io(2000, -321);
-  flicker_despike_SONY(io.data(), io.data(), 2000);
-  EXPECT_EQ(io, std::vector<std::int32_t>(2000, -321));
-}
-
-std::vector<std::int32_t> Step(std::int32_t height) {
-  std::vector<std::int32_t> x(20, 0);
-  for (std::int32_t i = 10; i < 20; ++i) x[i] = height;
-  return x;
-}
-
-TEST(SonyDespike, StepOf41IsASpike) {
-  auto in = Step(41);
-  std::vector<std::int32_t> out(20);
+TEST(SonyDespike, FirstDifferenceOf41IsASpikeAnd40IsNot) {
+  std::vector<std::int32_t> in(20, 0), out(20);
+  std::fill(in.begin() + 10, in.end(), 40);
   flicker_despike_SONY(in.data(), out.data(), 20);
-  EXPECT_EQ(flicker_despike_working_memory_h1_sony[9], 0);
-  EXPECT_EQ(flicker_despike_working_memory_h2_sony[9], 0);
-  // The neighbouring level-2 detail survives: l1[11] - l1[9] = 615 - 205.
-  EXPECT_EQ(flicker_despike_working_memory_h2_sony[10], 410);
-}
-
-TEST(SonyDespike, StepOf40IsSignal) {
-  auto in = Step(40);
-  std::vector<std::int32_t> out(20);
-  flicker_despike_SONY(in.data(), out.data(), 20);
-  EXPECT_EQ(flicker_despike_working_memory_h1_sony[9], 40);
-  EXPECT_EQ(flicker_despike_working_memory_h2_sony[9], 400);  // l1[10] - l1[8] = 440 - 40
-  // The fine detail is added back: the step keeps its ends.
-  EXPECT_EQ(out[0], 0);
+  EXPECT_EQ(h1[9], 40);
+  EXPECT_EQ(h2[9], 400);  // l1[10] - l1[8] = 440 - 40
+  EXPECT_EQ(out[0], 0);   // the fine detail is added back: the step keeps its ends
   EXPECT_EQ(out[19], 40);
-}
-
-TEST(SonyDespike, SingleSpikeClearsBothDifferences) {
-  std::vector<std::int32_t> in(20, 0);
+  std::fill(in.begin() + 10, in.end(), 41);
+  flicker_despike_SONY(in.data(), out.data(), 20);
+  EXPECT_EQ((std::vector<std::int32_t>{h1[9], h2[9]}), std::vector<std::int32_t>(2, 0));
+  EXPECT_EQ(h2[10], 410);  // the neighbour survives: l1[11] - l1[9] = 615 - 205
+  // A single spike clears both its differences; the last position never counts through h1.
+  std::fill(in.begin(), in.end(), 0);
   in[10] = 60;
-  std::vector<std::int32_t> out(20);
-  flicker_despike_SONY(in.data(), out.data(), 20);
-  EXPECT_EQ(flicker_despike_working_memory_h1_sony[9], 0);
-  EXPECT_EQ(flicker_despike_working_memory_h1_sony[10], 0);
-  EXPECT_EQ(flicker_despike_working_memory_h2_sony[9], 0);
-  EXPECT_EQ(flicker_despike_working_memory_h2_sony[10], 0);
-}
-
-TEST(SonyDespike, LastPositionIsNeverASpike) {
-  std::vector<std::int32_t> in(20, 0);
   in[19] = 500;
-  std::vector<std::int32_t> out(20);
-  flicker_despike_SONY(in.data(), out.data(), 20);
-  EXPECT_EQ(flicker_despike_working_memory_h1_sony[18], 0);  // 500 - 0, a spike
-  EXPECT_EQ(flicker_despike_working_memory_h1_sony[19], 0);  // the repeated edge: 0 anyway
-  EXPECT_NE(flicker_despike_working_memory_h2_sony[19], 0);  // not cleared
+  flicker_despike_SONY(in.data(), in.data(), 20);
+  EXPECT_EQ((std::vector<std::int32_t>{h1[9], h1[10], h2[9], h2[10], h1[18]}),
+            std::vector<std::int32_t>(5, 0));
+  EXPECT_NE(h2[19], 0);  // h1[19] is 0 by the repeated edge: position 19 keeps its detail
 }
 
 TEST(SonyDespike, RefusesLengthsOutsideItsScratchAndMirrors) {
-  std::vector<std::int32_t> in(2001, 5);
-  std::vector<std::int32_t> out(2001, 9);
-  LogCapture log;
+  std::vector<std::int32_t> in(2001, 5), out(2001, 9);
+  kestrel_test::LogCapture log;
   flicker_despike_SONY(in.data(), out.data(), 2001);
   flicker_despike_SONY(in.data(), out.data(), 6);
   flicker_despike_SONY(in.data(), out.data(), 0);
