@@ -47,7 +47,7 @@ void flicker_compute_freq_3x_SONY(std::int32_t* version_a, std::int32_t* version
   const std::int32_t segments = segment_count < 1 ? 0 : segment_count;
   std::uint32_t choices = 1;
   for (std::int32_t i = 0; i < segments; ++i) choices *= 3;
-  const std::int32_t total = segment_count * segment_length;
+  const std::int32_t total = fx::wrap_mul32(segment_count, segment_length);  // T, 32-bit as fed to B
   const std::int32_t b = fx::bit_count(total < 0 ? 0u : static_cast<std::uint64_t>(total));
 
   // Partial sums by frequency, then segment and version (index 3 x segment + version).
@@ -63,11 +63,12 @@ void flicker_compute_freq_3x_SONY(std::int32_t* version_a, std::int32_t* version
   const std::int32_t stride = 3 * segments;
   for (std::int32_t k = 0; k < 9; ++k) {
     for (std::int32_t i = 0; i < segments; ++i) {
-      const std::int32_t start = i * segment_length;
       for (std::int32_t v = 0; v < 3; ++v) {
         std::int64_t re = 0;
         std::int64_t im = 0;
         if (segment_length >= 1) {
+          // Within the tables: the whole span was checked against their width above.
+          const std::int32_t start = i * segment_length;
           flicker_partial_sums(versions[v] + start, segment_length, k, start, re, im);
         }
         part_cos[k * stride + 3 * i + v] = re;

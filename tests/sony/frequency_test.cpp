@@ -61,6 +61,13 @@ TEST_F(SonyFrequency, SegmentsPastTheFixedScratchPickTheFirstBestChoice) {
   EXPECT_EQ(Out(), Nine(9, 0));
 }
 
+TEST_F(SonyFrequency, NegativeSegmentLengthsGiveZeroSumsWithoutOverflow) {
+  // 10 x -300000000 wraps in the 32-bit total; every segment is empty, so all nine are zero.
+  std::int32_t x[1] = {7};
+  flicker_compute_freq_3x_SONY(x, x, x, 10, -300000000, f);
+  EXPECT_EQ(Out(), Nine(9, 0));
+}
+
 TEST_F(SonyFrequency, RefusesReadsPastTheTables) {
   std::vector<std::int32_t> x(1281, 1);
   kestrel_test::LogCapture log;
