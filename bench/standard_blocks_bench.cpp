@@ -86,11 +86,12 @@ void BM_ShiftSearch(benchmark::State& state) {
     find_peaks(grad_cur.data(), len, 84, mask_cur.data());
     find_peaks(grad_prev.data(), len, 84, mask_prev.data());
     std::int32_t unreliable = 0;
-    const std::int32_t coarse = exhaust_search(cur.data(), prev.data(), mask_cur.data(),
-                                               mask_prev.data(), len, 32, 1, 2, kSamples, unreliable);
+    const std::int32_t coarse =
+        exhaust_search(cur.data(), prev.data(), mask_cur.data(), mask_prev.data(), len, 32, 1, 2,
+                       kSamples, unreliable);
     std::int32_t best = 0;
-    exhaust_search_fine(cur.data(), prev.data(), mask_cur.data(), mask_prev.data(), len, 0, 1, 1,
-                        2, kSamples, unreliable ? 0 : coarse, best, cvector_out_test_ptr_array,
+    exhaust_search_fine(cur.data(), prev.data(), mask_cur.data(), mask_prev.data(), len, 0, 1, 1, 2,
+                        kSamples, unreliable ? 0 : coarse, best, cvector_out_test_ptr_array,
                         cvector_out_test_length_working_memory);
     benchmark::DoNotOptimize(best);
   }

@@ -19,16 +19,24 @@ enum class Border { kSymmetric, kAntisymmetric, kZeroInsert };
 
 // Sample arithmetic in the kernel's width: 32-bit wraps deliberately, 64-bit cannot overflow for
 // statistics-range inputs but goes through the same wrapping helpers so nothing is undefined.
-inline std::int32_t Negate(std::int32_t v) { return fx::wrap_neg32(v); }
-inline std::int64_t Negate(std::int64_t v) { return fx::wrap_mul64(v, -1); }
+inline std::int32_t Negate(std::int32_t v) {
+  return fx::wrap_neg32(v);
+}
+inline std::int64_t Negate(std::int64_t v) {
+  return fx::wrap_mul64(v, -1);
+}
 inline std::int32_t MulAdd(std::int32_t acc, std::int32_t tap, std::int32_t v) {
   return fx::wrap_add32(acc, fx::wrap_mul32(tap, v));
 }
 inline std::int64_t MulAdd(std::int64_t acc, std::int32_t tap, std::int64_t v) {
   return fx::wrap_add64(acc, fx::wrap_mul64(tap, v));
 }
-inline std::int32_t RoundShift(std::int32_t v, std::int32_t s) { return fx::rshift_round32(v, s); }
-inline std::int64_t RoundShift(std::int64_t v, std::int32_t s) { return fx::rshift_round64(v, s); }
+inline std::int32_t RoundShift(std::int32_t v, std::int32_t s) {
+  return fx::rshift_round32(v, s);
+}
+inline std::int64_t RoundShift(std::int64_t v, std::int32_t s) {
+  return fx::rshift_round64(v, s);
+}
 
 struct Layout {
   std::int32_t left_pad;
@@ -60,7 +68,9 @@ bool Acceptable(std::int32_t n, std::int32_t L, std::int32_t R, std::int32_t d, 
 
 // Mirror source index kept inside the signal: only a signal shorter than its pad needs this, and
 // there the edge sample is repeated instead of reading past the input.
-inline std::int32_t Inside(std::int32_t i, std::int32_t n) { return fx::clamp32(i, 0, n - 1); }
+inline std::int32_t Inside(std::int32_t i, std::int32_t n) {
+  return fx::clamp32(i, 0, n - 1);
+}
 
 // Fills work[0 .. P + n + Q - 1] with the border-extended input.
 template <typename In, typename W>

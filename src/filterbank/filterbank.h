@@ -7,12 +7,12 @@
 #include <cstdint>
 
 // Tap tables (read-only in use; not const because the kernels take int*).
-extern std::int32_t flicker_filter_s[5];   // 1 4 6 4 1, sum 16: smoothing
-extern std::int32_t flicker_filter_s1[13]; // sum 256: the coarse shift search's low-pass
-extern std::int32_t flicker_filter_s2[9];  // nine ones: box smoothing of the spike measure
-extern std::int32_t flicker_filter_h[2];   // -1 1: first difference
-extern std::int32_t flicker_filter_h1[3];  // 1 0 -1: central difference
-extern std::int32_t flicker_filter_q[8];   // antisymmetric, sum 0: every synthesis call
+extern std::int32_t flicker_filter_s[5];    // 1 4 6 4 1, sum 16: smoothing
+extern std::int32_t flicker_filter_s1[13];  // sum 256: the coarse shift search's low-pass
+extern std::int32_t flicker_filter_s2[9];   // nine ones: box smoothing of the spike measure
+extern std::int32_t flicker_filter_h[2];    // -1 1: first difference
+extern std::int32_t flicker_filter_h1[3];   // 1 0 -1: central difference
+extern std::int32_t flicker_filter_q[8];    // antisymmetric, sum 0: every synthesis call
 
 // Border-extended copies of the kernels' inputs. Input length plus both pads must stay within
 // kFilterWorkSize; the despike callers keep signals at most 2000 samples with pads up to 14.

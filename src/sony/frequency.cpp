@@ -47,7 +47,8 @@ void flicker_compute_freq_3x_SONY(std::int32_t* version_a, std::int32_t* version
   const std::int32_t segments = segment_count < 1 ? 0 : segment_count;
   std::uint32_t choices = 1;
   for (std::int32_t i = 0; i < segments; ++i) choices *= 3;
-  const std::int32_t total = fx::wrap_mul32(segment_count, segment_length);  // T, 32-bit as fed to B
+  const std::int32_t total =
+      fx::wrap_mul32(segment_count, segment_length);  // T, 32-bit as fed to B
   const std::int32_t b = fx::bit_count(total < 0 ? 0u : static_cast<std::uint64_t>(total));
 
   // Partial sums by frequency, then segment and version (index 3 x segment + version).

@@ -21,8 +21,8 @@ constexpr std::int32_t kSonyMinWindowRows = 4;      // the Laplacian's end rows
 void flicker_init_SONY(std::int32_t line_length, std::int32_t column_length,
                        std::int32_t window_width, double pclk);
 double calCompTable_SONY(std::int32_t window_width, std::int32_t* table, std::int32_t shift);
-void calFftTable_SONY(std::int32_t line_length, std::int32_t width, std::int32_t count,
-                      double pclk, std::int32_t* cosTable, std::int32_t* sinTable);
+void calFftTable_SONY(std::int32_t line_length, std::int32_t width, std::int32_t count, double pclk,
+                      std::int32_t* cosTable, std::int32_t* sinTable);
 
 // ---- Detection driver and column selection ----
 std::int32_t detectFlicker_SW_SONY(std::int32_t* prev, std::int32_t* cur, std::int32_t n_win_h,
@@ -39,12 +39,10 @@ std::int32_t find_vector_SONY(std::int32_t* cols, std::int32_t len, std::int32_t
 // search starts from the reference column's count and mean (-1: from no reference), and from
 // result 1 either way.
 std::int32_t flicker_choose_column(std::int32_t* cols, std::int32_t len, std::int32_t ncols,
-                                   std::int32_t thr, std::int32_t minMean,
-                                   std::int32_t reference);
-void vector_selection_SONY(const std::int32_t* prev, const std::int32_t* cur,
-                           std::int32_t n_win_h, std::int32_t n_win_w, std::int32_t win_wd,
-                           std::int32_t win_ht, std::int32_t* ignored, std::int32_t* outPrev,
-                           std::int32_t* outCur);
+                                   std::int32_t thr, std::int32_t minMean, std::int32_t reference);
+void vector_selection_SONY(const std::int32_t* prev, const std::int32_t* cur, std::int32_t n_win_h,
+                           std::int32_t n_win_w, std::int32_t win_wd, std::int32_t win_ht,
+                           std::int32_t* ignored, std::int32_t* outPrev, std::int32_t* outCur);
 
 // ---- Sub-pixel alignment ----
 extern std::int32_t ovector_out_tmp_working_memory[2000];
@@ -59,8 +57,7 @@ void convolve_Laplacian_filter_SONY(std::int32_t* in, std::int32_t* out, std::in
 // Shifts a vector by shift/den samples with linear interpolation and edge repetition.
 void subpixel_shift_vec_SONY(std::int32_t* in, std::int32_t* out, std::int32_t n,
                              std::int32_t shift, std::int32_t den);
-std::int32_t check_AE_stable_SONY(std::int32_t n, std::int32_t* curStats,
-                                  std::int32_t* prevStats);
+std::int32_t check_AE_stable_SONY(std::int32_t n, std::int32_t* curStats, std::int32_t* prevStats);
 void check_alignment_SONY(std::int32_t* offsets, std::int32_t n, std::int32_t,
                           std::int32_t& alignFlag);
 

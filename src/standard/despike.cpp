@@ -50,8 +50,7 @@ void merge(std::int64_t* smooth, std::int64_t* detail, std::int32_t n, std::int3
 void flicker_despike(std::int32_t* input, std::int32_t* output, std::int32_t n) {
   if (n < 1) return;
   if (n < kMinDespikeLen || n > kDespikeSize) {
-    LogRefusalFlk("flicker_despike", "%d samples outside %d..%d", n, kMinDespikeLen,
-                  kDespikeSize);
+    LogRefusalFlk("flicker_despike", "%d samples outside %d..%d", n, kMinDespikeLen, kDespikeSize);
     return;
   }
   std::int64_t* x = flicker_despike_working_memory_input1;
@@ -89,7 +88,7 @@ void flicker_despike(std::int32_t* input, std::int32_t* output, std::int32_t n) 
   std::int64_t* l3r = flicker_despike_working_memory_l3r;
   std::int64_t* l2r = flicker_despike_working_memory_l2r;
   std::int64_t* l1r = flicker_despike_working_memory_l1r;
-  merge(l3, h3, n, 4, flicker_despike_working_memory_h3r, l3r);  // 256x
+  merge(l3, h3, n, 4, flicker_despike_working_memory_h3r, l3r);   // 256x
   merge(l3r, h2, n, 2, flicker_despike_working_memory_h2r, l2r);  // 16x
   // The finest detail h1 only served the spike measure: it is dropped, not added back.
   convolve_synthesis(l2r, n, l1r, flicker_filter_s, 2, 2, 1, 0);  // 256x

@@ -26,7 +26,9 @@ constexpr std::int32_t kCandidateSlots = 10;
 constexpr std::int32_t kFilterHalf = 6;  // 13-tap low-pass: six taps each side of the centre
 
 // A valid mask position holds exactly 1; anything else (0, stale scratch) is not valid.
-inline bool valid(const std::int64_t* mask, std::int32_t i) { return mask[i] == 1; }
+inline bool valid(const std::int64_t* mask, std::int32_t i) {
+  return mask[i] == 1;
+}
 
 // Low-pass (flicker_filter_s1, unit gain in Q8) and decimate by `step`: the window is mirrored
 // six samples each side, edge sample repeated, into the analysis scratch. Returns the count.

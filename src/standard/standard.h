@@ -10,11 +10,11 @@
 #include "kestrel/flicker.h"
 
 // ---- Tables (built by the INIT of any type; the last INIT decides their contents) ----
-extern std::int32_t* g_flkTab1;   // 9 rows x g_flkTabW: 255 x cos of each candidate's phase
-extern std::int32_t* g_flkTab2;   // 9 rows x g_flkTabW: 255 x sin
+extern std::int32_t* g_flkTab1;     // 9 rows x g_flkTabW: 255 x cos of each candidate's phase
+extern std::int32_t* g_flkTab2;     // 9 rows x g_flkTabW: 255 x sin
 extern std::int32_t* g_flkCompTab;  // log table, 0..65535 scale
-extern std::int32_t g_flkTabW;    // row width of the trigonometric tables
-extern std::int32_t g_valuMax;    // largest statistic the log table covers
+extern std::int32_t g_flkTabW;      // row width of the trigonometric tables
+extern std::int32_t g_valuMax;      // largest statistic the log table covers
 
 void flicker_init(std::int32_t line_length, std::int32_t column_length, std::int32_t window_width,
                   double pclk);
@@ -76,15 +76,14 @@ extern std::int32_t line_curr_working_memory[kLineVectorSize];
 
 std::int32_t detectFlicker_SW(std::int64_t* prev, std::int64_t* cur, std::int32_t n_win_h,
                               std::int32_t n_win_w, std::int32_t win_wd, std::int32_t win_ht,
-                              std::int32_t, FlkSensorInfo, FlkEISVector, FlkAEInfo,
-                              std::int32_t*);
+                              std::int32_t, FlkSensorInfo, FlkEISVector, FlkAEInfo, std::int32_t*);
 
 // ---- Column selection ----
 void vector_selection(const std::int64_t* prev, const std::int64_t* cur, std::int32_t n_win_h,
                       std::int32_t n_win_w, std::int32_t win_wd, std::int32_t win_ht,
                       std::int32_t* ignored, std::int32_t* outPrev, std::int32_t* outCur);
-std::int32_t find_vector(std::int32_t* cols, std::int32_t len, std::int32_t ncols,
-                         std::int32_t thr, std::int32_t minMean);
+std::int32_t find_vector(std::int32_t* cols, std::int32_t len, std::int32_t ncols, std::int32_t thr,
+                         std::int32_t minMean);
 std::int32_t find_vector(std::int32_t* cols, std::int32_t len, std::int32_t ncols,
                          std::int32_t thr);
 std::int32_t measureMotion(const std::int32_t*, const std::int32_t*, std::uint32_t, std::int32_t);

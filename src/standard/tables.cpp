@@ -107,8 +107,8 @@ void calFlickerTable(std::int32_t line_length, std::int32_t column_length, doubl
     // below 2^31.
     static constexpr std::int32_t kKnotQ16[7] = {5140, 7453, 10794, 15934, 22616, 32382, 46260};
     // 257 x the width of each segment on the 0..255 scale.
-    static constexpr std::int64_t kSegmentDiv[8] = {5140, 2313, 3341, 5140, 6682, 9766, 13878,
-                                                    19275};
+    static constexpr std::int64_t kSegmentDiv[8] = {5140, 2313, 3341,  5140,
+                                                    6682, 9766, 13878, 19275};
     std::int32_t t[7];
     std::int32_t base[8];  // linear value at the start of each segment; doubles per knot
     base[0] = 0;
@@ -131,8 +131,7 @@ void calFlickerTable(std::int32_t line_length, std::int32_t column_length, doubl
   const auto stop = std::chrono::steady_clock::now();
   const auto elapsed_ns =
       std::chrono::duration_cast<std::chrono::nanoseconds>(stop - start).count();
-  std::printf("\ntime: %f\nsize: %d\n", static_cast<double>(elapsed_ns) / 1000000000.0,
-              n_entries);
+  std::printf("\ntime: %f\nsize: %d\n", static_cast<double>(elapsed_ns) / 1000000000.0, n_entries);
 }
 
 void flicker_init(std::int32_t line_length, std::int32_t column_length, std::int32_t window_width,

@@ -32,7 +32,7 @@ constexpr std::uint64_t kCountMask = 0xFFF;
 
 constexpr std::int32_t kNoValue = 1 << 30;  // "no candidate yet" of the value and crossing scans
 constexpr std::int32_t kFallbackCandidate = 2;  // no usable flagged candidate: column 1, even rows
-constexpr std::int32_t kInitialSelection = 1;  // column 0, odd rows
+constexpr std::int32_t kInitialSelection = 1;   // column 0, odd rows
 constexpr std::int32_t kCrossingThreshold = 2560;
 constexpr std::int32_t kBrightMean = 335544;
 

@@ -11,8 +11,8 @@
 
 // ---- Tables ----
 void flicker_init_2x5(std::int32_t line_length, std::int32_t column_length,
-                      std::int32_t window_width, std::int32_t block_height,
-                      std::int32_t green_only, double pclk);
+                      std::int32_t window_width, std::int32_t block_height, std::int32_t green_only,
+                      double pclk);
 void calLogTable_2x5(std::int32_t value_max, std::int32_t* table, std::int32_t shift);
 void calFftTable_2x5(std::int32_t sample_interval, std::int32_t width, std::int32_t count,
                      double pclk, std::int32_t* cosTable, std::int32_t* sinTable);
@@ -64,8 +64,7 @@ void determineValidLength_2x5(std::int32_t numWindows, const std::int32_t* offse
                               std::int32_t& total);
 void check_alignment_2x5(const std::int32_t* offsets, std::int32_t n, std::int32_t maxStep,
                          std::int32_t& flag);
-std::int32_t check_AE_stable_2x5(std::int32_t n, std::int32_t* curStats,
-                                 std::int32_t* prevStats);
+std::int32_t check_AE_stable_2x5(std::int32_t n, std::int32_t* curStats, std::int32_t* prevStats);
 
 // ---- Adaptive despike (shares the standard despike's working memories) ----
 extern std::int32_t flicker_despike_working_memory_l2r_32bit[2000];

@@ -15,7 +15,9 @@ namespace sony_test {
 
 using Vec = std::vector<std::int32_t>;
 
-inline Vec Head(const std::int32_t* values, std::size_t n) { return Vec(values, values + n); }
+inline Vec Head(const std::int32_t* values, std::size_t n) {
+  return Vec(values, values + n);
+}
 
 class SonyTest : public kestrel_test::LibraryTest {
  protected:
