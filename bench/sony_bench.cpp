@@ -7,6 +7,7 @@
 #include <numbers>
 #include <vector>
 
+#include "allocation_counter.h"
 #include "decision/decision.h"
 #include "interface/interface.h"
 #include "kestrel/flicker.h"
@@ -57,6 +58,7 @@ void BM_SonyDetect(benchmark::State& state) {
   const std::vector<std::int32_t> cur = Frame(1, rows, cols);
   std::vector<std::int32_t> prev_work(prev.size());
   std::vector<std::int32_t> cur_work(cur.size());
+  const std::int64_t before = kestrel_bench::g_allocations.load();  // the copies reuse capacity
   for (auto _ : state) {
     // The pipeline rewrites the grids in place: fresh copies every frame, outside the timing.
     state.PauseTiming();
@@ -68,6 +70,7 @@ void BM_SonyDetect(benchmark::State& state) {
                                                    kWindowWidth, band_rows, 0, FlkSensorInfo{},
                                                    FlkEISVector{}, FlkAEInfo{}, nullptr));
   }
+  kestrel_bench::ReportAllocations(state, before);
   flicker_uninit();
   SetLogSinkFlk(nullptr);
 }

@@ -12,26 +12,9 @@
 #include <numbers>
 #include <vector>
 
+#include "allocation_counter.h"
 #include "kestrel/flicker.h"
 #include "standard/standard.h"
-
-namespace {
-
-std::atomic<std::int64_t> g_allocations{0};
-
-}  // namespace
-
-void* operator new(std::size_t size) {
-  g_allocations.fetch_add(1, std::memory_order_relaxed);
-  if (void* p = std::malloc(size == 0 ? 1 : size)) return p;
-  throw std::bad_alloc();
-}
-void operator delete(void* p) noexcept {
-  std::free(p);
-}
-void operator delete(void* p, std::size_t) noexcept {
-  std::free(p);
-}
 
 namespace {
 
@@ -83,8 +66,7 @@ struct Setup {
 };
 
 void ReportAllocations(benchmark::State& state, std::int64_t before) {
-  state.counters["allocs_per_frame"] = benchmark::Counter(
-      static_cast<double>(g_allocations.load() - before), benchmark::Counter::kAvgIterations);
+  kestrel_bench::ReportAllocations(state, before);
 }
 
 // Through the public entry, as a host calls it (command and geometry log lines included).
@@ -99,7 +81,7 @@ void BM_CmdDetect(benchmark::State& state) {
   para.win_wd = 1000;
   para.win_ht = kRows;
   std::int32_t result = 0;
-  const std::int64_t before = g_allocations.load();
+  const std::int64_t before = kestrel_bench::g_allocations.load();
   for (auto _ : state) {
     SendCmdFlk(CMD_DETECT, &para, &result);
     benchmark::DoNotOptimize(result);
@@ -111,7 +93,7 @@ BENCHMARK(BM_CmdDetect);
 // The pipeline alone, without the command layer's logging.
 void BM_DetectFlickerSW(benchmark::State& state) {
   Setup s;
-  const std::int64_t before = g_allocations.load();
+  const std::int64_t before = kestrel_bench::g_allocations.load();
   for (auto _ : state) {
     const std::int32_t result = detectFlicker_SW(s.prev.data(), s.cur.data(), kBands, kColumns,
                                                  1000, kRows, 0, {}, {}, {}, nullptr);

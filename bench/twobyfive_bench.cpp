@@ -9,24 +9,10 @@
 #include <new>
 #include <vector>
 
+#include "allocation_counter.h"
 #include "decision/decision.h"
 #include "kestrel/flicker.h"
 #include "twobyfive/twobyfive.h"
-
-// Every allocation made while the benchmark runs; a DETECT should make none.
-static std::int64_t g_allocations = 0;
-
-void* operator new(std::size_t size) {
-  ++g_allocations;
-  if (void* p = std::malloc(size == 0 ? 1 : size)) return p;
-  throw std::bad_alloc();
-}
-void operator delete(void* p) noexcept {
-  std::free(p);
-}
-void operator delete(void* p, std::size_t) noexcept {
-  std::free(p);
-}
 
 namespace {
 
@@ -82,7 +68,7 @@ void BM_Detect2x5(benchmark::State& state) {
   detect.win_ht = kRows;
   std::int32_t result = 0;
   std::int64_t count = 0;
-  const std::int64_t allocations_before = g_allocations;
+  const std::int64_t allocations_before = kestrel_bench::g_allocations.load();
   for (auto _ : state) {
     // Alternate the pair's order so the banding moves both ways.
     detect.prev_stats = frames[count & 1].data();
@@ -92,8 +78,7 @@ void BM_Detect2x5(benchmark::State& state) {
     benchmark::DoNotOptimize(result);
     ++count;
   }
-  state.counters["allocs_per_frame"] =
-      static_cast<double>(g_allocations - allocations_before) / static_cast<double>(count);
+  kestrel_bench::ReportAllocations(state, allocations_before);
   SendCmdFlk(CMD_UNINIT, nullptr, nullptr);
   SetLogSinkFlk(nullptr);
   state.SetLabel("540 rows, 3 bands, 5 columns");
@@ -108,7 +93,7 @@ void BM_Detect2x5Driver(benchmark::State& state) {
   std::vector<std::int32_t> frames[2] = {Frame(0), Frame(1)};
   std::int32_t result = 0;
   std::int64_t count = 0;
-  const std::int64_t allocations_before = g_allocations;
+  const std::int64_t allocations_before = kestrel_bench::g_allocations.load();
   for (auto _ : state) {
     result = detectFlicker_SW_2x5(frames[count & 1].data(), frames[(count + 1) & 1].data(), 3,
                                   kColumns, kWidth, kRows, 0, {}, {}, {}, nullptr);
@@ -116,8 +101,7 @@ void BM_Detect2x5Driver(benchmark::State& state) {
     benchmark::DoNotOptimize(result);
     ++count;
   }
-  state.counters["allocs_per_frame"] =
-      static_cast<double>(g_allocations - allocations_before) / static_cast<double>(count);
+  kestrel_bench::ReportAllocations(state, allocations_before);
   SendCmdFlk(CMD_UNINIT, nullptr, nullptr);
   SetLogSinkFlk(nullptr);
   state.SetLabel("540 rows, 3 bands, 5 columns");

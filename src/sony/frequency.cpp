@@ -2,8 +2,6 @@
 // SONY frequency features: single-signal energies and the three-candidate search.
 #include "sony/sony.h"
 
-#include <vector>
-
 #include "decision/decision.h"
 #include "fixed_point.h"
 #include "interface/interface.h"
@@ -15,9 +13,18 @@ namespace {
 constexpr std::int32_t kSingleHeadroom = 22;
 // Common scale of the three-candidate energies: the maximum is shifted under 2^22 from 2^21.
 constexpr std::int32_t kChoiceHeadroom = 21;
-// Segments whose partial sums and 3^segments energies fit the fixed scratch (27 choices).
-constexpr std::int32_t kFixedSegments = 3;
-constexpr std::int32_t kFixedChoices = 27;
+// Scratch of the three-candidate search, sized for the most windows the alignment accepts:
+// per-segment sums, and the choice sums of each half of the segments (3^5 choices a half).
+constexpr std::int32_t kHalfChoices = 243;
+struct SonyChoiceScratch {
+  std::int64_t part_cos[9 * 3 * kSonyMaxWindows];
+  std::int64_t part_sin[9 * 3 * kSonyMaxWindows];
+  std::int64_t low_cos[9 * kHalfChoices];
+  std::int64_t low_sin[9 * kHalfChoices];
+  std::int64_t high_cos[9 * kHalfChoices];
+  std::int64_t high_sin[9 * kHalfChoices];
+};
+SonyChoiceScratch g_sonyChoices;
 
 }  // namespace
 
@@ -53,14 +60,8 @@ void flicker_compute_freq_3x_SONY(std::int32_t* version_a, std::int32_t* version
 
   // Partial sums by frequency, then segment and version (index 3 x segment + version).
   const std::int32_t* versions[3] = {version_a, version_b, version_c};
-  std::int64_t fixed_part[2 * 9 * 3 * kFixedSegments];
-  std::vector<std::int64_t> wide_part;
-  std::int64_t* part_cos = fixed_part;
-  if (segments > kFixedSegments) {
-    wide_part.resize(2 * 9 * 3 * static_cast<std::size_t>(segments));
-    part_cos = wide_part.data();
-  }
-  std::int64_t* const part_sin = part_cos + 9 * 3 * segments;
+  std::int64_t* const part_cos = g_sonyChoices.part_cos;
+  std::int64_t* const part_sin = g_sonyChoices.part_sin;
   const std::int32_t stride = 3 * segments;
   for (std::int32_t k = 0; k < 9; ++k) {
     for (std::int32_t i = 0; i < segments; ++i) {
@@ -86,21 +87,10 @@ void flicker_compute_freq_3x_SONY(std::int32_t* version_a, std::int32_t* version
   std::uint32_t low_choices = 1;
   for (std::int32_t i = 0; i < low_segments; ++i) low_choices *= 3;
   const std::uint32_t high_choices = choices / low_choices;
-  std::int64_t fixed_half[2 * 9 * (3 + 9)];  // up to three segments: 3 low and 9 high choices
-  std::int64_t fixed_energy[9 * kFixedChoices];
-  std::vector<std::int64_t> wide_half;
-  std::vector<std::int64_t> wide_energy;
-  std::int64_t* low_cos = fixed_half;
-  std::int64_t* energy = fixed_energy;
-  if (segments > kFixedSegments) {
-    wide_half.resize(2 * 9 * static_cast<std::size_t>(low_choices + high_choices));
-    wide_energy.resize(9 * static_cast<std::size_t>(choices));
-    low_cos = wide_half.data();
-    energy = wide_energy.data();
-  }
-  std::int64_t* const low_sin = low_cos + 9 * low_choices;
-  std::int64_t* const high_cos = low_sin + 9 * low_choices;
-  std::int64_t* const high_sin = high_cos + 9 * high_choices;
+  std::int64_t* const low_cos = g_sonyChoices.low_cos;
+  std::int64_t* const low_sin = g_sonyChoices.low_sin;
+  std::int64_t* const high_cos = g_sonyChoices.high_cos;
+  std::int64_t* const high_sin = g_sonyChoices.high_sin;
   auto tabulate = [&](std::int32_t first, std::int32_t count, std::uint32_t n,
                       std::int64_t* cos_out, std::int64_t* sin_out) {
     std::int32_t digit[kSonyMaxWindows] = {};
@@ -124,32 +114,43 @@ void flicker_compute_freq_3x_SONY(std::int32_t* version_a, std::int32_t* version
   tabulate(0, low_segments, low_choices, low_cos, low_sin);
   tabulate(low_segments, segments - low_segments, high_choices, high_cos, high_sin);
 
+  // The nine energies of choice q = h x low_choices + a.
+  const auto choice_energies = [&](std::uint32_t h, std::uint32_t a, std::int64_t* e) {
+    for (std::int32_t k = 0; k < 9; ++k) {
+      const std::int64_t re =
+          fx::rshift_round64(low_cos[k * low_choices + a] + high_cos[k * high_choices + h], b - 1);
+      const std::int64_t im =
+          fx::rshift_round64(low_sin[k * low_choices + a] + high_sin[k * high_choices + h], b - 1);
+      e[k] = fx::wrap_add64(fx::wrap_mul64(re, re), fx::wrap_mul64(im, im));
+    }
+  };
+
+  // Two passes instead of storing 9 x 3^segments energies: the largest sets the common scale,
+  // then every choice is rebuilt, scaled and scored.
+  std::int64_t energy[9];
   std::int64_t largest = 0;
   for (std::uint32_t h = 0; h < high_choices; ++h) {
     for (std::uint32_t a = 0; a < low_choices; ++a) {
-      std::int64_t* const e = energy + 9 * (h * low_choices + a);
-      for (std::int32_t k = 0; k < 9; ++k) {
-        const std::int64_t re = fx::rshift_round64(
-            low_cos[k * low_choices + a] + high_cos[k * high_choices + h], b - 1);
-        const std::int64_t im = fx::rshift_round64(
-            low_sin[k * low_choices + a] + high_sin[k * high_choices + h], b - 1);
-        e[k] = fx::wrap_add64(fx::wrap_mul64(re, re), fx::wrap_mul64(im, im));
-        if (e[k] > largest) largest = e[k];
+      choice_energies(h, a, energy);
+      for (const std::int64_t e : energy) {
+        if (e > largest) largest = e;
       }
     }
   }
-  flicker_scale_candidates(energy, static_cast<std::int32_t>(9 * choices), largest,
-                           kChoiceHeadroom);
 
   // The best frame score wins; ties keep the earlier choice (version_a everywhere first).
   std::int32_t best = INT32_MIN;
-  for (std::uint32_t q = 0; q < choices; ++q) {
-    std::int32_t scratch[9];
-    for (std::int32_t k = 0; k < 9; ++k) scratch[k] = fx::low32(energy[q * 9 + k]);
-    const std::int32_t score = get_current_llr(scratch, 9);
-    if (score > best) {
-      for (std::int32_t k = 0; k < 9; ++k) freq_out[k] = scratch[k];
-      best = score;
+  for (std::uint32_t h = 0; h < high_choices; ++h) {
+    for (std::uint32_t a = 0; a < low_choices; ++a) {
+      choice_energies(h, a, energy);
+      flicker_scale_candidates(energy, 9, largest, kChoiceHeadroom);
+      std::int32_t scratch[9];
+      for (std::int32_t k = 0; k < 9; ++k) scratch[k] = fx::low32(energy[k]);
+      const std::int32_t score = get_current_llr(scratch, 9);
+      if (score > best) {
+        for (std::int32_t k = 0; k < 9; ++k) freq_out[k] = scratch[k];
+        best = score;
+      }
     }
   }
 }

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // SONY frequency features: the 2^22 output scale of the single estimate, the 2^21 scale and the
-// first-choice tie-break of the three-candidate search, segment counts past the fixed scratch,
+// first-choice tie-break of the three-candidate search, four and ten segments,
 // and the refusals.
 #include <gtest/gtest.h>
 
@@ -47,7 +47,7 @@ TEST_F(SonyFrequency, ThreeCandidatesScaleFrom2To21AndTiesKeepTheFirst) {
   EXPECT_EQ(Out(), Nine(9, 0));
 }
 
-TEST_F(SonyFrequency, SegmentsPastTheFixedScratchPickTheFirstBestChoice) {
+TEST_F(SonyFrequency, FourSegmentsPickTheFirstBestChoice) {
   // Choice 30 (versions a b a b, segment 0 first) and a later one tie at the best score -1882;
   // the earlier is kept. Energies stay under 2^21: no scaling.
   std::int32_t a[8] = {30, -10, 5, 0, 12, -40, 7, 3};
