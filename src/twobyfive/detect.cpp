@@ -39,6 +39,20 @@ void transpose_band(const std::int32_t* band, std::int32_t rows, std::int32_t nc
   }
 }
 
+// Band by band: the column chosen on the current frame, copied from both frames.
+void select_bands(const std::int32_t* prev, const std::int32_t* cur, std::int32_t n_win_h,
+                  std::int32_t n_win_w, std::int32_t band_rows, std::int32_t* out_prev,
+                  std::int32_t* out_cur) {
+  for (std::int32_t b = 0; b < n_win_h; ++b) {
+    const std::int32_t offset = b * band_rows * n_win_w;
+    transpose_band(cur + offset, band_rows, n_win_w, cvector_out_working_memory);
+    const std::int32_t col =
+        find_vector_2x5(cvector_out_working_memory, band_rows, n_win_w, 0, kDarkMean);
+    copy_column(prev, cur, offset, band_rows, n_win_w, col, out_prev + b * band_rows,
+                out_cur + b * band_rows);
+  }
+}
+
 }  // namespace
 
 std::int32_t find_vector_2x5(std::int32_t* cols, std::int32_t len, std::int32_t ncols,
@@ -72,14 +86,7 @@ void vector_selection_2x5(const std::int32_t* prev, const std::int32_t* cur, std
       return;
     }
   }
-  for (std::int32_t b = 0; b < n_win_h; ++b) {
-    const std::int32_t offset = b * bandHeight * n_win_w;
-    transpose_band(cur + offset, bandHeight, n_win_w, cvector_out_working_memory);
-    const std::int32_t col =
-        find_vector_2x5(cvector_out_working_memory, bandHeight, n_win_w, 0, kDarkMean);
-    copy_column(prev, cur, offset, bandHeight, n_win_w, col, outPrev + b * bandHeight,
-                outCur + b * bandHeight);
-  }
+  select_bands(prev, cur, n_win_h, n_win_w, bandHeight, outPrev, outCur);
 }
 
 std::int32_t detectFlicker_SW_2x5(std::int32_t* prev, std::int32_t* cur, std::int32_t n_win_h,
@@ -136,14 +143,8 @@ std::int32_t detectFlicker_SW_2x5(std::int32_t* prev, std::int32_t* cur, std::in
       line_curr_working_memory[i] = cur[i];
     }
   } else {
-    for (std::int32_t b = 0; b < n_win_h; ++b) {
-      const std::int32_t offset = b * h * n_win_w;
-      transpose_band(cur + offset, h, n_win_w, cvector_out_working_memory);
-      const std::int32_t col =
-          find_vector_2x5(cvector_out_working_memory, h, n_win_w, 0, kDarkMean);
-      copy_column(prev, cur, offset, h, n_win_w, col, line_prev_working_memory + b * h,
-                  line_curr_working_memory + b * h);
-    }
+    select_bands(prev, cur, n_win_h, n_win_w, h, line_prev_working_memory,
+                 line_curr_working_memory);
   }
   PrintLineDataFlk(line_prev_working_memory, line_curr_working_memory, n, false);
 
