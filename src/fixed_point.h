@@ -70,7 +70,7 @@ constexpr std::int32_t round8_32(std::int32_t v) {
   return rshift_round32(v, 8);
 }
 
-// Signed division truncating toward zero, as the design divides everywhere. A zero divisor
+// Signed division truncating toward zero, as every division in the pipelines does. A zero divisor
 // gives 0 and INT_MIN / -1 wraps to INT_MIN instead of trapping.
 template <typename T>
 constexpr T div_trunc(T a, T b) {
