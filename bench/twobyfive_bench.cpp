@@ -53,7 +53,10 @@ std::vector<std::int32_t> Frame(std::int32_t index) {
   return grid;
 }
 
+// Argument 1: through SendCmdFlk, as a host calls it; 0: the driver alone, without the command
+// layer's always-printed lines.
 void BM_Detect2x5(benchmark::State& state) {
+  const bool through_command = state.range(0) != 0;
   SetLogSinkFlk(&Discard);
   FlkInitPara init{FLK_SENSOR_2X5, kLineLength, 2160, kWidth, kPclk, kBlock, 0};
   SendCmdFlk(CMD_INIT, &init, nullptr);
@@ -71,32 +74,15 @@ void BM_Detect2x5(benchmark::State& state) {
   const std::int64_t allocations_before = kestrel_bench::g_allocations.load();
   for (auto _ : state) {
     // Alternate the pair's order so the banding moves both ways.
-    detect.prev_stats = frames[count & 1].data();
-    detect.cur_stats = frames[(count + 1) & 1].data();
-    SendCmdFlk(CMD_DETECT, &detect, &result);
-    SendCmdFlk(CMD_RESET_QUEUE, nullptr, nullptr);
-    benchmark::DoNotOptimize(result);
-    ++count;
-  }
-  kestrel_bench::ReportAllocations(state, allocations_before);
-  SendCmdFlk(CMD_UNINIT, nullptr, nullptr);
-  SetLogSinkFlk(nullptr);
-  state.SetLabel("540 rows, 3 bands, 5 columns");
-}
-BENCHMARK(BM_Detect2x5)->Unit(benchmark::kMicrosecond);
-
-// The driver alone, without the command layer's always-printed lines.
-void BM_Detect2x5Driver(benchmark::State& state) {
-  SetLogSinkFlk(&Discard);
-  FlkInitPara init{FLK_SENSOR_2X5, kLineLength, 2160, kWidth, kPclk, kBlock, 0};
-  SendCmdFlk(CMD_INIT, &init, nullptr);
-  std::vector<std::int32_t> frames[2] = {Frame(0), Frame(1)};
-  std::int32_t result = 0;
-  std::int64_t count = 0;
-  const std::int64_t allocations_before = kestrel_bench::g_allocations.load();
-  for (auto _ : state) {
-    result = detectFlicker_SW_2x5(frames[count & 1].data(), frames[(count + 1) & 1].data(), 3,
-                                  kColumns, kWidth, kRows, 0, {}, {}, {}, nullptr);
+    std::int32_t* prev = frames[count & 1].data();
+    std::int32_t* cur = frames[(count + 1) & 1].data();
+    if (through_command) {
+      detect.prev_stats = prev;
+      detect.cur_stats = cur;
+      SendCmdFlk(CMD_DETECT, &detect, &result);
+    } else {
+      result = detectFlicker_SW_2x5(prev, cur, 3, kColumns, kWidth, kRows, 0, {}, {}, {}, nullptr);
+    }
     reset_flicker_queue();
     benchmark::DoNotOptimize(result);
     ++count;
@@ -106,6 +92,6 @@ void BM_Detect2x5Driver(benchmark::State& state) {
   SetLogSinkFlk(nullptr);
   state.SetLabel("540 rows, 3 bands, 5 columns");
 }
-BENCHMARK(BM_Detect2x5Driver)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_Detect2x5)->Arg(1)->Arg(0)->Unit(benchmark::kMicrosecond);
 
 }  // namespace
