@@ -94,6 +94,12 @@ constexpr std::int32_t clamp32(std::int32_t v, std::int32_t lo, std::int32_t hi)
   return v < lo ? lo : (v > hi ? hi : v);
 }
 
+// A bound worked out in 64 bits from host-given sizes, saturated to 32 bits: equal to the 32-bit
+// formula wherever that one does not overflow, and never wrapped into a huge loop bound.
+constexpr std::int32_t saturate32(std::int64_t v) {
+  return v < INT32_MIN ? INT32_MIN : (v > INT32_MAX ? INT32_MAX : static_cast<std::int32_t>(v));
+}
+
 }  // namespace fx
 
 #endif  // KESTREL_FIXED_POINT_H
