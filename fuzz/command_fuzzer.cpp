@@ -104,10 +104,11 @@ void Fill(FuzzedDataProvider& in, T* grid, std::size_t size, std::int32_t n_win_
       const double period = 2.0 + in.ConsumeIntegralInRange<int>(0, 400);
       const double phase = in.ConsumeProbability<double>() * 6.283185307179586;
       const std::size_t cols = n_win_w > 0 ? static_cast<std::size_t>(n_win_w) : 1;
-      for (std::size_t i = 0; i < size; ++i) {
-        const double row = static_cast<double>(i / cols);
-        grid[i] = static_cast<T>(
+      // One sine per row, the same value across the row's columns.
+      for (std::size_t row = 0; row * cols < size; ++row) {
+        const T v = static_cast<T>(
             level * (1.0 + depth * std::sin(6.283185307179586 * row / period + phase)));
+        std::fill(grid + row * cols, grid + std::min(size, (row + 1) * cols), v);
       }
       break;
     }
