@@ -3,7 +3,7 @@
 // hold exactly what the contract says they read. The first byte picks the stage:
 //   despikes      flicker_despike, flicker_despike_SONY, flickerDespikeAdaptive_2x5 (n <= 2000)
 //   frequencies   the single-signal and multi-candidate estimators of the three families, on
-//                 the trigonometric tables of a fixed INIT of the family
+//                 the trigonometric tables of one fixed INIT
 //   shift search  find_peaks, exhaust_search, exhaust_search_fine (len <= 1000, fullLen about
 //                 len << preShift, masks one entry a sample, as the alignment passes them)
 //   filter bank   the five convolution kernels (any taps, lengths, dilations and shifts)
@@ -46,15 +46,6 @@ std::vector<T> Samples(FuzzedDataProvider& in, std::size_t n) {
   return v;
 }
 
-// The tables of one family, built by a typical INIT (1000 rows) once per change of family.
-void TablesOf(std::int32_t type) {
-  static std::int32_t built = -1;
-  if (built == type) return;
-  FlkInitPara para{type, 2000, 1000, 64, 24e6, 2, 0};
-  SendCmdFlk(CMD_INIT, &para, nullptr);
-  built = type;
-}
-
 std::int32_t Length(FuzzedDataProvider& in, std::int32_t hi) {
   return in.ConsumeBool() ? in.ConsumeIntegralInRange<std::int32_t>(0, hi)
                           : in.ConsumeIntegralInRange<std::int32_t>(-3, 2003);
@@ -87,7 +78,6 @@ void Frequency(FuzzedDataProvider& in, int which) {
     case 0:
     case 1:
     case 2: {
-      TablesOf(which);
       const std::int32_t n = in.ConsumeIntegralInRange<std::int32_t>(-2, 1200);
       std::vector<std::int32_t> x = Samples<std::int32_t>(in, n > 0 ? n : 0);
       if (which == 0) flicker_compute_freq(x.data(), n, freq_out);
@@ -96,7 +86,6 @@ void Frequency(FuzzedDataProvider& in, int which) {
       break;
     }
     case 3: {
-      TablesOf(0);
       const std::int32_t count = in.ConsumeIntegralInRange<std::int32_t>(0, 10);
       std::vector<std::int32_t> lengths(count > 0 ? count : 1);
       std::size_t total = 0;
@@ -111,7 +100,6 @@ void Frequency(FuzzedDataProvider& in, int which) {
     }
     case 4:
     case 5: {
-      TablesOf(which == 4 ? 1 : 2);
       const std::int32_t count = in.ConsumeIntegralInRange<std::int32_t>(0, 10);
       const std::int32_t length = in.ConsumeIntegralInRange<std::int32_t>(0, 250);
       const std::size_t total = static_cast<std::size_t>(count) * length;
@@ -126,7 +114,6 @@ void Frequency(FuzzedDataProvider& in, int which) {
       break;
     }
     default: {
-      TablesOf(2);
       const std::int32_t count = in.ConsumeIntegralInRange<std::int32_t>(0, 10);
       std::vector<std::int32_t> lengths[3];
       std::vector<std::int32_t> signals[3];
@@ -219,6 +206,10 @@ void FilterBank(FuzzedDataProvider& in, int which) {
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
   SetLogSinkFlk(DiscardLog);
+  // The estimators read the trigonometric tables: one typical INIT (1000 rows) builds them once,
+  // for every family's estimator (a table build per input would cost more than the stage).
+  FlkInitPara para{FLK_SENSOR_STANDARD, 2000, 1000, 64, 24e6, 0, 0};
+  SendCmdFlk(CMD_INIT, &para, nullptr);
   return 0;
 }
 
