@@ -8,11 +8,11 @@
 #define KESTREL_BENCH_SOAK_H
 
 #include <kestrel/flicker.h>
-#include <unistd.h>
-
+#include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <limits>
 #include <vector>
@@ -60,20 +60,40 @@ inline std::vector<Session> Sessions() {
   };
 }
 
-inline std::int64_t ResidentBytes() {
-  long pages = 0, resident = 0;
-  if (std::FILE* f = std::fopen("/proc/self/statm", "r")) {
-    if (std::fscanf(f, "%ld %ld", &pages, &resident) != 2) resident = 0;
+// Resident memory of the process, in bytes: `field` "RssAnon" (heap, stacks, static data; where a
+// leak shows) or "VmRSS" (also the library and libc code paged in, which grows when a rare path
+// first runs).
+inline std::int64_t ResidentBytes(const char* field = "RssAnon") {
+  std::int64_t kib = -1;
+  if (std::FILE* f = std::fopen("/proc/self/status", "r")) {
+    char line[256];
+    const std::size_t n = std::strlen(field);
+    while (std::fgets(line, sizeof line, f) != nullptr) {
+      if (std::strncmp(line, field, n) == 0 && line[n] == ':') {
+        kib = std::strtoll(line + n + 1, nullptr, 10);
+        break;
+      }
+    }
     std::fclose(f);
   }
-  return static_cast<std::int64_t>(resident) * sysconf(_SC_PAGESIZE);
+  return kib * 1024;
 }
 
 class Soak {
  public:
   Soak() : sessions_(Sessions()) {
     SetLogSinkFlk(&Soak::Sink);
-    for (const Session& s : sessions_) grids_.push_back(Grids(s));
+    std::size_t largest = 0;
+    for (const Session& s : sessions_) {
+      grids_.push_back(Grids(s));
+      const SessionGrids& g = grids_.back();
+      largest = std::max(largest, g.wide.empty() ? g.narrow[0].size() : g.wide[0].size());
+    }
+    // The DETECT copies are sized once: the loop itself allocates nothing.
+    wide_prev_.reserve(largest);
+    wide_cur_.reserve(largest);
+    narrow_prev_.reserve(largest);
+    narrow_cur_.reserve(largest);
   }
   ~Soak() { SetLogSinkFlk(nullptr); }
   Soak(const Soak&) = delete;
@@ -85,7 +105,7 @@ class Soak {
     std::int64_t frames = 0;
     if (keep_as_reference) reference_.assign(sessions_.size(), {});
     for (std::size_t i = 0; i < sessions_.size(); ++i) {
-      results_.clear();
+      results_.clear();  // capacity kept: one session's frames
       RunSession(sessions_[i], grids_[i]);
       frames += static_cast<std::int64_t>(results_.size());
       if (keep_as_reference) {
@@ -148,8 +168,6 @@ class Soak {
     ext.is_zhdr = s.zhdr ? 1 : 0;
     SendCmdFlk(CMD_SET_EXT_PARA, &ext, nullptr);
 
-    std::vector<std::int64_t> wide_prev, wide_cur;
-    std::vector<std::int32_t> narrow_prev, narrow_cur;
     for (std::int32_t f = 0; f < kFramesPerSession; ++f) {
       if (f == 0 || f == kFramesPerSession / 2) {
         EvTable state = static_cast<EvTable>(f == 0 ? s.state : 1 - s.state);
@@ -166,15 +184,15 @@ class Soak {
       const std::size_t prev = static_cast<std::size_t>((f + kPhases - 1) % kPhases);
       const std::size_t cur = static_cast<std::size_t>(f % kPhases);
       if (s.init.type == 0) {
-        wide_prev = g.wide[prev];
-        wide_cur = g.wide[cur];
-        d.prev_stats = wide_prev.data();
-        d.cur_stats = wide_cur.data();
+        wide_prev_ = g.wide[prev];
+        wide_cur_ = g.wide[cur];
+        d.prev_stats = wide_prev_.data();
+        d.cur_stats = wide_cur_.data();
       } else {
-        narrow_prev = g.narrow[prev];
-        narrow_cur = g.narrow[cur];
-        d.prev_stats = narrow_prev.data();
-        d.cur_stats = narrow_cur.data();
+        narrow_prev_ = g.narrow[prev];
+        narrow_cur_ = g.narrow[cur];
+        d.prev_stats = narrow_prev_.data();
+        d.cur_stats = narrow_cur_.data();
       }
       std::int32_t result = -1;
       SendCmdFlk(CMD_DETECT, &d, &result);
@@ -194,6 +212,8 @@ class Soak {
   std::vector<SessionGrids> grids_;
   std::vector<std::vector<std::int8_t>> reference_;
   std::vector<std::int8_t> results_;
+  std::vector<std::int64_t> wide_prev_, wide_cur_;
+  std::vector<std::int32_t> narrow_prev_, narrow_cur_;
   std::int64_t mismatches_ = 0;
   static inline std::uint64_t digest_ = 14695981039346656037ull;
 };
