@@ -10,6 +10,7 @@
 #include <memory>
 #include <ostream>
 
+#include "fixed_point.h"
 #include "standard/standard.h"
 #include "support.h"
 
@@ -97,7 +98,12 @@ INSTANTIATE_TEST_SUITE_P(
         // An empty window has nothing to mirror: no pair, shift 0, unreliable.
         HostSizeCase{"CoarseSearchEmptyWindow", [] { return CoarseSearch(0, 32, 0); }, 1},
         HostSizeCase{"FineSearchHugeHalfSpan", [] { return FineSearch(INT_MAX, 128, 0); }, 7},
-        HostSizeCase{"FineSearchLowestFullLength", [] { return FineSearch(1, INT_MIN, 0); }, 7}),
+        HostSizeCase{"FineSearchLowestFullLength", [] { return FineSearch(1, INT_MIN, 0); }, 7},
+        // The rounding term of a 64-bit energy within 2^(k-1) of the top wraps, as the energies
+        // themselves do: (2^63 - 6 + 8) wraps to -2^63 + 2, and >> 4 is -2^59.
+        HostSizeCase{"RoundingShiftNearTheTopWraps",
+                     [] { return fx::rshift_round64(INT64_MAX - 5, 4) == -(INT64_C(1) << 59); },
+                     1}),
     [](const ::testing::TestParamInfo<HostSizeCase>& info) { return info.param.name; });
 
 }  // namespace
