@@ -36,9 +36,20 @@ if [ ! -f "$prefix/lib/cmake/GTest/GTestConfig.cmake" ]; then
   cmake --install build-arm64/googletest-build >/dev/null
 fi
 
+# The tool's header-only libraries are the same for every architecture, but the cross compiler
+# does not search /usr/include: it gets them (and only them) through a directory of links.
+headers=$PWD/build-arm64/host-headers
+mkdir -p "$headers"
+for dir in CLI nlohmann; do
+  [ -d /usr/include/$dir ] && ln -sfn /usr/include/$dir "$headers/$dir"
+done
+
 # The benchmarks need Google Benchmark for arm64 and measure nothing under an emulator: left out.
+# zlib is looked up in the arm64 sysroot only: without zlib1g-dev:arm64 the tool is built without
+# compressed recordings, and the replays below use plain ones.
 cmake -S . -B build-arm64/kestrel -DCMAKE_TOOLCHAIN_FILE="$toolchain" \
   -DKESTREL_ARM64_PREFIX="$prefix" -DGTest_DIR="$prefix/lib/cmake/GTest" \
+  -DCMAKE_CXX_FLAGS="-isystem $headers" \
   -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKESTREL_BUILD_BENCH=OFF >/dev/null
 cmake --build build-arm64/kestrel -j"$jobs"
 # The install check compiles a host with the machine's own compiler: x86-64 only.
