@@ -176,6 +176,21 @@ TEST_F(FineSearch, CompandedRatioInterpolatesBetweenTableEntries) {
   EXPECT_EQ(best, 9);  // no pair inside the cost window: the caller's index stays
 }
 
+// Cost window of a 200-sample window: samples 60 .. 187 (fullLen - 12 - |coarse|, exclusive).
+// A single valid pair inside it makes the one candidate win; outside, the caller's index stays.
+TEST_F(FineSearch, CostWindowEdges) {
+  for (const auto& [at, best] : {std::pair{59, 9}, {60, 0}, {187, 0}, {188, 9}}) {
+    Vectors v = Shifted(0);
+    v.cur_mask.assign(kLen, 0);
+    v.cur_mask[at] = 1;
+    std::int32_t index = 9;
+    exhaust_search_fine(v.cur.data(), v.prev.data(), v.cur_mask.data(), v.prev_mask.data(), kLen, 0,
+                        0, 0, 0, kLen, 0, index, cvector_out_test_ptr_array,
+                        cvector_out_test_length_working_memory);
+    EXPECT_EQ(index, best) << at;
+  }
+}
+
 TEST_F(FineSearch, ExactTiesKeepTheFirstCandidateAndNoPairKeepsTheIndex) {
   EXPECT_EQ(Fine(Constant(), 0, 5), 0);
   Vectors masked = Shifted(12);

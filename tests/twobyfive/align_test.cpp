@@ -141,6 +141,11 @@ TEST_F(TwoByFiveAlign, RejectionsAndRefusalsLeaveTheScore) {
   EXPECT_EQ(ae_, 0);
   EXPECT_EQ(score_, 777);
   EXPECT_EQ(std::count(freq_, freq_ + 9, 0), 9);
+  // A single window spans the frame whatever its nominal length.
+  log.Clear();
+  Align(std::vector<std::int32_t>(40, 64000), std::vector<std::int32_t>(40, 64000), 1, 0);
+  EXPECT_TRUE(log.Lines().empty());
+  EXPECT_EQ(ae_, 1);
 }
 
 }  // namespace
