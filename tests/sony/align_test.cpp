@@ -105,17 +105,18 @@ class SonyAlign : public sony_test::SonyTest {
 };
 
 TEST_F(SonyAlign, AllEqualCostsKeepShift8AsBestAnd7AsSecond) {
+  cvector_prev_full_working_memory[8] = cvector_current_full_working_memory[8] = -77;
   Align(tie_cur, tie_prev, 1);
   EXPECT_EQ(ae, 1);
   EXPECT_EQ(flag, 1);
   // Unregistered c - p; shift 8 (two whole samples): c - p[i + 2], the edge repeated; shift 7:
   // p interpolated (2 + p[1+k] + 3 p[2+k]) / 4.
   const Vec plain = {-26275, 28512, -30371, 24467, -50851, 4076, -54947, -10};
-  const Vec best = {-30371, 24467, -50851, 4076, -54947, -10, -54957, -10};
-  const Vec second = {-29387, 24494, -45758, 4081, -53928, -8, -54957, -10};
+  const Vec best = {-30371, 24467, -50851, 4076, -54947, -10, -54957, -10, -77};
+  const Vec second = {-29387, 24494, -45758, 4081, -53928, -8, -54957, -10, -77};
   EXPECT_EQ(Head(avector_out_working_memory, 8), plain);
-  EXPECT_EQ(Head(cvector_prev_full_working_memory, 8), best);
-  EXPECT_EQ(Head(cvector_current_full_working_memory, 8), second);
+  EXPECT_EQ(Head(cvector_prev_full_working_memory, 9), best);  // nothing past the window
+  EXPECT_EQ(Head(cvector_current_full_working_memory, 9), second);
 }
 
 TEST_F(SonyAlign, IdenticalFramesAlignAtShiftZeroAndAnExposureJumpClearsFreqOut) {

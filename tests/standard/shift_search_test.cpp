@@ -81,8 +81,8 @@ TEST(CoarseSearch, LowPassIsRoundedAndMirrorsTheEdgeSample) {
   // 32 at 21 gives 1 at output 16 and 2.5, rounded to 3, at output 24.
   Vectors v{Sparse(28, {{3, -32}, {21, 32}}), Sparse(28, {{0, 256}, {12, -1000}, {27, 256}}),
             Mask(28, 1), Mask(28, 1)};
-  // A 40-sample window leaves no room to score.
-  EXPECT_EQ(Coarse(v, 32, 40), std::pair(0, 1));
+  // The widest range, 2000, is still searched, but a 40-sample window leaves no room to score.
+  EXPECT_EQ(Coarse(v, 2000, 40), std::pair(0, 1));
   EXPECT_EQ(V(cvector_current_down_working_memory, cvector_current_down_working_memory + 7),
             (V{84, 14, -39, -172, -39, 0, 30}));
   EXPECT_EQ(V(cvector_prev_down_working_memory, cvector_prev_down_working_memory + 7),
