@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Frame alignment: exposure bounds, flat windows, block lengths, the coarse-range rejection, the
-// strict spread tolerance and the zHDR working vectors.
+// Frame alignment: exposure bounds, flat windows, block lengths, the coarse-range rejection and
+// the strict spread tolerance.
 #include <gtest/gtest.h>
 
 #include <cstdint>
@@ -35,7 +35,6 @@ class AlignTest : public kestrel_test::LibraryTest {
   }
   void TearDown() override {
     flicker_uninit();
-    std::fill(ZHDR_LE_SE_SELECT, ZHDR_LE_SE_SELECT + 10, 0);
     LibraryTest::TearDown();
   }
 
@@ -135,27 +134,6 @@ TEST_F(AlignTest, PerfectMatchIsFlat) {
   V same;
   for (std::int32_t r = 0; r < 400; ++r) same.push_back(Content(r, 0));
   EXPECT_EQ(Align(same, same, 1, 400), Lines{"window 1 is flat\n"});
-}
-
-// With zHDR statistics the working vector is every second row from the chosen exposure, without
-// smoothing: odd rows here equal a uniform frame of 1300000, even rows one of 1100000.
-TEST_F(AlignTest, ZhdrTakesEverySecondRowOfTheChosenExposure) {
-  const V prev(100, 1000000);
-  Align(V(100, 1300000), prev, 1, 100);
-  const std::int32_t odd_ratio = avector_out_working_memory[0];
-  Align(V(100, 1100000), prev, 1, 100);
-  const std::int32_t even_ratio = avector_out_working_memory[0];
-  ASSERT_NE(odd_ratio, even_ratio);
-  V cur(100);
-  for (int r = 0; r < 100; ++r) cur[r] = r % 2 == 1 ? 1300000 : 1100000;
-  is_zhdr = 1;
-  ZHDR_LE_SE_SELECT[0] = 1;
-  Align(cur, prev, 1, 100);
-  EXPECT_EQ(avector_out_working_memory[0], odd_ratio);
-  EXPECT_EQ(avector_out_working_memory[24], odd_ratio);
-  ZHDR_LE_SE_SELECT[0] = 0;
-  Align(cur, prev, 1, 100);
-  EXPECT_EQ(avector_out_working_memory[24], even_ratio);
 }
 
 TEST_F(AlignTest, RefusesMoreWindowsThanItRecords) {
