@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
-#include <ostream>
 #include <string>
 #include <vector>
 
@@ -25,127 +24,12 @@ class Command : public LibraryTest {
   }
 };
 
-// Commands sent under the given log flags and the exact lines they log.
-struct SequenceCase {
-  const char* name;
-  std::int32_t flow, state;  // g_logFlow, g_logState before the commands
-  void (*send)();
-  Lines lines;
-};
-
-void PrintTo(const SequenceCase& c, std::ostream* os) {
-  *os << c.name;
-}
-
-class Sequence : public Command, public ::testing::WithParamInterface<SequenceCase> {};
-
-TEST_P(Sequence, LogsExactly) {
-  g_logFlow = GetParam().flow;
-  g_logState = GetParam().state;
+TEST_F(Command, UnknownCodesAreLoggedAndIgnored) {
   LogCapture log;
-  GetParam().send();
-  EXPECT_EQ(log.Lines(), GetParam().lines);
+  SendCmdFlk(static_cast<FlkCmd>(7), nullptr, nullptr);
+  SendCmdFlk(static_cast<FlkCmd>(-1), nullptr, nullptr);
+  EXPECT_EQ(log.Lines(), (Lines{"[SendCmdFlk] Unknown command!", "[SendCmdFlk] Unknown command!"}));
 }
-
-template <typename T>
-void Send(FlkCmd cmd, T value) {
-  SendCmdFlk(cmd, &value, nullptr);
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Commands, Sequence,
-    ::testing::Values(
-        SequenceCase{"UnknownCodes",
-                     0,
-                     0,
-                     [] {
-                       SendCmdFlk(static_cast<FlkCmd>(7), nullptr, nullptr);
-                       SendCmdFlk(static_cast<FlkCmd>(-1), nullptr, nullptr);
-                     },
-                     {"[SendCmdFlk] Unknown command!", "[SendCmdFlk] Unknown command!"}},
-        // An INIT of an unknown type initialises nothing.
-        SequenceCase{"InitOfUnknownType",
-                     0,
-                     0,
-                     [] {
-                       Send(CMD_INIT, FlkInitPara{5, 3000, 1200, 64, 24000000.0, 2, 1});
-                       EXPECT_EQ(g_flkTabType, -1);
-                     },
-                     {"[SendCmdFlk] CMD_INIT",
-                      "[DoCmdInit] type(5) line_length(3000) column_length(1200) window_width(64) "
-                      "pclk(24000000.000000) block_height(2) green_only(1)",
-                      "[DoCmdInit] Unknown sensor type!"}},
-        // UNINIT twice is harmless.
-        SequenceCase{"FlowBracketsEveryHandler",
-                     1,
-                     0,
-                     [] {
-                       SendCmdFlk(CMD_RESET_QUEUE, nullptr, nullptr);
-                       SendCmdFlk(CMD_UNINIT, nullptr, nullptr);
-                       SendCmdFlk(CMD_UNINIT, nullptr, nullptr);
-                     },
-                     {"[SendCmdFlk] CMD_RESET_QUEUE", "[DoCmdResetQueue] +", "[DoCmdResetQueue] -",
-                      "[SendCmdFlk] CMD_UNINIT", "[DoCmdUninit] +", "[DoCmdUninit] -",
-                      "[SendCmdFlk] CMD_UNINIT", "[DoCmdUninit] +", "[DoCmdUninit] -"}},
-        // Each bracket follows the flow flag as it stands at that end; bit 0 is flow and state,
-        // bit 1 line data.
-        SequenceCase{
-            "SetLogLevelBrackets",
-            0,
-            0,
-            [] {
-              for (const FlkLogPara word : {1, 2, 3, 4, 0}) {
-                Send(CMD_SET_LOG_LEVEL, word);
-                EXPECT_EQ((std::vector<std::int32_t>{g_logFlow, g_logLineData, g_logState}),
-                          (std::vector<std::int32_t>{word & 1, (word >> 1) & 1, word & 1}))
-                    << word;
-              }
-            },
-            {"[SendCmdFlk] CMD_SET_LOG_LEVEL", "[set_log_level] log_flow(1) log_line_data(0)",
-             "[set_log] state(1)", "[DoCmdSetLogLevel] -", "[SendCmdFlk] CMD_SET_LOG_LEVEL",
-             "[DoCmdSetLogLevel] +", "[set_log_level] log_flow(0) log_line_data(1)",
-             "[set_log] state(0)", "[SendCmdFlk] CMD_SET_LOG_LEVEL",
-             "[set_log_level] log_flow(1) log_line_data(1)", "[set_log] state(1)",
-             "[DoCmdSetLogLevel] -", "[SendCmdFlk] CMD_SET_LOG_LEVEL", "[DoCmdSetLogLevel] +",
-             "[set_log_level] log_flow(0) log_line_data(0)", "[set_log] state(0)",
-             "[SendCmdFlk] CMD_SET_LOG_LEVEL", "[set_log_level] log_flow(0) log_line_data(0)",
-             "[set_log] state(0)"}},
-        SequenceCase{"SetStateLogsTheValue",
-                     0,
-                     0,
-                     [] {
-                       Send(CMD_SET_STATE, EV_TABLE_50HZ);
-                       EXPECT_EQ(g_flickerResult, 2);
-                     },
-                     {"[SendCmdFlk] CMD_SET_STATE", "[DoCmdSetState] set state(0)"}},
-        SequenceCase{"SetStateLogsTheStateUnderItsFlag",
-                     0,
-                     1,
-                     [] {
-                       Send(CMD_SET_STATE, EV_TABLE_60HZ);
-                       EXPECT_EQ(g_flickerResult, 3);
-                     },
-                     {"[SendCmdFlk] CMD_SET_STATE", "[DoCmdSetState] set state(1)",
-                      "Set flicker state (60hz) according to 1"}},
-        SequenceCase{
-            "MissingRecords",
-            0,
-            0,
-            [] {
-              std::int32_t result = -1;
-              SendCmdFlk(CMD_DETECT, nullptr, &result);
-              EXPECT_EQ(result, 0);  // no state set yet
-              for (const FlkCmd cmd :
-                   {CMD_INIT, CMD_SET_STATE, CMD_SET_EXT_PARA, CMD_SET_LOG_LEVEL}) {
-                SendCmdFlk(cmd, nullptr, nullptr);
-              }
-            },
-            {"[SendCmdFlk] CMD_DETECT", "[DoCmdDetect] refused: no FlkDetectPara record, result 0",
-             "[SendCmdFlk] CMD_INIT", "[DoCmdInit] refused: no FlkInitPara record",
-             "[SendCmdFlk] CMD_SET_STATE", "[DoCmdSetState] refused: no EvTable value",
-             "[SendCmdFlk] CMD_SET_EXT_PARA", "[DoCmdSetExtPara] refused: no FlkExtPara record",
-             "[SendCmdFlk] CMD_SET_LOG_LEVEL", "[DoCmdSetLogLevel] refused: no FlkLogPara word"}}),
-    [](const ::testing::TestParamInfo<SequenceCase>& info) { return info.param.name; });
 
 TEST_F(Command, DetectOfAnUnknownTypeAnswersFiftyHertz) {
   FlkDetectPara para{};
@@ -164,6 +48,79 @@ TEST_F(Command, DetectOfAnUnknownTypeAnswersFiftyHertz) {
             (Lines{"[SendCmdFlk] CMD_DETECT",
                    "[DoCmdDetect] type(3) n_win_h(2) n_win_w(4) win_wd(8) win_ht(16) cur_freq(50)",
                    "[DoCmdDetect] Unknown sensor type!"}));
+}
+
+TEST_F(Command, InitOfAnUnknownTypeInitialisesNothing) {
+  FlkInitPara para{5, 3000, 1200, 64, 24000000.0, 2, 1};
+  LogCapture log;
+  SendCmdFlk(CMD_INIT, &para, nullptr);
+  EXPECT_EQ(log.Lines(), (Lines{"[SendCmdFlk] CMD_INIT",
+                                "[DoCmdInit] type(5) line_length(3000) column_length(1200) "
+                                "window_width(64) pclk(24000000.000000) block_height(2) "
+                                "green_only(1)",
+                                "[DoCmdInit] Unknown sensor type!"}));
+  EXPECT_EQ(g_flkTabType, -1);
+}
+
+TEST_F(Command, FlowFlagBracketsEveryHandler) {
+  g_logFlow = 1;
+  LogCapture log;
+  SendCmdFlk(CMD_RESET_QUEUE, nullptr, nullptr);
+  SendCmdFlk(CMD_UNINIT, nullptr, nullptr);
+  SendCmdFlk(CMD_UNINIT, nullptr, nullptr);  // twice is harmless
+  EXPECT_EQ(log.Lines(),
+            (Lines{"[SendCmdFlk] CMD_RESET_QUEUE", "[DoCmdResetQueue] +", "[DoCmdResetQueue] -",
+                   "[SendCmdFlk] CMD_UNINIT", "[DoCmdUninit] +", "[DoCmdUninit] -",
+                   "[SendCmdFlk] CMD_UNINIT", "[DoCmdUninit] +", "[DoCmdUninit] -"}));
+  EXPECT_EQ(g_flkTab1, nullptr);
+}
+
+TEST_F(Command, SetLogLevelBracketsFollowTheFlagAtEachEnd) {
+  FlkLogPara on = 1;
+  FlkLogPara off = 0;
+  LogCapture log;
+  SendCmdFlk(CMD_SET_LOG_LEVEL, &on, nullptr);
+  SendCmdFlk(CMD_SET_LOG_LEVEL, &off, nullptr);
+  EXPECT_EQ(log.Lines(),
+            (Lines{"[SendCmdFlk] CMD_SET_LOG_LEVEL", "[set_log_level] log_flow(1) log_line_data(0)",
+                   "[set_log] state(1)", "[DoCmdSetLogLevel] -", "[SendCmdFlk] CMD_SET_LOG_LEVEL",
+                   "[DoCmdSetLogLevel] +", "[set_log_level] log_flow(0) log_line_data(0)",
+                   "[set_log] state(0)"}));
+}
+
+struct LogLevelCase {
+  FlkLogPara word;
+  std::int32_t flow, line_data, state;
+};
+class LogLevel : public LibraryTest, public ::testing::WithParamInterface<LogLevelCase> {};
+
+TEST_P(LogLevel, SetsTheThreeFlags) {
+  FlkLogPara word = GetParam().word;
+  LogCapture log;
+  SendCmdFlk(CMD_SET_LOG_LEVEL, &word, nullptr);
+  EXPECT_EQ(g_logFlow, GetParam().flow);
+  EXPECT_EQ(g_logLineData, GetParam().line_data);
+  EXPECT_EQ(g_logState, GetParam().state);
+}
+
+INSTANTIATE_TEST_SUITE_P(Words, LogLevel,
+                         ::testing::Values(LogLevelCase{1, 1, 0, 1}, LogLevelCase{2, 0, 1, 0},
+                                           LogLevelCase{3, 1, 1, 1}, LogLevelCase{4, 0, 0, 0}));
+
+TEST_F(Command, SetStateLogsTheValueAndSetsTheResult) {
+  EvTable state = EV_TABLE_50HZ;
+  LogCapture log;
+  SendCmdFlk(CMD_SET_STATE, &state, nullptr);
+  EXPECT_EQ(g_flickerResult, 2);
+  EXPECT_EQ(log.Lines(), (Lines{"[SendCmdFlk] CMD_SET_STATE", "[DoCmdSetState] set state(0)"}));
+
+  g_logState = 1;
+  log.Clear();
+  state = EV_TABLE_60HZ;
+  SendCmdFlk(CMD_SET_STATE, &state, nullptr);
+  EXPECT_EQ(g_flickerResult, 3);
+  EXPECT_EQ(log.Lines(), (Lines{"[SendCmdFlk] CMD_SET_STATE", "[DoCmdSetState] set state(1)",
+                                "Set flicker state (60hz) according to 1"}));
 }
 
 TEST_F(Command, SetExtParaDumpsTwelveLinesUnderTheFlowFlag) {
@@ -215,6 +172,24 @@ TEST_F(Command, DetectWithoutTablesIsRefusedWithTheCurrentResult) {
       "[DoCmdDetect] refused: no tables for sensor type 0 (CMD_INIT of that type first), "
       "result 3"));
   EXPECT_EQ(g_queueCount, 0);
+}
+
+TEST_F(Command, MissingRecordsAreRefused) {
+  std::int32_t result = -1;
+  LogCapture log;
+  SendCmdFlk(CMD_DETECT, nullptr, &result);
+  SendCmdFlk(CMD_INIT, nullptr, nullptr);
+  SendCmdFlk(CMD_SET_STATE, nullptr, nullptr);
+  SendCmdFlk(CMD_SET_EXT_PARA, nullptr, nullptr);
+  SendCmdFlk(CMD_SET_LOG_LEVEL, nullptr, nullptr);
+  EXPECT_EQ(result, 0);  // no state set yet
+  EXPECT_EQ(
+      log.Lines(),
+      (Lines{"[SendCmdFlk] CMD_DETECT", "[DoCmdDetect] refused: no FlkDetectPara record, result 0",
+             "[SendCmdFlk] CMD_INIT", "[DoCmdInit] refused: no FlkInitPara record",
+             "[SendCmdFlk] CMD_SET_STATE", "[DoCmdSetState] refused: no EvTable value",
+             "[SendCmdFlk] CMD_SET_EXT_PARA", "[DoCmdSetExtPara] refused: no FlkExtPara record",
+             "[SendCmdFlk] CMD_SET_LOG_LEVEL", "[DoCmdSetLogLevel] refused: no FlkLogPara word"}));
 }
 
 }  // namespace
