@@ -91,6 +91,7 @@ TEST_F(AlignTest, ExposureBoundsAreInclusive) {
 // A uniform scene has no gradient peak: every window is flat and taken unaligned, the offsets'
 // spread is 0 and the registered path runs on the unregistered ratio.
 TEST_F(AlignTest, UniformSceneIsFlatEverywhereAndStillRegistered) {
+  cvector_out_working_memory[75] = ovector_out_working_memory[75] = -77;
   EXPECT_EQ(Align(V(300, 1300000), V(300, 1000000), 3, 100),
             (Lines{"window 1 is flat\n", "window 2 is flat\n", "window 3 is flat\n"}));
   EXPECT_EQ(Flags(), std::pair(1, 1));
@@ -101,7 +102,10 @@ TEST_F(AlignTest, UniformSceneIsFlatEverywhereAndStillRegistered) {
        {avector_out_working_memory, cvector_out_working_memory, ovector_out_working_memory}) {
     EXPECT_EQ(V(v, v + 75), V(75, ratio));
   }
-  EXPECT_EQ(avector_out_working_memory[75], 0);
+  // Nothing past the three windows.
+  EXPECT_EQ((V{avector_out_working_memory[75], cvector_out_working_memory[75],
+               ovector_out_working_memory[75]}),
+            (V{0, -77, -77}));
   // An odd window of 101 rows: m = 51 working samples and ceil(51 / 2) = 26 log-ratio samples.
   // A last window of a single row still gives one: 25 + 1 as well.
   for (const std::int32_t windows : {1, 2}) {
