@@ -122,6 +122,8 @@ TEST_F(AlignTest, CoarseMinus36ForcesTheFallback) {
             (Lines{"window 1 is aligned with offset -36\n", "window 1 cannot be aligned reliably\n",
                    "frame can't be registered reliably\n"}));
   EXPECT_EQ(Flags(), std::pair(1, 1));
+  // Exactly the range, 32, is not beyond it: the window is aligned and logs nothing.
+  EXPECT_EQ(AlignShifted({32}), Lines{});
 }
 
 // Offsets 0 and 12 spread by exactly the tolerance of 12: not registered (strict test); 0 and

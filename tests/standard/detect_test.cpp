@@ -65,7 +65,9 @@ TEST_F(DetectTest, RefusesGeometryOutsideTheBuffersBeforeAnyWork) {
         {4, 1, 504, 0, "504 log-ratio samples above the table row of 500"},
         {4, 4, 100, 1, "zHDR windows 4 x 4 above 12"},
         // Odd bands: zHDR windows of 100 rows, so 404 rows make five window rows.
-        {4, 3, 101, 1, "zHDR windows 5 x 3 above 12"}}) {
+        {4, 3, 101, 1, "zHDR windows 5 x 3 above 12"},
+        // One band of 401 rows: windows of 400, the last row alone in a second window row.
+        {1, 7, 401, 1, "zHDR windows 2 x 7 above 12"}}) {
     is_zhdr = static_cast<std::uint8_t>(zhdr);
     LogCapture log;
     EXPECT_EQ(Driver(prev, cur, n_win_h, n_win_w, win_ht), 2);

@@ -95,6 +95,18 @@ TEST(CoarseSearch, ScansMinus36To32InStepsOf4) {
   EXPECT_EQ(Coarse(Shifted(36)), std::pair(32, 0));
 }
 
+// Decimated by 4 at a total shift of 3: the margin is 5 decimated samples and scoring starts
+// after it. A single valid current sample at 5 (statistics row 20) pairs with nothing; at 6 it
+// does.
+TEST(CoarseSearch, ScoringStartsPastTheMargin) {
+  for (const auto& [at, unreliable] : {std::pair{20, 1}, {24, 0}}) {
+    Vectors v = Shifted(12);
+    v.cur_mask.assign(kLen, 0);
+    v.cur_mask[at] = 1;
+    EXPECT_EQ(Coarse(v).second, unreliable) << at;
+  }
+}
+
 TEST(CoarseSearch, MorePairsBeatALowerCost) {
   // Current mask valid from working sample 80, previous below 120: shift 32 has 18 valid pairs,
   // the true shift 12 only 13 (with a far lower cost).
