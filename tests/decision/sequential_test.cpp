@@ -3,7 +3,9 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <ostream>
 #include <string>
+#include <vector>
 
 #include "decision/decision.h"
 #include "support.h"
@@ -13,6 +15,7 @@ namespace {
 using kestrel_test::LibraryTest;
 using kestrel_test::LogCapture;
 
+constexpr std::int32_t kReset = -99999;  // a RESET_QUEUE in a score sequence
 const std::int32_t kWorked[9] = {100, 100, 100, 100, 356, 100, 100, 100, 100};  // scores 91
 
 class SequentialTest : public LibraryTest {
@@ -49,21 +52,52 @@ TEST_F(SequentialTest, InvalidFramesAreLoggedAlwaysAndNeverQueued) {
                                                    "Seq_test: invalid mean_freq:0, is_valid:1\n"}));
 }
 
-struct ThresholdCase {
-  std::int32_t last_score;  // the two first frames score 725 each
-  std::int32_t result;
+// Valid scores pushed one by one through the 2x5 test (T = 8 in both states by default).
+struct RunCase {
+  const char* name;
+  EvTable state;
+  std::int32_t max_past, threshold;  // threshold: ev50_thresholds[1] and ev60_thresholds[1]
+  std::vector<std::int32_t> scores, results;
 };
-class Threshold : public SequentialTest, public ::testing::WithParamInterface<ThresholdCase> {};
 
-TEST_P(Threshold, RoundedSumMustExceedT) {
-  test_next_frame_2x5(nullptr, 9, 1, 14, 725);
-  test_next_frame_2x5(nullptr, 9, 1, 14, 725);
-  EXPECT_EQ(test_next_frame_2x5(nullptr, 9, 1, 14, GetParam().last_score), GetParam().result);
+void PrintTo(const RunCase& c, std::ostream* os) {
+  *os << c.name;
 }
 
-// T = 8: a sum of 8 x 256 + 127 rounds to 8 and stays; + 128 rounds to 9 and switches.
-INSTANTIATE_TEST_SUITE_P(Boundary, Threshold,
-                         ::testing::Values(ThresholdCase{725, 2}, ThresholdCase{726, 3}));
+class Run : public LibraryTest, public ::testing::WithParamInterface<RunCase> {};
+
+TEST_P(Run, ResultAfterEachScore) {
+  const RunCase& c = GetParam();
+  set_flicker_state(c.state);
+  ev50_thresholds[1] = ev60_thresholds[1] = c.threshold;
+  std::vector<std::int32_t> results;
+  for (const std::int32_t score : c.scores) {
+    if (score == kReset) {
+      reset_flicker_queue();
+      continue;
+    }
+    results.push_back(test_next_frame_2x5(nullptr, 9, 1, c.max_past, score));
+  }
+  EXPECT_EQ(results, c.results);
+}
+
+// 8 x 256 + 127 rounds to 8 and stays, + 128 rounds to 9 and switches; a reset queue needs three
+// fresh frames again; max_past 0 sums nothing, which switches only below a negative threshold.
+INSTANTIATE_TEST_SUITE_P(
+    Scores, Run,
+    ::testing::Values(
+        RunCase{"RoundedSumAtT", EV_TABLE_50HZ, 14, 8, {725, 725, 725}, {2, 2, 2}},
+        RunCase{"RoundedSumAboveT", EV_TABLE_50HZ, 14, 8, {725, 725, 726}, {2, 2, 3}},
+        RunCase{"SixtyToFifty", EV_TABLE_60HZ, 14, 8, {2000, 2000, 2000}, {3, 3, 2}},
+        RunCase{"ResetNeedsThreeFreshFrames",
+                EV_TABLE_50HZ,
+                14,
+                8,
+                {3000, 3000, 3000, kReset, 3000, 3000, 3000},
+                {2, 2, 3, 2, 2, 3}},
+        RunCase{"MaxPastZero", EV_TABLE_50HZ, 0, 8, {9000, 9000, 9000}, {2, 2, 2}},
+        RunCase{"MaxPastZeroNegativeT", EV_TABLE_50HZ, 0, -1, {9000, 9000, 9000}, {2, 2, 3}}),
+    [](const ::testing::TestParamInfo<RunCase>& info) { return info.param.name; });
 
 TEST_F(SequentialTest, ThreeStrongScoresSwitchFiftyToSixtyWithTheirLines) {
   g_logState = 1;
@@ -92,21 +126,6 @@ TEST_F(SequentialTest, StandardTestLogsItsStatisticsLine) {
                                       "cur_score:0,seq_score:1\n"}));
 }
 
-TEST_F(SequentialTest, SixtyHertzStateSwitchesToFifty) {
-  set_flicker_state(EV_TABLE_60HZ);
-  g_logState = 1;
-  LogCapture log;
-  for (int i = 0; i < 2; ++i) test_next_frame_2x5(nullptr, 9, 1, 14, 2000);
-  EXPECT_EQ(test_next_frame_2x5(nullptr, 9, 1, 14, 2000), 2);
-  EXPECT_TRUE(log.Contains("Seq_test: switch 60 -> 50\n"));
-}
-
-TEST_F(SequentialTest, MaxPastZeroSumsNothing) {
-  for (int i = 0; i < 3; ++i) EXPECT_EQ(test_next_frame_2x5(nullptr, 9, 1, 0, 9000), 2);
-  ev50_thresholds[1] = -1;
-  EXPECT_EQ(test_next_frame_2x5(nullptr, 9, 1, 0, 9000), 3);
-}
-
 TEST_F(SequentialTest, OnlyTheNewestScoresCount) {
   for (int i = 0; i < 3; ++i) test_next_frame_2x5(nullptr, 9, 1, 14, 3000);
   for (int i = 0; i < 14; ++i) test_next_frame_2x5(nullptr, 9, 1, 14, -100);
@@ -121,15 +140,6 @@ TEST_F(SequentialTest, SlrtScoreTruncatesInsteadOfRounding) {
   EXPECT_EQ(get_slrt_score(14), 1);  // 400 / 256
   EXPECT_EQ(get_slrt_score(1), 0);   // 200 / 256
   EXPECT_EQ(get_slrt_score(0), 0);
-}
-
-TEST_F(SequentialTest, ResetQueueNeedsFreshFramesAgain) {
-  for (int i = 0; i < 3; ++i) test_next_frame_2x5(nullptr, 9, 1, 14, 3000);
-  reset_flicker_queue();
-  EXPECT_EQ(g_queueCount, 0);
-  EXPECT_EQ(test_next_frame_2x5(nullptr, 9, 1, 14, 3000), 2);
-  EXPECT_EQ(test_next_frame_2x5(nullptr, 9, 1, 14, 3000), 2);
-  EXPECT_EQ(test_next_frame_2x5(nullptr, 9, 1, 14, 3000), 3);
 }
 
 }  // namespace

@@ -49,6 +49,9 @@ TEST(FilterBank, ExtensionsDilationDecimationAndRounding) {
   // Step 2 on five samples writes three outputs; s = 1 rounds halves away from zero.
   EXPECT_EQ(Both(false, kOne, 0, 0, 1, 0, 2, I32{10, 11, 12, 13, 14}), (I32{10, 12, 14, -5, -5}));
   EXPECT_EQ(Both(false, kOne, 0, 0, 1, 1, 1, I32{1, -1, -3, -2, 3, 0}), (I32{1, -1, -2, -1, 2, 0}));
+  // The largest shift of the 32-bit kernels, 30, still rounds.
+  EXPECT_EQ(Both(false, kOne, 0, 0, 1, 30, 1, I32{1 << 30, 1 << 29, (1 << 29) - 1, -(1 << 29)}),
+            (I32{1, 1, 0, -1}));
   // Pads of 8 around 3 samples: the mirror repeats the edge instead of reading past it.
   EXPECT_EQ(Both(false, flicker_filter_s, 2, 2, 4, 4, 1, I32(3, 5)), I32(3, 5));
   // d = 1: a zero before the negated mirror on the left, the mirror skips x[n - 1] on the

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "interface/interface.h"
@@ -44,79 +45,58 @@ TEST(Logging, PropertiesComeFromTheEnvironmentOffAndroid) {
   ::unsetenv("persist_kestrel_flicker_test");
 }
 
-struct Log2Case {
-  std::int64_t x;
-  std::int32_t log2;
-};
-class FindLog2 : public ::testing::TestWithParam<Log2Case> {};
-
-TEST_P(FindLog2, IsTheHighestSetBit) {
-  EXPECT_EQ(findlog2(static_cast<std::int32_t>(GetParam().x)), GetParam().log2);
-  EXPECT_EQ(findlog2(GetParam().x), GetParam().log2);
-}
-
-INSTANTIATE_TEST_SUITE_P(Values, FindLog2,
-                         ::testing::Values(Log2Case{0, 0}, Log2Case{1, 0}, Log2Case{2, 1},
-                                           Log2Case{1023, 9}, Log2Case{1024, 10},
-                                           Log2Case{0x7fffffff, 30}));
-
-TEST(Logging, SixtyFourBitLog2ReachesPastThirtyTwoBits) {
+TEST(Logging, FindLog2IsTheHighestSetBitAtBothWidths) {
+  for (const auto& [x, log2] : {std::pair<std::int64_t, std::int32_t>{0, 0},
+                                {1, 0},
+                                {2, 1},
+                                {1023, 9},
+                                {1024, 10},
+                                {0x7fffffff, 30}}) {
+    EXPECT_EQ(findlog2(static_cast<std::int32_t>(x)), log2) << x;
+    EXPECT_EQ(findlog2(x), log2) << x;
+  }
   EXPECT_EQ(findlog2(std::int64_t{1} << 40), 40);
 }
 
-TEST(Logging, PauseIsStoredAndReturned) {
-  setFlkPause(7);
-  EXPECT_EQ(getFlkPause(), 7);
-  setFlkPause(0);
-  setLMVcnt(5);  // accepted and ignored
-}
-
-class LineDump : public LibraryTest {
- protected:
-  void SetUp() override {
-    LibraryTest::SetUp();
-    g_logLineData = 1;
-    for (std::int32_t i = 0; i < 25; ++i) {
-      prev_[i] = i;
-      cur_[i] = 100 + i;
-    }
-  }
-  std::int32_t prev_[25];
-  std::int32_t cur_[25];
+// Rows of ten prev/cur pairs; the closing row pads with -1 and comes even after full rows.
+struct DumpCase {
+  const char* name;
+  std::int32_t n;
+  bool closing;
+  std::size_t rows;
+  std::string last;  // start of the last row
 };
 
-TEST_F(LineDump, ClosingRowIsPaddedWithMinusOne) {
+class LineDump : public LibraryTest, public ::testing::WithParamInterface<DumpCase> {};
+
+TEST_P(LineDump, RowsOfTenPairs) {
+  std::int32_t prev[25];
+  std::int32_t cur[25];
+  for (std::int32_t i = 0; i < 25; ++i) {
+    prev[i] = i;
+    cur[i] = 100 + i;
+  }
   LogCapture log;
-  PrintLineDataFlk(prev_, cur_, 25, true);
-  ASSERT_EQ(log.Lines().size(), 3u);
+  PrintLineDataFlk(prev, cur, GetParam().n, GetParam().closing);
+  g_logLineData = 1;
+  PrintLineDataFlk(prev, cur, GetParam().n, GetParam().closing);
+  ASSERT_EQ(log.Lines().size(), GetParam().rows);  // nothing without the flag
   EXPECT_EQ(
       log.Lines()[0],
       "Line[    0]:     0,   100,     1,   101,     2,   102,     3,   103,     4,   104,     "
       "5,   105,     6,   106,     7,   107,     8,   108,     9,   109,\n");
-  EXPECT_EQ(log.Lines()[2],
-            "Line[   20]:    20,   120,    21,   121,    22,   122,    23,   123,    24,   124,    "
-            "-1,    -1,    -1,    -1,    -1,    -1,    -1,    -1,    -1,    -1,\n");
+  EXPECT_EQ(log.Lines().back().substr(0, GetParam().last.size()), GetParam().last);
 }
 
-TEST_F(LineDump, FullRowsStillGetAClosingRow) {
-  LogCapture log;
-  PrintLineDataFlk(prev_, cur_, 20, true);
-  ASSERT_EQ(log.Lines().size(), 3u);
-  EXPECT_EQ(log.Lines()[2].substr(0, 25), "Line[   20]:    -1,    -1");
-}
-
-TEST_F(LineDump, WithoutClosingRowAPartialRowIsNeverPrinted) {
-  LogCapture log;
-  PrintLineDataFlk(prev_, cur_, 25, false);
-  ASSERT_EQ(log.Lines().size(), 2u);
-  EXPECT_EQ(log.Lines()[1].substr(0, 12), "Line[   10]:");
-}
-
-TEST_F(LineDump, NothingWithoutTheFlag) {
-  g_logLineData = 0;
-  LogCapture log;
-  PrintLineDataFlk(prev_, cur_, 25, true);
-  EXPECT_TRUE(log.Lines().empty());
-}
+INSTANTIATE_TEST_SUITE_P(
+    Cases, LineDump,
+    ::testing::Values(
+        DumpCase{
+            "PartialRowClosed", 25, true, 3,
+            "Line[   20]:    20,   120,    21,   121,    22,   122,    23,   123,    24,   124,  "
+            "  -1,    -1,    -1,    -1,    -1,    -1,    -1,    -1,    -1,    -1,\n"},
+        DumpCase{"FullRowsStillClosed", 20, true, 3, "Line[   20]:    -1,    -1"},
+        DumpCase{"PartialRowNeverPrintedUnclosed", 25, false, 2, "Line[   10]:    10,   110"}),
+    [](const ::testing::TestParamInfo<DumpCase>& info) { return info.param.name; });
 
 }  // namespace

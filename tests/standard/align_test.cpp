@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Frame alignment: exposure bounds, flat windows, block lengths, the coarse-range rejection, the
-// strict spread tolerance and the zHDR working vectors.
+// Frame alignment: exposure bounds, flat windows, block lengths, the coarse-range rejection and
+// the strict spread tolerance.
 #include <gtest/gtest.h>
 
 #include <cstdint>
@@ -35,7 +35,6 @@ class AlignTest : public kestrel_test::LibraryTest {
   }
   void TearDown() override {
     flicker_uninit();
-    std::fill(ZHDR_LE_SE_SELECT, ZHDR_LE_SE_SELECT + 10, 0);
     LibraryTest::TearDown();
   }
 
@@ -92,6 +91,7 @@ TEST_F(AlignTest, ExposureBoundsAreInclusive) {
 // A uniform scene has no gradient peak: every window is flat and taken unaligned, the offsets'
 // spread is 0 and the registered path runs on the unregistered ratio.
 TEST_F(AlignTest, UniformSceneIsFlatEverywhereAndStillRegistered) {
+  cvector_out_working_memory[75] = ovector_out_working_memory[75] = -77;
   EXPECT_EQ(Align(V(300, 1300000), V(300, 1000000), 3, 100),
             (Lines{"window 1 is flat\n", "window 2 is flat\n", "window 3 is flat\n"}));
   EXPECT_EQ(Flags(), std::pair(1, 1));
@@ -102,11 +102,17 @@ TEST_F(AlignTest, UniformSceneIsFlatEverywhereAndStillRegistered) {
        {avector_out_working_memory, cvector_out_working_memory, ovector_out_working_memory}) {
     EXPECT_EQ(V(v, v + 75), V(75, ratio));
   }
-  EXPECT_EQ(avector_out_working_memory[75], 0);
+  // Nothing past the three windows.
+  EXPECT_EQ((V{avector_out_working_memory[75], cvector_out_working_memory[75],
+               ovector_out_working_memory[75]}),
+            (V{0, -77, -77}));
   // An odd window of 101 rows: m = 51 working samples and ceil(51 / 2) = 26 log-ratio samples.
-  Align(V(101, 1300000), V(101, 1000000), 1, 101);
-  EXPECT_EQ(avector_out_working_memory[25], ratio);
-  EXPECT_EQ(avector_out_working_memory[26], 0);
+  // A last window of a single row still gives one: 25 + 1 as well.
+  for (const std::int32_t windows : {1, 2}) {
+    Align(V(101, 1300000), V(101, 1000000), windows, windows == 1 ? 101 : 100);
+    EXPECT_EQ(avector_out_working_memory[25], ratio) << windows;
+    EXPECT_EQ(avector_out_working_memory[26], 0) << windows;
+  }
 }
 
 // The scene moved up by 36 working samples: the coarse search's extra negative candidate -36
@@ -116,6 +122,8 @@ TEST_F(AlignTest, CoarseMinus36ForcesTheFallback) {
             (Lines{"window 1 is aligned with offset -36\n", "window 1 cannot be aligned reliably\n",
                    "frame can't be registered reliably\n"}));
   EXPECT_EQ(Flags(), std::pair(1, 1));
+  // Exactly the range, 32, is not beyond it: the window is aligned and logs nothing.
+  EXPECT_EQ(AlignShifted({32}), Lines{});
 }
 
 // Offsets 0 and 12 spread by exactly the tolerance of 12: not registered (strict test); 0 and
@@ -132,27 +140,6 @@ TEST_F(AlignTest, PerfectMatchIsFlat) {
   V same;
   for (std::int32_t r = 0; r < 400; ++r) same.push_back(Content(r, 0));
   EXPECT_EQ(Align(same, same, 1, 400), Lines{"window 1 is flat\n"});
-}
-
-// With zHDR statistics the working vector is every second row from the chosen exposure, without
-// smoothing: odd rows here equal a uniform frame of 1300000, even rows one of 1100000.
-TEST_F(AlignTest, ZhdrTakesEverySecondRowOfTheChosenExposure) {
-  const V prev(100, 1000000);
-  Align(V(100, 1300000), prev, 1, 100);
-  const std::int32_t odd_ratio = avector_out_working_memory[0];
-  Align(V(100, 1100000), prev, 1, 100);
-  const std::int32_t even_ratio = avector_out_working_memory[0];
-  ASSERT_NE(odd_ratio, even_ratio);
-  V cur(100);
-  for (int r = 0; r < 100; ++r) cur[r] = r % 2 == 1 ? 1300000 : 1100000;
-  is_zhdr = 1;
-  ZHDR_LE_SE_SELECT[0] = 1;
-  Align(cur, prev, 1, 100);
-  EXPECT_EQ(avector_out_working_memory[0], odd_ratio);
-  EXPECT_EQ(avector_out_working_memory[24], odd_ratio);
-  ZHDR_LE_SE_SELECT[0] = 0;
-  Align(cur, prev, 1, 100);
-  EXPECT_EQ(avector_out_working_memory[24], even_ratio);
 }
 
 TEST_F(AlignTest, RefusesMoreWindowsThanItRecords) {

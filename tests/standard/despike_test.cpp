@@ -77,10 +77,11 @@ TEST(Despike, UnusableLengthsLeaveTheOutputUntouched) {
   V in(2001, 1000);
   V out(2001, 7);
   kestrel_test::LogCapture log;
-  for (const std::int32_t n : {0, -3, 13, 2001}) flicker_despike(in.data(), out.data(), n);
+  for (const std::int32_t n : {0, -3, 1, 13, 2001}) flicker_despike(in.data(), out.data(), n);
   EXPECT_EQ(out, V(2001, 7));
   EXPECT_EQ(log.Lines(),
-            (std::vector<std::string>{"[flicker_despike] refused: 13 samples outside 14..2000",
+            (std::vector<std::string>{"[flicker_despike] refused: 1 samples outside 14..2000",
+                                      "[flicker_despike] refused: 13 samples outside 14..2000",
                                       "[flicker_despike] refused: 2001 samples outside 14..2000"}));
 }
 

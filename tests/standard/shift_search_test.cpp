@@ -81,8 +81,8 @@ TEST(CoarseSearch, LowPassIsRoundedAndMirrorsTheEdgeSample) {
   // 32 at 21 gives 1 at output 16 and 2.5, rounded to 3, at output 24.
   Vectors v{Sparse(28, {{3, -32}, {21, 32}}), Sparse(28, {{0, 256}, {12, -1000}, {27, 256}}),
             Mask(28, 1), Mask(28, 1)};
-  // A 40-sample window leaves no room to score.
-  EXPECT_EQ(Coarse(v, 32, 40), std::pair(0, 1));
+  // The widest range, 2000, is still searched, but a 40-sample window leaves no room to score.
+  EXPECT_EQ(Coarse(v, 2000, 40), std::pair(0, 1));
   EXPECT_EQ(V(cvector_current_down_working_memory, cvector_current_down_working_memory + 7),
             (V{84, 14, -39, -172, -39, 0, 30}));
   EXPECT_EQ(V(cvector_prev_down_working_memory, cvector_prev_down_working_memory + 7),
@@ -93,6 +93,18 @@ TEST(CoarseSearch, ScansMinus36To32InStepsOf4) {
   EXPECT_EQ(Coarse(Shifted(12)), std::pair(12, 0));
   EXPECT_EQ(Coarse(Shifted(-36)), std::pair(-36, 0));
   EXPECT_EQ(Coarse(Shifted(36)), std::pair(32, 0));
+}
+
+// Decimated by 4 at a total shift of 3: the margin is 5 decimated samples and scoring starts
+// after it. A single valid current sample at 5 (statistics row 20) pairs with nothing; at 6 it
+// does.
+TEST(CoarseSearch, ScoringStartsPastTheMargin) {
+  for (const auto& [at, unreliable] : {std::pair{20, 1}, {24, 0}}) {
+    Vectors v = Shifted(12);
+    v.cur_mask.assign(kLen, 0);
+    v.cur_mask[at] = 1;
+    EXPECT_EQ(Coarse(v).second, unreliable) << at;
+  }
 }
 
 TEST(CoarseSearch, MorePairsBeatALowerCost) {
@@ -174,6 +186,21 @@ TEST_F(FineSearch, CompandedRatioInterpolatesBetweenTableEntries) {
   EXPECT_EQ(V(cvector_out_test_working_memory, cvector_out_test_working_memory + 5),
             (V{23691, 26417 - 23691, 25054 - 26417, 0, 62803}));
   EXPECT_EQ(best, 9);  // no pair inside the cost window: the caller's index stays
+}
+
+// Cost window of a 200-sample window: samples 60 .. 187 (fullLen - 12 - |coarse|, exclusive).
+// A single valid pair inside it makes the one candidate win; outside, the caller's index stays.
+TEST_F(FineSearch, CostWindowEdges) {
+  for (const auto& [at, best] : {std::pair{59, 9}, {60, 0}, {187, 0}, {188, 9}}) {
+    Vectors v = Shifted(0);
+    v.cur_mask.assign(kLen, 0);
+    v.cur_mask[at] = 1;
+    std::int32_t index = 9;
+    exhaust_search_fine(v.cur.data(), v.prev.data(), v.cur_mask.data(), v.prev_mask.data(), kLen, 0,
+                        0, 0, 0, kLen, 0, index, cvector_out_test_ptr_array,
+                        cvector_out_test_length_working_memory);
+    EXPECT_EQ(index, best) << at;
+  }
 }
 
 TEST_F(FineSearch, ExactTiesKeepTheFirstCandidateAndNoPairKeepsTheIndex) {

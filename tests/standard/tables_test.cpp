@@ -121,21 +121,6 @@ TEST_F(TablesTest, TimingLineAlwaysAndTheGeometryLineOnlyWithFlowLogging) {
                                        "flicker_init 4000 columnLen=2000 winW = 512 -2147483648"));
 }
 
-TEST_F(TablesTest, InitRebuildsAndUninitTwiceThroughTheCommandEntry) {
-  FlkInitPara para{FLK_SENSOR_STANDARD, 4000, 2000, 512, 240e6, 0, 0};
-  Init(5000, 2001, 511, 480e6);
-  testing::internal::CaptureStdout();
-  SendCmdFlk(CMD_INIT, &para, nullptr);
-  EXPECT_THAT(testing::internal::GetCapturedStdout(), testing::EndsWith("\nsize: 2049\n"));
-  EXPECT_EQ(g_flkTabW, 500);
-  EXPECT_EQ(g_flkTab1[3 * 500 + 4], 251);
-  SendCmdFlk(CMD_UNINIT, nullptr, nullptr);
-  SendCmdFlk(CMD_UNINIT, nullptr, nullptr);
-  EXPECT_TRUE(g_flkTab1 == nullptr && g_flkTab2 == nullptr && g_flkCompTab == nullptr);
-  // The scalars survive an UNINIT.
-  EXPECT_EQ(std::pair(g_flkTabW, g_valuMax), std::pair(500, 8388480));
-}
-
 TEST_F(TablesTest, AbsurdGeometryFreesTheOldTablesAndBuildsNone) {
   LogCapture log;
   for (const auto& [column_length, window_width, pclk] :

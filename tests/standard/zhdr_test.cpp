@@ -119,6 +119,7 @@ TEST_F(ZhdrSelectionTest, CountAtThresholdDisqualifiesAndSelection3IsColumn1OddR
   ZHDR_LE_SAT_PREV[0] = ZHDR_LE_SAT_PREV[1] = 10;
   ZHDR_SE_NOI_CURR[0] = 10;
   ZHDR_SE_NOI_CURR[1] = 9;
+  ZHDR_SE_SAT_CURR[1] = 9;  // the only flag, though its value 18 is the largest of the four
   EXPECT_EQ(Select(Ramp(), 1), "zHDR_vector_selection: 3 \n");
   EXPECT_EQ(ZHDR_LE_SE_SELECT[0], 1);
   EXPECT_EQ((V{out_cur[0], out_cur[15], out_prev[15]}), (V{1001, 1031, 5031}));

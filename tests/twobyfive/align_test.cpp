@@ -50,6 +50,12 @@ TEST(TwoByFiveAlignHelpers, ShiftsLoseWholeSamplesAtTheirEnd) {
     EXPECT_EQ(start - vector, c.skipped);
     EXPECT_EQ(total, c.total);
   }
+  // A zero denominator loses nothing.
+  std::int32_t pad = -1, valid = -1, total = -1, vector[1];
+  std::int32_t* start = vector;
+  const std::int32_t offset = -9;
+  determineValidLength_2x5(1, &offset, &pad, 0, lens, 2, &valid, start, total);
+  EXPECT_EQ((std::vector<std::int32_t>{pad, valid, total}), (std::vector<std::int32_t>{0, 18, 18}));
 }
 
 // Zero trigonometric tables of 2048 columns and a log table linear in the statistic: L(v) = v / 64.
@@ -141,6 +147,11 @@ TEST_F(TwoByFiveAlign, RejectionsAndRefusalsLeaveTheScore) {
   EXPECT_EQ(ae_, 0);
   EXPECT_EQ(score_, 777);
   EXPECT_EQ(std::count(freq_, freq_ + 9, 0), 9);
+  // A single window spans the frame whatever its nominal length.
+  log.Clear();
+  Align(std::vector<std::int32_t>(40, 64000), std::vector<std::int32_t>(40, 64000), 1, 0);
+  EXPECT_TRUE(log.Lines().empty());
+  EXPECT_EQ(ae_, 1);
 }
 
 }  // namespace

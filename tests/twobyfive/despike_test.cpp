@@ -67,6 +67,7 @@ TEST(TwoByFiveDespike, NegativeLevelsOverlongAndShortSignals) {
                              "[flickerDespikeAdaptive_2x5] refused: 2001 samples exceed 2000"});
   const std::vector<std::int32_t> tiny = {1, 500, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13};
   EXPECT_EQ(Despike(tiny, 3), tiny);
+  EXPECT_EQ(Despike({42}, 1), std::vector<std::int32_t>{42});
 }
 
 }  // namespace

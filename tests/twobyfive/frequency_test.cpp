@@ -72,6 +72,9 @@ TEST_F(TwoByFiveFrequency, EqualLengthSearchKeepsTheFirstVersionOnTies) {
   std::int32_t a[4] = {1, 1, 1, 1}, b[4] = {2, 2, 2, 2}, c[4] = {3, 3, 3, 3};
   flicker_compute_freq_3x_2x5(a, b, c, 1, 4, freq_);
   EXPECT_EQ(Features(), Values(9, 1));
+  std::int32_t zeros[10] = {};  // ten segments, the most a frame has
+  flicker_compute_freq_3x_2x5(zeros, zeros, zeros, 10, 1, freq_);
+  EXPECT_EQ(Features(), Values(9, 0));
   flicker_compute_freq_3x_2x5(a, b, c, 0, 4, freq_);
   EXPECT_EQ(Features(), Values(9, 0));
 }

@@ -77,6 +77,9 @@ TEST_F(TwoByFiveTables, AbsurdGeometryFreesTheTablesAndRefuses) {
   EXPECT_EQ(g_valuMax, 2147475330);
   Init(300, 524414, 2, 1);
   EXPECT_EQ(g_valuMax, 2147475330);
+  Init(300, 5, 0, 0);  // no block height: every sample at the first line's phase
+  EXPECT_EQ((Values{g_flkTab1[4 * g_flkTabW + 37], g_flkTab2[4 * g_flkTabW + 37]}),
+            (Values{255, 0}));
 }
 
 }  // namespace
