@@ -93,7 +93,11 @@ struct FlkFrameScorer {
   FlkScoreTerms Terms(const std::int32_t* f, std::uint32_t n, std::int32_t m) const {
     const std::uint32_t j =
         static_cast<std::uint32_t>(k) > n - 1 ? n - 1 : static_cast<std::uint32_t>(k);
-    const std::int32_t d = fx::clamp32(fx::wrap_sub32(f[j], m), -kDeviationClamp, kDeviationClamp);
+    return TermsOf(f[j], m);
+  }
+  // Terms of the scored feature's value fk against the divisor m.
+  FlkScoreTerms TermsOf(std::int32_t fk, std::int32_t m) const {
+    const std::int32_t d = fx::clamp32(fx::wrap_sub32(fk, m), -kDeviationClamp, kDeviationClamp);
     // The shift is 32-bit on purpose: d = +2^23 becomes INT32_MIN, so a saturated positive
     // deviation scores as a large negative one.
     const std::int32_t z = fx::div_trunc(fx::wrap_shl32(d, 8), m);

@@ -298,19 +298,43 @@ void flicker_pick_choice(const FlkChoiceHalf& low, const FlkChoiceHalf& high, Co
     p = flicker_scale_shift(largest, headroom);
   }
 
+  // Per block of low choices, frequency by frequency: the features of every choice, then their
+  // clamped 32-bit sums (wrapping sums reorder freely: all nine less feature k), then the scores.
+  constexpr std::uint32_t kBlock = 243;
+  std::int32_t features[9][kBlock];
+  std::int32_t sums[kBlock];
   const FlkFrameScorer scorer;
+  constexpr std::int32_t kClamp = FlkFrameScorer::kFeatureClamp;
+  const bool exclude = scorer.k >= 0 && scorer.k < 9;
+  const std::int32_t j = static_cast<std::uint32_t>(scorer.k) > 8u ? 8 : scorer.k;
   for (std::uint32_t hi = 0; hi < nh; ++hi) {
-    for (std::uint32_t lo = 0; lo < nl; ++lo) {
-      const std::int32_t length = length_of(hi, lo);
-      std::int32_t features[9];
+    for (std::uint32_t first = 0; first < nl; first += kBlock) {
+      const std::uint32_t n = nl - first < kBlock ? nl - first : kBlock;
       for (std::int32_t k = 0; k < 9; ++k) {
-        const std::int64_t e = energy(k, hi, lo, length);
-        features[k] = fx::low32(p > 0 ? fx::rshift_round64(e, p) : e);
+        std::int32_t* __restrict out = features[k];
+        for (std::uint32_t i = 0; i < n; ++i) {
+          const std::int64_t e = energy(k, hi, first + i, length_of(hi, first + i));
+          out[i] = fx::low32(p > 0 ? fx::rshift_round64(e, p) : e);
+        }
       }
-      const std::int32_t score = scorer(features, 9);
-      if (score > best_score) {
-        best_score = score;
-        for (std::int32_t k = 0; k < 9; ++k) freq_out[k] = features[k];
+      for (std::uint32_t i = 0; i < n; ++i) sums[i] = 0;
+      for (std::int32_t k = 0; k < 9; ++k) {
+        const std::int32_t* __restrict f = features[k];
+        for (std::uint32_t i = 0; i < n; ++i) {
+          sums[i] = fx::wrap_add32(sums[i], fx::clamp32(f[i], -kClamp, kClamp));
+        }
+      }
+      for (std::uint32_t i = 0; i < n; ++i) {
+        std::int32_t others = sums[i];
+        if (exclude)
+          others = fx::wrap_sub32(others, fx::clamp32(features[scorer.k][i], -kClamp, kClamp));
+        const std::int32_t mean =
+            static_cast<std::int32_t>(static_cast<std::uint32_t>(others) / 8u);
+        const std::int32_t score = scorer.TermsOf(features[j][i], mean > 1 ? mean : 1).score;
+        if (score > best_score) {
+          best_score = score;
+          for (std::int32_t k = 0; k < 9; ++k) freq_out[k] = features[k][i];
+        }
       }
     }
   }
