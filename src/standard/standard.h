@@ -196,15 +196,18 @@ void flicker_tabulate_choices(const std::int64_t* part_re, const std::int64_t* p
                               std::int32_t stride, std::int32_t first, std::int32_t count,
                               std::uint32_t n, std::int64_t* re_out, std::int64_t* im_out);
 
-// The common shift of a search whose component is rshift_round64(sum, s), without visiting every
-// choice: true with `p` set when bounds on the largest energy (from `largest`) give one shift.
-// A choice's rounded (Re, Im) lies within 1/2 of its sums / 2^s; its length is at most the largest
+// The common shift of a search whose component is rshift_round64(sum, s) (min_length 0) or the
+// Q7 average trunc(128 x sum / length) over choices at least min_length long, without visiting
+// every choice: true with `p` set when bounds on the largest energy (from `largest`) give one
+// shift. A choice's rounded (Re, Im) lies within 1/2 of its sums / 2^s (an average within
+// 128 / min_length of them, truncation only shrinking it); their length is at most the largest
 // projection on 32 directions / cos(pi / 32), and each projection's maximum is the sum of the two
 // halves' maxima. The choice reaching each maximum is evaluated exactly for the lower bound.
-template <typename Energy>
+template <typename Energy, typename LengthOf>
 bool flicker_choice_energy_bounds(const FlkChoiceHalf& low, const FlkChoiceHalf& high,
-                                  std::int32_t s, Energy energy, std::int64_t largest,
-                                  std::int32_t headroom, std::int32_t& p) {
+                                  std::int32_t s, std::int64_t min_length, Energy energy,
+                                  LengthOf length_of, std::int64_t largest, std::int32_t headroom,
+                                  std::int32_t& p) {
   // cos(j pi / 16) in Q14, j = 0..8.
   static constexpr std::int64_t kCos[9] = {16384, 16069, 15137, 13623, 11585, 9102, 6270, 3196, 0};
   constexpr std::int64_t kSumLimit = std::int64_t{1} << 46;  // keeps the projections in 64 bits
@@ -243,14 +246,18 @@ bool flicker_choice_energy_bounds(const FlkChoiceHalf& low, const FlkChoiceHalf&
         }
       }
       // Rounding moves each component by at most 1/2: the projection by at most 0.71.
-      const std::int64_t m = ((top[0] + top[1]) >> (s + 14)) + 2;
+      // Normalised: a bound on the raw sums' projection (Q14 floor plus one).
+      const std::int64_t m =
+          min_length > 0 ? ((top[0] + top[1]) >> 14) + 1 : ((top[0] + top[1]) >> (s + 14)) + 2;
       if (m > reach) reach = m;
-      const std::int64_t e = energy(k, best[1], best[0], 0);
+      const std::int64_t e = energy(k, best[1], best[0], length_of(best[1], best[0]));
       if (e > lower) lower = e;
     }
     // 1030 / 1024 >= 1 / (cos(pi / 32) - 2^-14.5), the last term for the Q14 rounding of the
     // directions.
-    const std::int64_t radius = (reach * 1030 >> 10) + 1;
+    std::int64_t radius = (reach * 1030 >> 10) + 1;
+    // Normalised: truncation toward zero only shrinks 128 x sum / length, length >= min_length.
+    if (min_length > 0) radius = (radius * 128 + min_length - 1) / min_length + 1;
     if (radius >= (std::int64_t{1} << 31)) return false;  // the squares could wrap
     if (radius * radius > upper) upper = radius * radius;
   }
@@ -262,8 +269,9 @@ bool flicker_choice_energy_bounds(const FlkChoiceHalf& low, const FlkChoiceHalf&
 // square enters the energy; the nine energies of every choice are scaled by the common shift of
 // the largest of all (from `largest`) and scored; the first choice scoring strictly above
 // best_score replaces it and freq_out. When the component is rshift_round64(sum, bound_shift)
-// (bound_shift >= 0; -1 otherwise), bounds may settle the shift without the pass that finds the
-// largest energy.
+// (bound_shift >= 0; -1 otherwise), or the halves carry lengths and the component is the Q7
+// average over the choice's length (0 counting as 1), bounds may settle the shift without the
+// pass that finds the largest energy.
 template <typename Component>
 void flicker_pick_choice(const FlkChoiceHalf& low, const FlkChoiceHalf& high, Component component,
                          std::int32_t bound_shift, std::int64_t largest, std::int32_t headroom,
@@ -281,8 +289,27 @@ void flicker_pick_choice(const FlkChoiceHalf& low, const FlkChoiceHalf& high, Co
 
   bool shift_known = false;
   std::int32_t p = 0;
-  if (bound_shift >= 0 &&
-      flicker_choice_energy_bounds(low, high, bound_shift, energy, largest, headroom, p)) {
+  // Length-normalised searches: every choice at least min_length long (no 32-bit wrap, no zero).
+  std::int64_t min_length = 0;
+  if (low.length != nullptr) {
+    std::int64_t low_min = INT32_MAX, high_min = INT32_MAX;
+    bool plain = true;
+    for (std::uint32_t i = 0; i < nl; ++i) {
+      plain = plain && low.length[i] >= 0 && low.length[i] < (1 << 30);
+      if (low.length[i] < low_min) low_min = low.length[i];
+    }
+    for (std::uint32_t i = 0; i < nh; ++i) {
+      plain = plain && high.length[i] >= 0 && high.length[i] < (1 << 30);
+      if (high.length[i] < high_min) high_min = high.length[i];
+    }
+    if (plain && low_min + high_min >= 1) min_length = low_min + high_min;
+  }
+  // The bounds cost about 32 passes over the halves: worth it only against many choices.
+  const bool many =
+      static_cast<std::uint64_t>(nl) * nh >= 16 * (static_cast<std::uint64_t>(nl) + nh);
+  if (many && (bound_shift >= 0 || min_length > 0) &&
+      flicker_choice_energy_bounds(low, high, bound_shift < 0 ? 0 : bound_shift, min_length, energy,
+                                   length_of, largest, headroom, p)) {
     shift_known = true;
   }
   if (!shift_known) {
