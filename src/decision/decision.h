@@ -6,6 +6,7 @@
 
 #include <cstdint>
 
+#include "fixed_point.h"
 #include "kestrel/flicker.h"
 
 // Tuning, replaced as a whole by CMD_SET_EXT_PARA.
@@ -60,6 +61,59 @@ struct FlkScoreTerms {
 // Scores feature k against the divisor m (>= 1).
 FlkScoreTerms flicker_score_terms(const std::int32_t* f, std::uint32_t n, std::int32_t k,
                                   std::int32_t m);
+
+// get_current_llr for searches that score thousands of candidate feature sets: the state's
+// scored index and likelihood tables are read once, and the arithmetic inlines into the search.
+// get_current_llr, flicker_other_mean and flicker_score_terms are built on it.
+struct FlkFrameScorer {
+  static constexpr std::int32_t kFeatureClamp = 0x4000000;   // +-2^26 per feature in the mean
+  static constexpr std::int32_t kDeviationClamp = 0x800000;  // +-2^23 before the Q8 shift
+  std::int32_t k;
+  std::int32_t own[4];    // likelihood table of the current hypothesis
+  std::int32_t other[4];  // and of the other one
+
+  FlkFrameScorer();  // snapshot of the current state and tuning
+
+  static std::int32_t OtherMean(const std::int32_t* f, std::uint32_t n, std::int32_t k) {
+    std::int32_t sum = 0;
+    for (std::uint32_t i = 0; i < n; ++i) {
+      if (static_cast<std::int32_t>(i) == k) continue;
+      sum = fx::wrap_add32(sum, fx::clamp32(f[i], -kFeatureClamp, kFeatureClamp));
+    }
+    const std::uint32_t others = n - 1;
+    if (others == 0) return 0;
+    return static_cast<std::int32_t>(static_cast<std::uint32_t>(sum) / others);
+  }
+  // |(z - knot) x slope >> 8| of one piecewise-linear likelihood table (32-bit, wrapping).
+  static std::int32_t LikelihoodTerm(std::int32_t z, const std::int32_t* table) {
+    const std::int32_t slope = z < table[0] ? table[1] : table[2];
+    const std::int32_t p = fx::wrap_mul32(fx::wrap_sub32(z, table[0]), slope);
+    return fx::wrap_abs32(p >> 8);
+  }
+  FlkScoreTerms Terms(const std::int32_t* f, std::uint32_t n, std::int32_t m) const {
+    const std::uint32_t j =
+        static_cast<std::uint32_t>(k) > n - 1 ? n - 1 : static_cast<std::uint32_t>(k);
+    return TermsOf(f[j], m);
+  }
+  // Terms of the scored feature's value fk against the divisor m.
+  FlkScoreTerms TermsOf(std::int32_t fk, std::int32_t m) const {
+    const std::int32_t d = fx::clamp32(fx::wrap_sub32(fk, m), -kDeviationClamp, kDeviationClamp);
+    // The shift is 32-bit on purpose: d = +2^23 becomes INT32_MIN, so a saturated positive
+    // deviation scores as a large negative one.
+    const std::int32_t z = fx::div_trunc(fx::wrap_shl32(d, 8), m);
+    FlkScoreTerms terms{};
+    terms.z = z;
+    terms.t_own = LikelihoodTerm(z, own);
+    terms.t_other = LikelihoodTerm(z, other);
+    terms.score = fx::wrap_sub32(fx::wrap_add32(fx::wrap_sub32(own[3], other[3]), terms.t_own),
+                                 terms.t_other);
+    return terms;
+  }
+  std::int32_t operator()(const std::int32_t* f, std::uint32_t n) const {
+    const std::int32_t mean = OtherMean(f, n, k);
+    return Terms(f, n, mean > 1 ? mean : 1).score;
+  }
+};
 
 // Scores the frame, queues the score and returns the result code (2, 3 or g_flickerResult).
 std::int32_t test_next_frame(const std::int32_t* freq_out, std::uint32_t n, std::int8_t is_valid,

@@ -112,6 +112,27 @@ void Extend(const In* x, std::int32_t n, W* work, const Layout& layout, Border b
 template <typename W, typename Out>
 void Correlate(const W* work, std::int32_t n, Out* y, const std::int32_t* h, std::int32_t taps,
                std::int32_t d, std::int32_t s, std::int32_t step) {
+  if constexpr (sizeof(W) == 4) {
+    if (step == 1) {
+      // Every output at once, tap by tap: contiguous loops the compiler vectorises (32-bit only:
+      // the baseline ISA has no 64-bit vector multiply, and the scalar form is cheaper). Wrapping
+      // sums do not depend on their order, so the outputs are those of the loop below.
+      static W acc[kFilterWorkSize];
+      W* __restrict a = acc;
+      for (std::int32_t i = 0; i < n; ++i) a[i] = 0;
+      for (std::int32_t t = 0; t < taps; ++t) {
+        const W tap = h[t];
+        const W* __restrict src = work + t * d;
+        for (std::int32_t i = 0; i < n; ++i) a[i] = MulAdd(a[i], tap, src[i]);
+      }
+      if (s == 0) {
+        for (std::int32_t i = 0; i < n; ++i) y[i] = static_cast<Out>(a[i]);
+      } else {
+        for (std::int32_t i = 0; i < n; ++i) y[i] = static_cast<Out>(RoundShift(a[i], s));
+      }
+      return;
+    }
+  }
   std::int32_t k = 0;
   for (std::int32_t i = 0; i < n; i += step) {
     W acc = 0;

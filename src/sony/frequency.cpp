@@ -91,66 +91,16 @@ void flicker_compute_freq_3x_SONY(std::int32_t* version_a, std::int32_t* version
   std::int64_t* const low_sin = g_sonyChoices.low_sin;
   std::int64_t* const high_cos = g_sonyChoices.high_cos;
   std::int64_t* const high_sin = g_sonyChoices.high_sin;
-  auto tabulate = [&](std::int32_t first, std::int32_t count, std::uint32_t n,
-                      std::int64_t* cos_out, std::int64_t* sin_out) {
-    std::int32_t digit[kSonyMaxWindows] = {};
-    for (std::uint32_t a = 0; a < n; ++a) {
-      for (std::int32_t k = 0; k < 9; ++k) {
-        std::int64_t re = 0;
-        std::int64_t im = 0;
-        for (std::int32_t i = 0; i < count; ++i) {
-          re += part_cos[k * stride + 3 * (first + i) + digit[i]];
-          im += part_sin[k * stride + 3 * (first + i) + digit[i]];
-        }
-        cos_out[k * n + a] = re;
-        sin_out[k * n + a] = im;
-      }
-      for (std::int32_t i = 0; i < count; ++i) {
-        if (++digit[i] < 3) break;
-        digit[i] = 0;
-      }
-    }
-  };
-  tabulate(0, low_segments, low_choices, low_cos, low_sin);
-  tabulate(low_segments, segments - low_segments, high_choices, high_cos, high_sin);
-
-  // The nine energies of choice q = h x low_choices + a.
-  const auto choice_energies = [&](std::uint32_t h, std::uint32_t a, std::int64_t* e) {
-    for (std::int32_t k = 0; k < 9; ++k) {
-      const std::int64_t re =
-          fx::rshift_round64(low_cos[k * low_choices + a] + high_cos[k * high_choices + h], b - 1);
-      const std::int64_t im =
-          fx::rshift_round64(low_sin[k * low_choices + a] + high_sin[k * high_choices + h], b - 1);
-      e[k] = fx::wrap_add64(fx::wrap_mul64(re, re), fx::wrap_mul64(im, im));
-    }
-  };
-
-  // Two passes instead of storing 9 x 3^segments energies: the largest sets the common scale,
-  // then every choice is rebuilt, scaled and scored.
-  std::int64_t energy[9];
-  std::int64_t largest = 0;
-  for (std::uint32_t h = 0; h < high_choices; ++h) {
-    for (std::uint32_t a = 0; a < low_choices; ++a) {
-      choice_energies(h, a, energy);
-      for (const std::int64_t e : energy) {
-        if (e > largest) largest = e;
-      }
-    }
-  }
+  flicker_tabulate_choices(part_cos, part_sin, stride, 0, low_segments, low_choices, low_cos,
+                           low_sin);
+  flicker_tabulate_choices(part_cos, part_sin, stride, low_segments, segments - low_segments,
+                           high_choices, high_cos, high_sin);
 
   // The best frame score wins; ties keep the earlier choice (version_a everywhere first).
   std::int32_t best = INT32_MIN;
-  for (std::uint32_t h = 0; h < high_choices; ++h) {
-    for (std::uint32_t a = 0; a < low_choices; ++a) {
-      choice_energies(h, a, energy);
-      flicker_scale_candidates(energy, 9, largest, kChoiceHeadroom);
-      std::int32_t scratch[9];
-      for (std::int32_t k = 0; k < 9; ++k) scratch[k] = fx::low32(energy[k]);
-      const std::int32_t score = get_current_llr(scratch, 9);
-      if (score > best) {
-        for (std::int32_t k = 0; k < 9; ++k) freq_out[k] = scratch[k];
-        best = score;
-      }
-    }
-  }
+  flicker_pick_choice(
+      FlkChoiceHalf{low_cos, low_sin, nullptr, low_choices},
+      FlkChoiceHalf{high_cos, high_sin, nullptr, high_choices},
+      [b](std::int64_t sum, std::int32_t) { return fx::rshift_round64(sum, b - 1); },
+      b - 1 > 0 ? b - 1 : 0, 0, kChoiceHeadroom, freq_out, best);
 }

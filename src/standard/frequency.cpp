@@ -51,10 +51,31 @@ void flicker_energies_to_features(const std::int64_t* energies, std::int32_t hea
 
 void flicker_scale_candidates(std::int64_t* energies, std::int32_t count, std::int64_t max_energy,
                               std::int32_t headroom) {
-  const std::int64_t h = max_energy >> headroom;
-  const std::int32_t p = h <= 1 ? 0 : fx::bit_count(static_cast<std::uint64_t>(h)) - 1;
+  const std::int32_t p = flicker_scale_shift(max_energy, headroom);
   if (p <= 0) return;
   for (std::int32_t i = 0; i < count; ++i) energies[i] = fx::rshift_round64(energies[i], p);
+}
+
+void flicker_tabulate_choices(const std::int64_t* part_re, const std::int64_t* part_im,
+                              std::int32_t stride, std::int32_t first, std::int32_t count,
+                              std::uint32_t n, std::int64_t* re_out, std::int64_t* im_out) {
+  std::int32_t digit[16] = {};
+  for (std::uint32_t a = 0; a < n; ++a) {
+    for (std::int32_t k = 0; k < 9; ++k) {
+      std::int64_t re = 0;
+      std::int64_t im = 0;
+      for (std::int32_t i = 0; i < count; ++i) {
+        re += part_re[k * stride + 3 * (first + i) + digit[i]];
+        im += part_im[k * stride + 3 * (first + i) + digit[i]];
+      }
+      re_out[k * n + a] = re;
+      im_out[k * n + a] = im;
+    }
+    for (std::int32_t i = 0; i < count; ++i) {
+      if (++digit[i] < 3) break;
+      digit[i] = 0;
+    }
+  }
 }
 
 void flicker_interpolation(std::int32_t* signal, std::int32_t* segment_lengths,

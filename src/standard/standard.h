@@ -7,6 +7,8 @@
 
 #include <cstdint>
 
+#include "decision/decision.h"
+#include "fixed_point.h"
 #include "kestrel/flicker.h"
 
 // ---- Tables (built by the INIT of any type; the last INIT decides their contents) ----
@@ -169,6 +171,201 @@ void flicker_energies_to_features(const std::int64_t* energies, std::int32_t hea
 // every energy becomes round(E / 2^p) in place when p > 0.
 void flicker_scale_candidates(std::int64_t* energies, std::int32_t count, std::int64_t max_energy,
                               std::int32_t headroom);
+
+// The shift p of flicker_scale_candidates; non-decreasing in max_energy.
+inline std::int32_t flicker_scale_shift(std::int64_t max_energy, std::int32_t headroom) {
+  const std::int64_t h = max_energy >> headroom;
+  return h <= 1 ? 0 : fx::bit_count(static_cast<std::uint64_t>(h)) - 1;
+}
+
+// Exact search of the multi-candidate estimators, split in the middle. A choice picks one
+// candidate per segment; its sums are those of its low segments plus those of its high ones, each
+// half's sums tabulated once per frequency k at [k * count + index] (with the half's total length
+// at [index] when the search normalises by length).
+struct FlkChoiceHalf {
+  const std::int64_t* re;
+  const std::int64_t* im;
+  const std::int32_t* length;  // null: no normalisation
+  std::uint32_t count;
+};
+
+// Sums over every choice of `count` segments from segment `first` (choice index: digit i in base 3
+// picks candidate v of segment first + i, segment `first` least significant), from per-segment
+// sums at [k * stride + 3 * segment + v]; n = 3^count choices.
+void flicker_tabulate_choices(const std::int64_t* part_re, const std::int64_t* part_im,
+                              std::int32_t stride, std::int32_t first, std::int32_t count,
+                              std::uint32_t n, std::int64_t* re_out, std::int64_t* im_out);
+
+// The common shift of a search whose component is rshift_round64(sum, s) (min_length 0) or the
+// Q7 average trunc(128 x sum / length) over choices at least min_length long, without visiting
+// every choice: true with `p` set when bounds on the largest energy (from `largest`) give one
+// shift. A choice's rounded (Re, Im) lies within 1/2 of its sums / 2^s (an average within
+// 128 / min_length of them, truncation only shrinking it); their length is at most the largest
+// projection on 32 directions / cos(pi / 32), and each projection's maximum is the sum of the two
+// halves' maxima. The choice reaching each maximum is evaluated exactly for the lower bound.
+template <typename Energy, typename LengthOf>
+bool flicker_choice_energy_bounds(const FlkChoiceHalf& low, const FlkChoiceHalf& high,
+                                  std::int32_t s, std::int64_t min_length, Energy energy,
+                                  LengthOf length_of, std::int64_t largest, std::int32_t headroom,
+                                  std::int32_t& p) {
+  // cos(j pi / 16) in Q14, j = 0..8.
+  static constexpr std::int64_t kCos[9] = {16384, 16069, 15137, 13623, 11585, 9102, 6270, 3196, 0};
+  constexpr std::int64_t kSumLimit = std::int64_t{1} << 46;  // keeps the projections in 64 bits
+  if (s > 16) return false;
+  std::int64_t upper = largest;
+  std::int64_t lower = largest;
+  for (std::int32_t k = 0; k < 9; ++k) {
+    const FlkChoiceHalf* halves[2] = {&low, &high};
+    for (const FlkChoiceHalf* half : halves) {
+      for (std::uint32_t i = 0; i < half->count; ++i) {
+        const std::int64_t re = half->re[k * half->count + i];
+        const std::int64_t im = half->im[k * half->count + i];
+        if (re >= kSumLimit || re <= -kSumLimit || im >= kSumLimit || im <= -kSumLimit) {
+          return false;
+        }
+      }
+    }
+    std::int64_t reach = 0;  // bound on the projections of the rounded vectors
+    for (std::int32_t j = 0; j < 32; ++j) {
+      const std::int32_t q = j & 15;  // cos and sin of j pi / 16 from the first quadrant
+      const std::int64_t c = (j < 16 ? 1 : -1) * (q <= 8 ? kCos[q] : -kCos[16 - q]);
+      const std::int64_t sn = (j < 16 ? 1 : -1) * (q <= 8 ? kCos[8 - q] : kCos[q - 8]);
+      std::uint32_t best[2] = {0, 0};
+      std::int64_t top[2] = {0, 0};
+      for (std::int32_t part = 0; part < 2; ++part) {
+        const FlkChoiceHalf& half = *halves[part];
+        const std::int64_t* re = half.re + k * half.count;
+        const std::int64_t* im = half.im + k * half.count;
+        top[part] = re[0] * c + im[0] * sn;
+        for (std::uint32_t i = 1; i < half.count; ++i) {
+          const std::int64_t d = re[i] * c + im[i] * sn;
+          if (d > top[part]) {
+            top[part] = d;
+            best[part] = i;
+          }
+        }
+      }
+      // Rounding moves each component by at most 1/2: the projection by at most 0.71.
+      // Normalised: a bound on the raw sums' projection (Q14 floor plus one).
+      const std::int64_t m =
+          min_length > 0 ? ((top[0] + top[1]) >> 14) + 1 : ((top[0] + top[1]) >> (s + 14)) + 2;
+      if (m > reach) reach = m;
+      const std::int64_t e = energy(k, best[1], best[0], length_of(best[1], best[0]));
+      if (e > lower) lower = e;
+    }
+    // 1030 / 1024 >= 1 / (cos(pi / 32) - 2^-14.5), the last term for the Q14 rounding of the
+    // directions.
+    std::int64_t radius = (reach * 1030 >> 10) + 1;
+    // Normalised: truncation toward zero only shrinks 128 x sum / length, length >= min_length.
+    if (min_length > 0) radius = (radius * 128 + min_length - 1) / min_length + 1;
+    if (radius >= (std::int64_t{1} << 31)) return false;  // the squares could wrap
+    if (radius * radius > upper) upper = radius * radius;
+  }
+  p = flicker_scale_shift(lower, headroom);
+  return flicker_scale_shift(upper, headroom) == p;
+}
+
+// Choice q = hi x low.count + lo in increasing q. component(sum, length) gives the value whose
+// square enters the energy; the nine energies of every choice are scaled by the common shift of
+// the largest of all (from `largest`) and scored; the first choice scoring strictly above
+// best_score replaces it and freq_out. When the component is rshift_round64(sum, bound_shift)
+// (bound_shift >= 0; -1 otherwise), or the halves carry lengths and the component is the Q7
+// average over the choice's length (0 counting as 1), bounds may settle the shift without the
+// pass that finds the largest energy.
+template <typename Component>
+void flicker_pick_choice(const FlkChoiceHalf& low, const FlkChoiceHalf& high, Component component,
+                         std::int32_t bound_shift, std::int64_t largest, std::int32_t headroom,
+                         std::int32_t* freq_out, std::int32_t& best_score) {
+  const std::uint32_t nl = low.count;
+  const std::uint32_t nh = high.count;
+  const auto length_of = [&](std::uint32_t hi, std::uint32_t lo) -> std::int32_t {
+    return low.length == nullptr ? 0 : fx::wrap_add32(low.length[lo], high.length[hi]);
+  };
+  const auto energy = [&](std::int32_t k, std::uint32_t hi, std::uint32_t lo, std::int32_t length) {
+    const std::int64_t re = component(low.re[k * nl + lo] + high.re[k * nh + hi], length);
+    const std::int64_t im = component(low.im[k * nl + lo] + high.im[k * nh + hi], length);
+    return fx::wrap_add64(fx::wrap_mul64(re, re), fx::wrap_mul64(im, im));
+  };
+
+  bool shift_known = false;
+  std::int32_t p = 0;
+  // Length-normalised searches: every choice at least min_length long (no 32-bit wrap, no zero).
+  std::int64_t min_length = 0;
+  if (low.length != nullptr) {
+    std::int64_t low_min = INT32_MAX, high_min = INT32_MAX;
+    bool plain = true;
+    for (std::uint32_t i = 0; i < nl; ++i) {
+      plain = plain && low.length[i] >= 0 && low.length[i] < (1 << 30);
+      if (low.length[i] < low_min) low_min = low.length[i];
+    }
+    for (std::uint32_t i = 0; i < nh; ++i) {
+      plain = plain && high.length[i] >= 0 && high.length[i] < (1 << 30);
+      if (high.length[i] < high_min) high_min = high.length[i];
+    }
+    if (plain && low_min + high_min >= 1) min_length = low_min + high_min;
+  }
+  // The bounds cost about 32 passes over the halves: worth it only against many choices.
+  const bool many =
+      static_cast<std::uint64_t>(nl) * nh >= 16 * (static_cast<std::uint64_t>(nl) + nh);
+  if (many && (bound_shift >= 0 || min_length > 0) &&
+      flicker_choice_energy_bounds(low, high, bound_shift < 0 ? 0 : bound_shift, min_length, energy,
+                                   length_of, largest, headroom, p)) {
+    shift_known = true;
+  }
+  if (!shift_known) {
+    for (std::uint32_t hi = 0; hi < nh; ++hi) {
+      for (std::uint32_t lo = 0; lo < nl; ++lo) {
+        const std::int32_t length = length_of(hi, lo);
+        for (std::int32_t k = 0; k < 9; ++k) {
+          const std::int64_t e = energy(k, hi, lo, length);
+          if (e > largest) largest = e;
+        }
+      }
+    }
+    p = flicker_scale_shift(largest, headroom);
+  }
+
+  // Per block of low choices, frequency by frequency: the features of every choice, then their
+  // clamped 32-bit sums (wrapping sums reorder freely: all nine less feature k), then the scores.
+  constexpr std::uint32_t kBlock = 243;
+  std::int32_t features[9][kBlock];
+  std::int32_t sums[kBlock];
+  const FlkFrameScorer scorer;
+  constexpr std::int32_t kClamp = FlkFrameScorer::kFeatureClamp;
+  const bool exclude = scorer.k >= 0 && scorer.k < 9;
+  const std::int32_t j = static_cast<std::uint32_t>(scorer.k) > 8u ? 8 : scorer.k;
+  for (std::uint32_t hi = 0; hi < nh; ++hi) {
+    for (std::uint32_t first = 0; first < nl; first += kBlock) {
+      const std::uint32_t n = nl - first < kBlock ? nl - first : kBlock;
+      for (std::int32_t k = 0; k < 9; ++k) {
+        std::int32_t* __restrict out = features[k];
+        for (std::uint32_t i = 0; i < n; ++i) {
+          const std::int64_t e = energy(k, hi, first + i, length_of(hi, first + i));
+          out[i] = fx::low32(p > 0 ? fx::rshift_round64(e, p) : e);
+        }
+      }
+      for (std::uint32_t i = 0; i < n; ++i) sums[i] = 0;
+      for (std::int32_t k = 0; k < 9; ++k) {
+        const std::int32_t* __restrict f = features[k];
+        for (std::uint32_t i = 0; i < n; ++i) {
+          sums[i] = fx::wrap_add32(sums[i], fx::clamp32(f[i], -kClamp, kClamp));
+        }
+      }
+      for (std::uint32_t i = 0; i < n; ++i) {
+        std::int32_t others = sums[i];
+        if (exclude)
+          others = fx::wrap_sub32(others, fx::clamp32(features[scorer.k][i], -kClamp, kClamp));
+        const std::int32_t mean =
+            static_cast<std::int32_t>(static_cast<std::uint32_t>(others) / 8u);
+        const std::int32_t score = scorer.TermsOf(features[j][i], mean > 1 ? mean : 1).score;
+        if (score > best_score) {
+          best_score = score;
+          for (std::int32_t k = 0; k < 9; ++k) freq_out[k] = features[k][i];
+        }
+      }
+    }
+  }
+}
 
 // ---- zHDR statistics ----
 extern std::int32_t ZHDR_LE_SAT_PREV[12];

@@ -28,33 +28,53 @@ struct PartialSums {
   std::int64_t im[3 * kMaxSegments];
 };
 
-// Brings every choice's nine energies to the common scale of the largest one (from 0; shifted
-// under 2^22 from 2^21) and keeps the first choice with the strictly highest frame score.
-// `energies_of(q, e)` fills e[0..8]; it runs twice per choice instead of storing 9 x 3^segments
-// energies: the additions are cheaper than the memory, and the results are the same.
-template <typename EnergiesOf>
-void pick_best_choice(std::uint32_t choices, EnergiesOf energies_of, std::int32_t* freq_out,
-                      std::int32_t& best_score) {
-  std::int64_t largest = 0;
-  for (std::uint32_t q = 0; q < choices; ++q) {
-    std::int64_t e[9];
-    energies_of(q, e);
-    for (std::int32_t k = 0; k < 9; ++k) {
-      if (e[k] > largest) largest = e[k];
+// Per-frequency sums of every choice of each half of the segments (3^5 choices a half), and
+// each half-choice's total length, for the split search of flicker_pick_choice.
+constexpr std::uint32_t kHalfChoices = 243;
+struct ChoiceScratch {
+  std::int64_t low_re[9 * kHalfChoices];
+  std::int64_t low_im[9 * kHalfChoices];
+  std::int64_t high_re[9 * kHalfChoices];
+  std::int64_t high_im[9 * kHalfChoices];
+  std::int32_t low_length[kHalfChoices];
+  std::int32_t high_length[kHalfChoices];
+};
+ChoiceScratch g_choices;
+
+// Tabulates both halves of `segments` segments from the partial sums; returns the halves. With
+// `lengths` (candidate v of segment i lasts lengths[v][i]) each half-choice's length is summed too.
+void split_choices(const PartialSums* sums, std::int32_t segments, std::int32_t** lengths,
+                   FlkChoiceHalf& low, FlkChoiceHalf& high) {
+  const std::int32_t low_segments = segments / 2;
+  const std::uint32_t nl = choice_count(low_segments);
+  const std::uint32_t nh = choice_count(segments - low_segments);
+  constexpr std::int32_t stride = sizeof(PartialSums) / sizeof(std::int64_t);
+  flicker_tabulate_choices(sums[0].re, sums[0].im, stride, 0, low_segments, nl, g_choices.low_re,
+                           g_choices.low_im);
+  flicker_tabulate_choices(sums[0].re, sums[0].im, stride, low_segments, segments - low_segments,
+                           nh, g_choices.high_re, g_choices.high_im);
+  low = FlkChoiceHalf{g_choices.low_re, g_choices.low_im, nullptr, nl};
+  high = FlkChoiceHalf{g_choices.high_re, g_choices.high_im, nullptr, nh};
+  if (lengths == nullptr) return;
+  const auto tabulate_lengths = [&](std::int32_t first, std::int32_t count, std::uint32_t n,
+                                    std::int32_t* out) {
+    std::int32_t digit[kMaxSegments] = {};
+    for (std::uint32_t a = 0; a < n; ++a) {
+      std::int32_t length = 0;
+      for (std::int32_t i = 0; i < count; ++i) {
+        length = fx::wrap_add32(length, lengths[digit[i]][first + i]);
+      }
+      out[a] = length;
+      for (std::int32_t i = 0; i < count; ++i) {
+        if (++digit[i] < 3) break;
+        digit[i] = 0;
+      }
     }
-  }
-  for (std::uint32_t q = 0; q < choices; ++q) {
-    std::int64_t e[9];
-    energies_of(q, e);
-    flicker_scale_candidates(e, 9, largest, 21);
-    std::int32_t features[9];
-    for (std::int32_t k = 0; k < 9; ++k) features[k] = fx::low32(e[k]);
-    const std::int32_t score = get_current_llr(features, 9);
-    if (score > best_score) {
-      best_score = score;
-      for (std::int32_t k = 0; k < 9; ++k) freq_out[k] = features[k];
-    }
-  }
+  };
+  tabulate_lengths(0, low_segments, nl, g_choices.low_length);
+  tabulate_lengths(low_segments, segments - low_segments, nh, g_choices.high_length);
+  low.length = g_choices.low_length;
+  high.length = g_choices.high_length;
 }
 
 // The trigonometric tables exist and hold `columns` columns.
@@ -96,7 +116,6 @@ void flicker_compute_freq_3x_2x5(std::int32_t** versions, std::int32_t segment_c
                   static_cast<long long>(span), g_flkTabW);
     return;
   }
-  const std::uint32_t choices = choice_count(segment_count);
   PartialSums sums[9];  // 4 KB
   for (std::int32_t k = 0; k < 9; ++k) {
     for (std::int32_t v = 0; v < 3; ++v) {
@@ -112,31 +131,18 @@ void flicker_compute_freq_3x_2x5(std::int32_t** versions, std::int32_t segment_c
       }
     }
   }
-  // E of choice q: the selected sums averaged over the selected length, in Q7 (x 128), so that
-  // choices of different total length compare fairly.
-  auto energies_of = [&](std::uint32_t q, std::int64_t* e) {
-    std::int32_t digits[kMaxSegments];
-    std::int32_t length = 0;
-    for (std::int32_t i = 0; i < segments; ++i) {
-      digits[i] = static_cast<std::int32_t>(q % 3u);
-      q /= 3u;
-      length = fx::wrap_add32(length, version_lengths[digits[i]][i]);
-    }
-    if (length == 0) length = 1;
-    for (std::int32_t k = 0; k < 9; ++k) {
-      // 64-bit: sums below 2^43 (2000 samples of 17-bit ratios times 255), times 128.
-      std::int64_t re = 0;
-      std::int64_t im = 0;
-      for (std::int32_t i = 0; i < segments; ++i) {
-        re += sums[k].re[3 * i + digits[i]];
-        im += sums[k].im[3 * i + digits[i]];
-      }
-      re = fx::div_trunc<std::int64_t>(fx::wrap_mul64(re, 128), length);
-      im = fx::div_trunc<std::int64_t>(fx::wrap_mul64(im, 128), length);
-      e[k] = fx::wrap_add64(fx::wrap_mul64(re, re), fx::wrap_mul64(im, im));
-    }
-  };
-  pick_best_choice(choices, energies_of, freq_out, best_score);
+  // A choice's sums are averaged over its length (the low and the high half's, 32-bit; 0 counts
+  // as 1), in Q7 (x 128), so that choices of different total length compare fairly. 64-bit: sums
+  // below 2^43 (2000 samples of 17-bit ratios times 255), times 128.
+  FlkChoiceHalf low{};
+  FlkChoiceHalf high{};
+  split_choices(sums, segments, version_lengths, low, high);
+  flicker_pick_choice(
+      low, high,
+      [](std::int64_t sum, std::int32_t length) {
+        return fx::div_trunc<std::int64_t>(fx::wrap_mul64(sum, 128), length == 0 ? 1 : length);
+      },
+      -1, 0, 21, freq_out, best_score);
 }
 
 void flicker_compute_freq_3x_2x5(std::int32_t* version_a, std::int32_t* version_b,
@@ -154,7 +160,6 @@ void flicker_compute_freq_3x_2x5(std::int32_t* version_a, std::int32_t* version_
     return;
   }
   const std::int32_t segments = segment_count < 0 ? 0 : segment_count;
-  const std::uint32_t choices = choice_count(segment_count);
   const std::int32_t total = fx::wrap_mul32(segment_count, segment_length);
   const std::int32_t b =
       fx::bit_count(static_cast<std::uint64_t>(static_cast<std::int64_t>(total)));
@@ -174,26 +179,13 @@ void flicker_compute_freq_3x_2x5(std::int32_t* version_a, std::int32_t* version_
       }
     }
   }
-  auto energies_of = [&](std::uint32_t q, std::int64_t* e) {
-    std::int32_t digits[kMaxSegments];
-    for (std::int32_t i = 0; i < segments; ++i) {
-      digits[i] = static_cast<std::int32_t>(q % 3u);
-      q /= 3u;
-    }
-    for (std::int32_t k = 0; k < 9; ++k) {
-      std::int64_t re = 0;
-      std::int64_t im = 0;
-      for (std::int32_t i = 0; i < segments; ++i) {
-        re += sums[k].re[3 * i + digits[i]];
-        im += sums[k].im[3 * i + digits[i]];
-      }
-      re = fx::rshift_round64(re, b - 1);
-      im = fx::rshift_round64(im, b - 1);
-      e[k] = fx::wrap_add64(fx::wrap_mul64(re, re), fx::wrap_mul64(im, im));
-    }
-  };
+  FlkChoiceHalf low{};
+  FlkChoiceHalf high{};
+  split_choices(sums, segments, nullptr, low, high);
   std::int32_t best_score = INT32_MIN;
-  pick_best_choice(choices, energies_of, freq_out, best_score);
+  flicker_pick_choice(
+      low, high, [b](std::int64_t sum, std::int32_t) { return fx::rshift_round64(sum, b - 1); },
+      b - 1 > 0 ? b - 1 : 0, 0, 21, freq_out, best_score);
 }
 
 std::int32_t compute_noiseness_2x5(const std::int32_t* values, std::int32_t count) {
