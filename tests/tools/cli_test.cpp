@@ -2,6 +2,7 @@
 // The command line: the exit-code rule, the outputs as they are written, and where they go.
 #include "host/cli.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -167,6 +168,29 @@ TEST_F(CliTest, SimulateRecordReplayCsvJson) {
   EXPECT_TRUE(out_.str().starts_with(
       "{\n  \"tool\": \"kestrel-flicker\",\n  \"format\": 2,\n  \"command\": \"replay\","));
   EXPECT_NE(out_.str().find("\"energies\": {\n        \"70\": "), std::string::npos);
+}
+
+// The shipped example, read from a file and from standard input, switches where its comment says.
+TEST_F(CliTest, ExampleRecordingReplays) {
+  const std::string example = std::string(KESTREL_EXAMPLES) + "/2x5-60hz-light.kfr";
+  ASSERT_EQ(Run("replay " + example), 0) << err_.str();
+  const std::string from_file = out_.str();
+  EXPECT_TRUE(from_file.starts_with("kestrel-flicker replay " + example +
+                                    ": 2x5 sensor (type 2), 6 frames, 60 Hz mains light, "
+                                    "starting in the 50 Hz state\n"))
+      << from_file;
+  EXPECT_TRUE(
+      from_file.ends_with("\nsummary: switched from 50 Hz to 60 Hz at frame 3 (exposure "
+                          "10.000 -> 8.333 ms); final state 60 Hz; 5 frames judged, 0 "
+                          "not counted\n"));
+  const int saved = ::dup(STDIN_FILENO);
+  const int file = ::open(example.c_str(), O_RDONLY);
+  ::dup2(file, STDIN_FILENO);
+  ::close(file);
+  EXPECT_EQ(Run("replay -"), 0) << err_.str();
+  ::dup2(saved, STDIN_FILENO);
+  ::close(saved);
+  EXPECT_EQ(out_.str().substr(out_.str().find('\n')), from_file.substr(from_file.find('\n')));
 }
 
 struct Target {

@@ -64,6 +64,24 @@ bool FieldAfter(std::string_view line, std::string_view key, std::int32_t& value
   return true;
 }
 
+// Why a frame gave the test nothing to score, read from its statistics: most of them at full
+// scale, or the mean below 2% of it. Empty when neither.
+std::string Condition(const SensorSetup& sensor, const Frame& frame) {
+  const std::int64_t full = sensor.FullScale();
+  std::int64_t clipped = 0;
+  double sum = 0.0;
+  for (const std::int64_t word : frame.grid) {
+    const std::int64_t v = sensor.type == 0 ? (word & 0xFFFFFF) : word;
+    if (v * 50 >= full * 49) ++clipped;
+    sum += static_cast<double>(v);
+  }
+  const auto n = static_cast<std::int64_t>(frame.grid.size());
+  if (n == 0) return "";
+  if (clipped * 2 >= n) return "clipped: the statistics are at full scale";
+  if (sum / static_cast<double>(n) < 0.02 * static_cast<double>(full)) return "too dark";
+  return "";
+}
+
 }  // namespace
 
 double ExposureForMains(double exposure_s, std::int32_t mains_hz, double frame_s) {
@@ -127,6 +145,12 @@ LibrarySession::LibrarySession(const SensorSetup& sensor, std::int32_t initial_s
     init.block_height = sensor_.block_height;
     init.green_only = sensor_.green_only;
     Send(CMD_INIT, &init, nullptr, "INIT");
+    // A caveat the INIT logs (a range the tables cannot follow) explains frames later.
+    for (const std::string& line : lines_) {
+      const std::size_t close = line.find("] ");
+      if (line.starts_with("[flicker_init") && close != std::string::npos)
+        init_caveat_ = line.substr(close + 2);
+    }
     EvTable state = state_hz_ == 60 ? EV_TABLE_60HZ : EV_TABLE_50HZ;
     Send(CMD_SET_STATE, &state, nullptr, "SET_STATE");
     Send(CMD_RESET_QUEUE, nullptr, nullptr, "RESET_QUEUE");
@@ -221,7 +245,7 @@ FrameResult LibrarySession::Detect(std::int32_t frame, const Frame& prev, const 
   }
   r.result = result;
 
-  bool counted = true, unstable = false;
+  bool counted = true, unstable = false, unregistered = false, flat = false;
   for (const std::string& line : lines_) {
     std::string_view l(line);
     if (l.starts_with("Freq_out = ")) {
@@ -241,11 +265,12 @@ FrameResult LibrarySession::Detect(std::int32_t frame, const Frame& prev, const 
       r.note = "warming up (" + std::to_string(count) + " scored)";
     } else if (l.starts_with("Seq_test: invalid")) {
       counted = false;
-      if (r.note.empty()) r.note = "not counted";
     } else if (l.starts_with("frame AE unstable")) {
       unstable = true;
     } else if (l.starts_with("frame can't be registered")) {
-      if (r.note.empty()) r.note = "unregistered";
+      unregistered = true;
+    } else if (l.find(" is flat") != std::string_view::npos) {
+      flat = true;
     }
   }
   if (result == -1) {
@@ -275,11 +300,24 @@ FrameResult LibrarySession::Detect(std::int32_t frame, const Frame& prev, const 
     r.relative_q8 = static_cast<std::int32_t>((r.energies[k] - mean) * 256 / mean);
     r.has_relative = true;
   }
-  // The standard and SONY tests skip a frame whose brightness changed; the 2x5 test has no such
-  // gate and queues a score for it all the same.
-  if (unstable)
-    r.note = counted ? "brightness changed, scored all the same" : "skipped: brightness changed";
-  if (!counted && r.note == "unregistered") r.note = "unregistered, not counted";
+  // Why a frame did not count, in the order the detector meets the reasons. The standard and
+  // SONY tests skip a frame whose brightness changed; the 2x5 test has no such gate and queues a
+  // score for it all the same.
+  if (!counted && result != -1) {
+    std::string why = Condition(sensor_, cur);
+    if (why.empty()) why = Condition(sensor_, prev);
+    if (unstable) {
+      why = "brightness changed between the frames";
+    } else if (unregistered) {
+      why = "not aligned: the frames could not be registered";
+    } else if (why.empty()) {
+      why = flat ? "flat: no detail to align the frames by" : "no energy measured";
+      if (!flat && !init_caveat_.empty()) why += " (INIT: " + init_caveat_ + ")";
+    }
+    r.note = "not counted: " + why;
+  } else if (unstable) {
+    r.note = "brightness changed, scored all the same";
+  }
   r.counted = counted;
 
   r.next_exposure_s = exposure_s_;

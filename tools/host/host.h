@@ -97,6 +97,7 @@ class LibrarySession {
   double exposure_s_;
   bool verbose_;
   std::vector<std::string> lines_;
+  std::string init_caveat_;
   std::vector<std::int64_t> prev64_, cur64_;
   std::vector<std::int32_t> prev32_, cur32_;
 };
