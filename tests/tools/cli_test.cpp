@@ -241,11 +241,21 @@ TEST_P(OutputFile, GoesWhereThePathLeads) {
   } else {
     EXPECT_EQ(err_.str(), "kestrel-flicker: cannot write " + path + ": " + t.message + "\n");
   }
-  if (kind == "link" || kind == "dangling") EXPECT_TRUE(fs::is_symlink(path));
-  if (kind == "fifo") EXPECT_TRUE(fs::is_fifo(path));
-  if (kind == "device" || kind == "full") EXPECT_TRUE(fs::is_character_file(path));
-  if (kind == "readonly") EXPECT_EQ(Slurp(path), "old\n");
-  if (kind == "dash") EXPECT_FALSE(fs::exists("-"));
+  if (kind == "link" || kind == "dangling") {
+    EXPECT_TRUE(fs::is_symlink(path));
+  }
+  if (kind == "fifo") {
+    EXPECT_TRUE(fs::is_fifo(path));
+  }
+  if (kind == "device" || kind == "full") {
+    EXPECT_TRUE(fs::is_character_file(path));
+  }
+  if (kind == "readonly") {
+    EXPECT_EQ(Slurp(path), "old\n");
+  }
+  if (kind == "dash") {
+    EXPECT_FALSE(fs::exists("-"));
+  }
   // No temporary file is left behind.
   for (const auto& entry : fs::directory_iterator(dir_))
     EXPECT_FALSE(entry.path().filename().string().starts_with(".")) << entry.path();
