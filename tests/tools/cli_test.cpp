@@ -80,9 +80,9 @@ TEST_P(BadCommandLine, ExitsTwoBeforeTheFirstFrame) {
 INSTANTIATE_TEST_SUITE_P(
     Cli, BadCommandLine,
     ::testing::Values(
-        BadArgs{"NotANumber", "--frames x", "--frames: 'x' is not a whole number (2..10000000)"},
+        BadArgs{"NotANumber", "--frames x", "--frames: 'x' is not a whole number (2..1000000)"},
         BadArgs{"Overflow", "--frames 99999999999",
-                "--frames: 99999999999 is out of range 2..10000000\n"},
+                "--frames: 99999999999 is out of range 2..1000000\n"},
         BadArgs{"Mains", "--mains 55",
                 "--mains: '55' is not a mains frequency: use 50, 60 or 0 (steady light)\n"},
         BadArgs{"NegativeMains", "--mains -60", "--mains: '-60' is not a mains frequency: use"},

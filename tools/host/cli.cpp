@@ -535,7 +535,7 @@ void RegisterSimulate(Cli& cli) {
             "exposure time in ms [one flicker period of the starting state]")
       ->type_name("MS")
       ->group(camera);
-  AddInt(app, "--frames", o->frames, 2, 10000000, "frames to simulate [20]")->group(camera);
+  AddInt(app, "--frames", o->frames, 2, 1000000, "frames to simulate [20]")->group(camera);
   AddInt(app, "--line-length", o->line_length, 1, 1000000, "pixel clocks per line")->group(camera);
   AddNumber(app, "--pclk", o->pclk, 1e5, 1e10, "pixel clock in Hz")->type_name("HZ")->group(camera);
   AddInt(app, "--frame-length", o->column_length, 1, 10000000, "lines per frame (column_length)")
