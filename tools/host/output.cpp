@@ -58,13 +58,11 @@ bool WantsGzip(const std::string& path) {
 }
 
 void CheckStandardOutput(std::ostream& out) {
-  const int saved = errno;
+  errno = 0;
   out.flush();
   if (!out) {
     throw HostError(std::string("cannot write standard output: ") +
-                    std::strerror(saved != 0 && errno == saved ? saved
-                                  : errno                      ? errno
-                                                               : EIO));
+                    std::strerror(errno != 0 ? errno : EIO));
   }
 }
 
@@ -127,6 +125,8 @@ OutputSink::OutputSink(const std::string& path, std::ostream& standard_output, b
     const mode_t mode = st.st_mode != 0 ? (st.st_mode & 07777) : CreationMode();
     if (::fchmod(fd_, mode) != 0) Fail(errno);
   } catch (...) {
+    if (fd_ >= 0) ::close(fd_);
+    if (!temp_.empty()) ::unlink(temp_.c_str());
     if (deflate_ != nullptr) {
       deflateEnd(&deflate_->z);
       delete deflate_;
