@@ -338,6 +338,19 @@ FrameResult LibrarySession::Detect(std::int32_t frame, const Frame& prev, const 
   return r;
 }
 
+void ProbeLibrary(const SensorSetup& sensor, const FlkExtPara& tuning) {
+  LibrarySession probe(sensor, 50, sensor.FramePeriod() / 2, false, tuning);
+  Frame flat;
+  flat.grid.assign(static_cast<std::size_t>(sensor.GridSize()), 0);
+  try {
+    probe.Detect(1, flat, flat);
+  } catch (const HostError& e) {
+    // Not about a frame of the run: drop the frame number.
+    const std::string what = e.what();
+    throw HostError(what.starts_with("frame 1: ") ? what.substr(9) : what);
+  }
+}
+
 namespace {
 
 void Tally(RunResult& run, const FrameResult& r, const HostOptions& options) {

@@ -68,6 +68,11 @@ double ExposureForMains(double exposure_s, std::int32_t mains_hz, double frame_s
 void CheckRun(const SensorSetup& sensor, const SceneSetup& scene, std::int32_t frames,
               double exposure_s, bool recording);
 
+// INIT and one DETECT of a flat pair of frames with `tuning`, in a session of its own: throws
+// HostError with the library's refusal ("the library refused INIT: [func] <limit>") for a geometry
+// or timing it cannot take, so a run can be refused before its first frame.
+void ProbeLibrary(const SensorSetup& sensor, const FlkExtPara& tuning);
+
 // One library session: INIT on construction, UNINIT on destruction. While alive it owns the
 // library's log sink (to read the detector's per-frame figures) and keeps the library's own
 // standard-output lines away from the tool's output. One session at a time.
