@@ -4,6 +4,7 @@
 // library's (simulator, recordings, host policy, reports).
 #include "host/cli.h"
 
+#include <algorithm>
 #include <charconv>
 #include <cmath>
 #include <cstdio>
@@ -209,9 +210,6 @@ int RunSimulate(const SimulateOptions& o, CliIo& io) {
 
 int RunReplay(const ReplayOptions& o, CliIo& io) {
   CheckOutputs(o.report, "");
-  if (o.file == "-" && o.report.csv_file == "-") {
-    // Fine: standard input and standard output are different streams.
-  }
   RecordingReader reader(o.file);
   const Recording& rec = reader.header();
   const std::int32_t state = o.state_hz.value_or(rec.initial_state_hz);
