@@ -64,6 +64,24 @@ bool FieldAfter(std::string_view line, std::string_view key, std::int32_t& value
   return true;
 }
 
+// Why a frame gave the test nothing to score, read from its statistics: most of them at full
+// scale, or the mean below 2% of it. Empty when neither.
+std::string Condition(const SensorSetup& sensor, const Frame& frame) {
+  const std::int64_t full = sensor.FullScale();
+  std::int64_t clipped = 0;
+  double sum = 0.0;
+  for (const std::int64_t word : frame.grid) {
+    const std::int64_t v = sensor.type == 0 ? (word & 0xFFFFFF) : word;
+    if (v * 50 >= full * 49) ++clipped;
+    sum += static_cast<double>(v);
+  }
+  const auto n = static_cast<std::int64_t>(frame.grid.size());
+  if (n == 0) return "";
+  if (clipped * 2 >= n) return "clipped: the statistics are at full scale";
+  if (sum / static_cast<double>(n) < 0.02 * static_cast<double>(full)) return "too dark";
+  return "";
+}
+
 }  // namespace
 
 double ExposureForMains(double exposure_s, std::int32_t mains_hz, double frame_s) {
@@ -101,7 +119,7 @@ void CheckRun(const SensorSetup& sensor, const SceneSetup& scene, std::int32_t f
 }
 
 LibrarySession::LibrarySession(const SensorSetup& sensor, std::int32_t initial_state_hz,
-                               double exposure_s, bool verbose)
+                               double exposure_s, bool verbose, const FlkExtPara& tuning)
     : sensor_(sensor), state_hz_(initial_state_hz), exposure_s_(exposure_s), verbose_(verbose) {
   if (g_session != nullptr) throw HostError("one library session at a time");
   CheckSensorSetup(sensor_);
@@ -113,7 +131,7 @@ LibrarySession::LibrarySession(const SensorSetup& sensor, std::int32_t initial_s
     // score: the per-frame figures the host shows.
     FlkLogPara log = FLK_LOG_FLOW;
     Send(CMD_SET_LOG_LEVEL, &log, nullptr, "SET_LOG_LEVEL");
-    FlkExtPara para = FlkDefaultExtPara();
+    FlkExtPara para = tuning;
     para.is_zhdr = sensor_.zhdr ? 1 : 0;
     para.zhdr_gle_first = sensor_.zhdr_gle_first ? 1 : 0;
     para.zhdr_se_small = sensor_.zhdr_se_small ? 1 : 0;
@@ -127,6 +145,12 @@ LibrarySession::LibrarySession(const SensorSetup& sensor, std::int32_t initial_s
     init.block_height = sensor_.block_height;
     init.green_only = sensor_.green_only;
     Send(CMD_INIT, &init, nullptr, "INIT");
+    // A caveat the INIT logs (a range the tables cannot follow) explains frames later.
+    for (const std::string& line : lines_) {
+      const std::size_t close = line.find("] ");
+      if (line.starts_with("[flicker_init") && close != std::string::npos)
+        init_caveat_ = line.substr(close + 2);
+    }
     EvTable state = state_hz_ == 60 ? EV_TABLE_60HZ : EV_TABLE_50HZ;
     Send(CMD_SET_STATE, &state, nullptr, "SET_STATE");
     Send(CMD_RESET_QUEUE, nullptr, nullptr, "RESET_QUEUE");
@@ -221,7 +245,7 @@ FrameResult LibrarySession::Detect(std::int32_t frame, const Frame& prev, const 
   }
   r.result = result;
 
-  bool counted = true, unstable = false;
+  bool counted = true, unstable = false, unregistered = false, flat = false;
   for (const std::string& line : lines_) {
     std::string_view l(line);
     if (l.starts_with("Freq_out = ")) {
@@ -241,11 +265,12 @@ FrameResult LibrarySession::Detect(std::int32_t frame, const Frame& prev, const 
       r.note = "warming up (" + std::to_string(count) + " scored)";
     } else if (l.starts_with("Seq_test: invalid")) {
       counted = false;
-      if (r.note.empty()) r.note = "not counted";
     } else if (l.starts_with("frame AE unstable")) {
       unstable = true;
     } else if (l.starts_with("frame can't be registered")) {
-      if (r.note.empty()) r.note = "unregistered";
+      unregistered = true;
+    } else if (l.find(" is flat") != std::string_view::npos) {
+      flat = true;
     }
   }
   if (result == -1) {
@@ -275,11 +300,24 @@ FrameResult LibrarySession::Detect(std::int32_t frame, const Frame& prev, const 
     r.relative_q8 = static_cast<std::int32_t>((r.energies[k] - mean) * 256 / mean);
     r.has_relative = true;
   }
-  // The standard and SONY tests skip a frame whose brightness changed; the 2x5 test has no such
-  // gate and queues a score for it all the same.
-  if (unstable)
-    r.note = counted ? "brightness changed, scored all the same" : "skipped: brightness changed";
-  if (!counted && r.note == "unregistered") r.note = "unregistered, not counted";
+  // Why a frame did not count, in the order the detector meets the reasons. The standard and
+  // SONY tests skip a frame whose brightness changed; the 2x5 test has no such gate and queues a
+  // score for it all the same.
+  if (!counted && result != -1) {
+    std::string why = Condition(sensor_, cur);
+    if (why.empty()) why = Condition(sensor_, prev);
+    if (unstable) {
+      why = "brightness changed between the frames";
+    } else if (unregistered) {
+      why = "not aligned: the frames could not be registered";
+    } else if (why.empty()) {
+      why = flat ? "flat: no detail to align the frames by" : "no energy measured";
+      if (!flat && !init_caveat_.empty()) why += " (INIT: " + init_caveat_ + ")";
+    }
+    r.note = "not counted: " + why;
+  } else if (unstable) {
+    r.note = "brightness changed, scored all the same";
+  }
   r.counted = counted;
 
   r.next_exposure_s = exposure_s_;
@@ -300,41 +338,90 @@ FrameResult LibrarySession::Detect(std::int32_t frame, const Frame& prev, const 
   return r;
 }
 
+void ProbeLibrary(const SensorSetup& sensor, const FlkExtPara& tuning) {
+  LibrarySession probe(sensor, 50, sensor.FramePeriod() / 2, false, tuning);
+  Frame flat;
+  flat.grid.assign(static_cast<std::size_t>(sensor.GridSize()), 0);
+  try {
+    probe.Detect(1, flat, flat);
+  } catch (const HostError& e) {
+    // Not about a frame of the run: drop the frame number.
+    const std::string what = e.what();
+    throw HostError(what.starts_with("frame 1: ") ? what.substr(9) : what);
+  }
+}
+
 namespace {
 
-void Tally(RunResult& run, const FrameResult& r) {
+void Tally(RunResult& run, const FrameResult& r, const HostOptions& options) {
   if (r.switched) {
     if (run.first_switch_frame < 0) run.first_switch_frame = r.frame;
     ++run.switches;
   }
   if (!r.counted) ++run.skipped;
   run.results.push_back(r);
+  if (options.on_frame) options.on_frame(r);
 }
 
 }  // namespace
 
 RunResult Simulate(const SensorSetup& sensor, const SceneSetup& scene, std::int32_t frames,
-                   double exposure_s, std::int32_t initial_state_hz, bool verbose,
-                   Recording* recording) {
-  CheckRun(sensor, scene, frames, exposure_s, recording != nullptr);
+                   double exposure_s, std::int32_t initial_state_hz, const HostOptions& options) {
+  CheckRun(sensor, scene, frames, exposure_s, false);
   RunResult run;
   run.sensor = sensor;
   run.initial_state_hz = initial_state_hz;
   run.frames = frames;
   SceneSimulator simulator(sensor, scene, frames);
-  LibrarySession session(sensor, initial_state_hz, exposure_s, verbose);
-  if (recording != nullptr) {
-    recording->sensor = sensor;
-    recording->initial_state_hz = initial_state_hz;
-    recording->frames.clear();
-  }
+  LibrarySession session(sensor, initial_state_hz, exposure_s, options.verbose, options.tuning);
   Frame prev = simulator.Generate(0, session.exposure_s());
-  if (recording != nullptr) recording->frames.push_back(prev);
+  if (options.on_capture) options.on_capture(prev);
   for (std::int32_t k = 1; k < frames; ++k) {
     Frame cur = simulator.Generate(k, session.exposure_s());
-    Tally(run, session.Detect(k, prev, cur));
-    if (recording != nullptr) recording->frames.push_back(cur);
+    if (options.on_capture) options.on_capture(cur);
+    Tally(run, session.Detect(k, prev, cur), options);
     prev = std::move(cur);
+  }
+  run.final_state_hz = session.state_hz();
+  return run;
+}
+
+RunResult Simulate(const SensorSetup& sensor, const SceneSetup& scene, std::int32_t frames,
+                   double exposure_s, std::int32_t initial_state_hz, bool verbose,
+                   Recording* recording) {
+  HostOptions options;
+  options.verbose = verbose;
+  if (recording != nullptr) {
+    CheckRun(sensor, scene, frames, exposure_s, true);
+    recording->sensor = sensor;
+    recording->initial_state_hz = initial_state_hz;
+    recording->light_hz = static_cast<std::int32_t>(scene.mains_hz);
+    recording->frames.clear();
+    options.on_capture = [recording](const Frame& f) { recording->frames.push_back(f); };
+  }
+  return Simulate(sensor, scene, frames, exposure_s, initial_state_hz, options);
+}
+
+RunResult Replay(RecordingReader& reader, std::int32_t initial_state_hz,
+                 const HostOptions& options) {
+  const Recording& header = reader.header();
+  if (reader.frame_count() < 2) {
+    throw HostError("the recording holds " + std::to_string(reader.frame_count()) +
+                    (reader.frame_count() == 1 ? " frame" : " frames") + "; a DETECT compares two");
+  }
+  RunResult run;
+  run.sensor = header.sensor;
+  run.initial_state_hz = initial_state_hz;
+  run.frames = static_cast<std::int32_t>(reader.frame_count());
+  Frame prev, cur;
+  reader.Next(prev);
+  if (options.on_capture) options.on_capture(prev);
+  LibrarySession session(header.sensor, initial_state_hz, prev.exposure_s, options.verbose,
+                         options.tuning);
+  for (std::int32_t k = 1; reader.Next(cur); ++k) {
+    if (options.on_capture) options.on_capture(cur);
+    Tally(run, session.Detect(k, prev, cur), options);
+    std::swap(prev, cur);
   }
   run.final_state_hz = session.state_hz();
   return run;
@@ -343,17 +430,21 @@ RunResult Simulate(const SensorSetup& sensor, const SceneSetup& scene, std::int3
 RunResult Replay(const Recording& recording, std::int32_t initial_state_hz, bool verbose) {
   if (recording.frames.size() < 2) {
     throw HostError("the recording holds " + std::to_string(recording.frames.size()) +
-                    " frame(s); a DETECT compares two");
+                    (recording.frames.size() == 1 ? " frame" : " frames") +
+                    "; a DETECT compares two");
   }
   RunResult run;
   run.sensor = recording.sensor;
   run.initial_state_hz = initial_state_hz;
   run.frames = static_cast<std::int32_t>(recording.frames.size());
+  HostOptions options;
   LibrarySession session(recording.sensor, initial_state_hz, recording.frames[0].exposure_s,
                          verbose);
   for (std::size_t k = 1; k < recording.frames.size(); ++k) {
-    Tally(run, session.Detect(static_cast<std::int32_t>(k), recording.frames[k - 1],
-                              recording.frames[k]));
+    Tally(
+        run,
+        session.Detect(static_cast<std::int32_t>(k), recording.frames[k - 1], recording.frames[k]),
+        options);
   }
   run.final_state_hz = session.state_hz();
   return run;
