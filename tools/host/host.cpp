@@ -101,8 +101,12 @@ void CheckRun(const SensorSetup& sensor, const SceneSetup& scene, std::int32_t f
 }
 
 LibrarySession::LibrarySession(const SensorSetup& sensor, std::int32_t initial_state_hz,
-                               double exposure_s, bool verbose)
-    : sensor_(sensor), state_hz_(initial_state_hz), exposure_s_(exposure_s), verbose_(verbose) {
+                               double exposure_s, bool verbose, const FlkExtPara* tuning)
+    : sensor_(sensor),
+      tuning_(tuning != nullptr ? *tuning : FlkDefaultExtPara()),
+      state_hz_(initial_state_hz),
+      exposure_s_(exposure_s),
+      verbose_(verbose) {
   if (g_session != nullptr) throw HostError("one library session at a time");
   CheckSensorSetup(sensor_);
   g_session = this;
@@ -113,7 +117,7 @@ LibrarySession::LibrarySession(const SensorSetup& sensor, std::int32_t initial_s
     // score: the per-frame figures the host shows.
     FlkLogPara log = FLK_LOG_FLOW;
     Send(CMD_SET_LOG_LEVEL, &log, nullptr, "SET_LOG_LEVEL");
-    FlkExtPara para = FlkDefaultExtPara();
+    FlkExtPara para = tuning_;
     para.is_zhdr = sensor_.zhdr ? 1 : 0;
     para.zhdr_gle_first = sensor_.zhdr_gle_first ? 1 : 0;
     para.zhdr_se_small = sensor_.zhdr_se_small ? 1 : 0;
@@ -260,13 +264,14 @@ FrameResult LibrarySession::Detect(std::int32_t frame, const Frame& prev, const 
     r.has_score = true;
   }
   if (counted && !r.has_seq && !r.note.starts_with("warming")) {
-    r.seq = get_slrt_score(static_cast<std::uint32_t>(FlkDefaultExtPara().max_past_frames));
+    r.seq = get_slrt_score(static_cast<std::uint32_t>(tuning_.max_past_frames));
     r.has_seq = true;
   }
   // The scored band relative to the mean of the other eight, as the test measures it: 120 Hz in
-  // the 50 Hz state, 100 Hz in the 60 Hz state (the default feature indices).
+  // the 50 Hz state, 100 Hz in the 60 Hz state with the default feature indices).
   if (counted && !r.has_relative && r.has_energies) {
-    const std::size_t k = state_hz_ == 50 ? 4 : 3;
+    const std::size_t k =
+        static_cast<std::size_t>(tuning_.freq_feature_index[state_hz_ == 50 ? 0 : 1]);
     std::int64_t others = 0;
     for (std::size_t i = 0; i < 9; ++i) {
       if (i != k) others += r.energies[i];
@@ -315,14 +320,14 @@ void Tally(RunResult& run, const FrameResult& r) {
 
 RunResult Simulate(const SensorSetup& sensor, const SceneSetup& scene, std::int32_t frames,
                    double exposure_s, std::int32_t initial_state_hz, bool verbose,
-                   Recording* recording) {
+                   Recording* recording, const FlkExtPara* tuning) {
   CheckRun(sensor, scene, frames, exposure_s, recording != nullptr);
   RunResult run;
   run.sensor = sensor;
   run.initial_state_hz = initial_state_hz;
   run.frames = frames;
   SceneSimulator simulator(sensor, scene, frames);
-  LibrarySession session(sensor, initial_state_hz, exposure_s, verbose);
+  LibrarySession session(sensor, initial_state_hz, exposure_s, verbose, tuning);
   if (recording != nullptr) {
     recording->sensor = sensor;
     recording->initial_state_hz = initial_state_hz;
@@ -340,7 +345,8 @@ RunResult Simulate(const SensorSetup& sensor, const SceneSetup& scene, std::int3
   return run;
 }
 
-RunResult Replay(const Recording& recording, std::int32_t initial_state_hz, bool verbose) {
+RunResult Replay(const Recording& recording, std::int32_t initial_state_hz, bool verbose,
+                 const FlkExtPara* tuning) {
   if (recording.frames.size() < 2) {
     throw HostError("the recording holds " + std::to_string(recording.frames.size()) +
                     " frame(s); a DETECT compares two");
@@ -350,7 +356,7 @@ RunResult Replay(const Recording& recording, std::int32_t initial_state_hz, bool
   run.initial_state_hz = initial_state_hz;
   run.frames = static_cast<std::int32_t>(recording.frames.size());
   LibrarySession session(recording.sensor, initial_state_hz, recording.frames[0].exposure_s,
-                         verbose);
+                         verbose, tuning);
   for (std::size_t k = 1; k < recording.frames.size(); ++k) {
     Tally(run, session.Detect(static_cast<std::int32_t>(k), recording.frames[k - 1],
                               recording.frames[k]));

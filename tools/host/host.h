@@ -9,6 +9,8 @@
 #include <string>
 #include <vector>
 
+#include <kestrel/flicker.h>
+
 #include "host/recording.h"
 #include "host/scene.h"
 
@@ -60,9 +62,11 @@ void CheckRun(const SensorSetup& sensor, const SceneSetup& scene, std::int32_t f
 // standard-output lines away from the tool's output. One session at a time.
 class LibrarySession {
  public:
-  // `verbose`: the library's log and standard output go to standard error.
+  // `verbose`: the library's log and standard output go to standard error. `tuning`, when given,
+  // is sent with SET_EXT_PARA instead of the compiled-in values (its zHDR switches are the
+  // sensor's).
   LibrarySession(const SensorSetup& sensor, std::int32_t initial_state_hz, double exposure_s,
-                 bool verbose);
+                 bool verbose, const FlkExtPara* tuning = nullptr);
   ~LibrarySession();
   LibrarySession(const LibrarySession&) = delete;
   LibrarySession& operator=(const LibrarySession&) = delete;
@@ -80,6 +84,7 @@ class LibrarySession {
   static void Sink(int priority, const char* tag, const char* text);
 
   SensorSetup sensor_;
+  FlkExtPara tuning_;
   std::int32_t state_hz_;
   double exposure_s_;
   bool verbose_;
@@ -92,11 +97,12 @@ class LibrarySession {
 // previous one. `recording`, when given, receives the frames as rendered.
 RunResult Simulate(const SensorSetup& sensor, const SceneSetup& scene, std::int32_t frames,
                    double exposure_s, std::int32_t initial_state_hz, bool verbose,
-                   Recording* recording);
+                   Recording* recording, const FlkExtPara* tuning = nullptr);
 
 // Open loop: the recorded frames through the same host (the exposure it chooses is reported;
 // the recorded frames stay as they were captured).
-RunResult Replay(const Recording& recording, std::int32_t initial_state_hz, bool verbose);
+RunResult Replay(const Recording& recording, std::int32_t initial_state_hz, bool verbose,
+                 const FlkExtPara* tuning = nullptr);
 
 }  // namespace kestrel_host
 
