@@ -9,6 +9,7 @@
 #include <set>
 
 #include "host/error.h"
+#include "host/ext_para.h"
 
 namespace kestrel_host {
 
@@ -353,7 +354,7 @@ EvalMatrix ParseMatrix(const std::string& text, const std::string& source) {
 }
 
 EvalMatrix LoadMatrix(const std::string& path) {
-  return ParseMatrix(ReadWholeFile(path), path);
+  return ParseMatrix(ReadTextFile(path), path);
 }
 
 std::string FormatMatrix(const EvalMatrix& matrix) {
@@ -478,6 +479,8 @@ EvalReport Evaluate(const EvalMatrix& matrix, const FlkExtPara* tuning,
   std::size_t total_runs = 0, done = 0;
   for (const EvalCell& c : matrix.cells) total_runs += c.seeds.size();
   std::map<std::string, std::size_t> condition_at;
+  HostOptions options;
+  if (tuning != nullptr) options.tuning = *tuning;
   for (std::size_t i = 0; i < matrix.cells.size(); ++i) {
     const EvalCell& cell = matrix.cells[i];
     EvalStats stats;
@@ -487,8 +490,7 @@ EvalReport Evaluate(const EvalMatrix& matrix, const FlkExtPara* tuning,
       scene.seed = seed;
       RunResult run;
       try {
-        run = Simulate(cell.sensor, scene, cell.frames, cell.exposure_s, cell.state_hz, false,
-                       nullptr, tuning);
+        run = Simulate(cell.sensor, scene, cell.frames, cell.exposure_s, cell.state_hz, options);
       } catch (const HostError& e) {
         throw HostError(cell.name + ": " + e.what());
       }

@@ -2,10 +2,14 @@
 // Tuning files: a FlkExtPara record as JSON, one member per field under the field's own name.
 #include "host/ext_para.h"
 
+#include <cerrno>
 #include <cstdint>
+#include <cstring>
+#include <fstream>
 #include <limits>
 #include <nlohmann/json.hpp>
 #include <span>
+#include <sstream>
 #include <string_view>
 
 #include "host/error.h"
@@ -118,8 +122,17 @@ FlkExtPara ParseExtPara(const std::string& text, const std::string& source) {
   return para;
 }
 
+std::string ReadTextFile(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  if (!in) throw HostError("cannot read " + path + ": " + std::strerror(errno));
+  std::ostringstream text;
+  text << in.rdbuf();
+  if (in.bad()) throw HostError("cannot read " + path + ": " + std::strerror(errno));
+  return text.str();
+}
+
 FlkExtPara LoadExtPara(const std::string& path) {
-  return ParseExtPara(ReadWholeFile(path), path);
+  return ParseExtPara(ReadTextFile(path), path);
 }
 
 std::string FormatExtPara(const FlkExtPara& para) {

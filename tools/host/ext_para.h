@@ -15,6 +15,10 @@ namespace kestrel_host {
 // HostError that names the field. `source` names the text in messages (usually its path).
 FlkExtPara ParseExtPara(const std::string& text, const std::string& source);
 
+// The whole of a small text file (a tuning, a matrix), or a HostError naming the file and the
+// system's reason.
+std::string ReadTextFile(const std::string& path);
+
 // ParseExtPara on the contents of the file at `path`.
 FlkExtPara LoadExtPara(const std::string& path);
 
