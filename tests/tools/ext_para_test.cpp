@@ -5,9 +5,14 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <cstring>
+#include <fstream>
+#include <sstream>
 
+#include "host/cli.h"
 #include "host/error.h"
+#include "support.h"
 
 namespace kestrel_host {
 namespace {
@@ -77,6 +82,30 @@ INSTANTIATE_TEST_SUITE_P(
         Refusal{"NotAnObject", R"([1, 2])",
                 "t.json: a tuning is a JSON object of FlkExtPara fields"}),
     [](const ::testing::TestParamInfo<Refusal>& info) { return info.param.name; });
+
+class ExtParaCli : public kestrel_test::LibraryTest {};
+
+// --ext-para reaches the library before INIT: an unreachable threshold keeps the default scene
+// from switching, and the summary names that threshold; a bad file stops the tool at once.
+TEST_F(ExtParaCli, SimulateSendsTheTuning) {
+  const std::string path = ::testing::TempDir() + "ext_para_cli.json";
+  std::ofstream(path) << R"({"ev50_thresholds": [-30, 100000]})";
+  std::ostringstream out, err;
+  EXPECT_EQ(RunCli({"simulate", "--frames", "6", "--ext-para", path}, out, err), 0) << err.str();
+  EXPECT_NE(out.str().find("never switched: stayed in the 50 Hz state (last sequential score 30, "
+                           "a switch needs more than 100000)"),
+            std::string::npos)
+      << out.str();
+  std::ofstream(path) << R"({"min_past_frames": 0})";
+  std::ostringstream out2, err2;
+  EXPECT_EQ(RunCli({"evaluate", "--ext-para", path}, out2, err2), 2);
+  EXPECT_EQ(err2.str().rfind("kestrel-flicker: --ext-para: " + path +
+                                 ": min_past_frames: 0 is out of range 1..150",
+                             0),
+            0u)
+      << err2.str();
+  std::remove(path.c_str());
+}
 
 }  // namespace
 }  // namespace kestrel_host

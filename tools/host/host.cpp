@@ -326,6 +326,7 @@ RunResult Simulate(const SensorSetup& sensor, const SceneSetup& scene, std::int3
   run.sensor = sensor;
   run.initial_state_hz = initial_state_hz;
   run.frames = frames;
+  run.switch_threshold = {options.tuning.ev50_thresholds[1], options.tuning.ev60_thresholds[1]};
   SceneSimulator simulator(sensor, scene, frames);
   LibrarySession session(sensor, initial_state_hz, exposure_s, options.verbose, options.tuning);
   Frame prev = simulator.Generate(0, session.exposure_s());
@@ -367,6 +368,7 @@ RunResult Replay(RecordingReader& reader, std::int32_t initial_state_hz,
   run.sensor = header.sensor;
   run.initial_state_hz = initial_state_hz;
   run.frames = static_cast<std::int32_t>(reader.frame_count());
+  run.switch_threshold = {options.tuning.ev50_thresholds[1], options.tuning.ev60_thresholds[1]};
   Frame prev, cur;
   reader.Next(prev);
   if (options.on_capture) options.on_capture(prev);
