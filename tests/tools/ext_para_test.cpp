@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstddef>
 #include <cstdio>
 #include <cstring>
 #include <fstream>
@@ -16,6 +17,11 @@
 
 namespace kestrel_host {
 namespace {
+
+// The record's fields end before its tail padding, whose bytes are indeterminate.
+bool SameFields(const FlkExtPara& a, const FlkExtPara& b) {
+  return std::memcmp(&a, &b, offsetof(FlkExtPara, zhdr_gle_first) + 1) == 0;
+}
 
 TEST(ExtPara, RoundTripsEveryField) {
   FlkExtPara p = FlkDefaultExtPara();
@@ -32,14 +38,14 @@ TEST(ExtPara, RoundTripsEveryField) {
   p.zhdr_gle_first = 0;
   p.is_zhdr = 1;
   const FlkExtPara back = ParseExtPara(FormatExtPara(p), "tuning.json");
-  EXPECT_EQ(std::memcmp(&back, &p, sizeof p), 0) << FormatExtPara(back);
+  EXPECT_TRUE(SameFields(back, p)) << FormatExtPara(back);
 }
 
 TEST(ExtPara, MissingFieldsKeepTheCompiledInValues) {
   const FlkExtPara p = ParseExtPara(R"({"ev50_thresholds": [-30, 4]})", "t");
   FlkExtPara expected = FlkDefaultExtPara();
   expected.ev50_thresholds[1] = 4;
-  EXPECT_EQ(std::memcmp(&p, &expected, sizeof p), 0);
+  EXPECT_TRUE(SameFields(p, expected)) << FormatExtPara(p);
 }
 
 struct Refusal {
