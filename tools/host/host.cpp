@@ -120,7 +120,11 @@ void CheckRun(const SensorSetup& sensor, const SceneSetup& scene, std::int32_t f
 
 LibrarySession::LibrarySession(const SensorSetup& sensor, std::int32_t initial_state_hz,
                                double exposure_s, bool verbose, const FlkExtPara& tuning)
-    : sensor_(sensor), state_hz_(initial_state_hz), exposure_s_(exposure_s), verbose_(verbose) {
+    : sensor_(sensor),
+      tuning_(tuning),
+      state_hz_(initial_state_hz),
+      exposure_s_(exposure_s),
+      verbose_(verbose) {
   if (g_session != nullptr) throw HostError("one library session at a time");
   CheckSensorSetup(sensor_);
   g_session = this;
@@ -285,13 +289,14 @@ FrameResult LibrarySession::Detect(std::int32_t frame, const Frame& prev, const 
     r.has_score = true;
   }
   if (counted && !r.has_seq && !r.note.starts_with("warming")) {
-    r.seq = get_slrt_score(static_cast<std::uint32_t>(FlkDefaultExtPara().max_past_frames));
+    r.seq = get_slrt_score(static_cast<std::uint32_t>(tuning_.max_past_frames));
     r.has_seq = true;
   }
   // The scored band relative to the mean of the other eight, as the test measures it: 120 Hz in
-  // the 50 Hz state, 100 Hz in the 60 Hz state (the default feature indices).
+  // the 50 Hz state, 100 Hz in the 60 Hz state with the default feature indices).
   if (counted && !r.has_relative && r.has_energies) {
-    const std::size_t k = state_hz_ == 50 ? 4 : 3;
+    const std::size_t k =
+        static_cast<std::size_t>(tuning_.freq_feature_index[state_hz_ == 50 ? 0 : 1]);
     std::int64_t others = 0;
     for (std::size_t i = 0; i < 9; ++i) {
       if (i != k) others += r.energies[i];
@@ -372,6 +377,7 @@ RunResult Simulate(const SensorSetup& sensor, const SceneSetup& scene, std::int3
   run.sensor = sensor;
   run.initial_state_hz = initial_state_hz;
   run.frames = frames;
+  run.switch_threshold = {options.tuning.ev50_thresholds[1], options.tuning.ev60_thresholds[1]};
   SceneSimulator simulator(sensor, scene, frames);
   LibrarySession session(sensor, initial_state_hz, exposure_s, options.verbose, options.tuning);
   Frame prev = simulator.Generate(0, session.exposure_s());
@@ -413,6 +419,7 @@ RunResult Replay(RecordingReader& reader, std::int32_t initial_state_hz,
   run.sensor = header.sensor;
   run.initial_state_hz = initial_state_hz;
   run.frames = static_cast<std::int32_t>(reader.frame_count());
+  run.switch_threshold = {options.tuning.ev50_thresholds[1], options.tuning.ev60_thresholds[1]};
   Frame prev, cur;
   reader.Next(prev);
   if (options.on_capture) options.on_capture(prev);

@@ -47,6 +47,9 @@ struct RunResult {
   std::int32_t first_switch_frame = -1;  // frame after which the first switch was confirmed
   std::int32_t switches = 0;
   std::int32_t skipped = 0;  // frames the test did not count
+  // The sequential sum must exceed this to switch, in the 50 Hz and the 60 Hz state (the
+  // tuning's ev50_thresholds[1] and ev60_thresholds[1]).
+  std::array<std::int32_t, 2> switch_threshold{8, 8};
 };
 
 // How a run talks to the library and to whoever watches it.
@@ -98,6 +101,7 @@ class LibrarySession {
   static void Sink(int priority, const char* tag, const char* text);
 
   SensorSetup sensor_;
+  FlkExtPara tuning_;
   std::int32_t state_hz_;
   double exposure_s_;
   bool verbose_;

@@ -169,8 +169,8 @@ std::string FormatSummary(const RunResult& run) {
       "summary: never switched: stayed in the " + std::to_string(run.final_state_hz) + " Hz state";
   for (auto it = run.results.rbegin(); it != run.results.rend(); ++it) {
     if (it->has_seq) {
-      text +=
-          " (last sequential score " + std::to_string(it->seq) + ", a switch needs more than 8)";
+      text += " (last sequential score " + std::to_string(it->seq) + ", a switch needs more than " +
+              std::to_string(run.switch_threshold[run.final_state_hz == 60 ? 1 : 0]) + ")";
       break;
     }
   }
