@@ -92,6 +92,9 @@ struct TuneOptions {
   double false_switch_budget = 1e-4;  // false switches per counted negative frame
   std::int32_t holdout_every = 5;     // every 5th run is held out of the fit
   bool search_frame_counts = true;    // also choose min_past_frames and max_past_frames
+  // Where each threshold sits between the lowest within the budget (0) and the highest that
+  // detects as many training runs within 5 and within 10 frames (1).
+  double threshold_margin = 0.5;
 };
 
 struct TuneReport {
