@@ -4,6 +4,8 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 jobs=$(nproc 2>/dev/null || echo 2)
+. scripts/deps.sh
+kestrel_need_packages test.sh "${KESTREL_BUILD_PACKAGES[@]}" "${KESTREL_TEST_PACKAGES[@]}"
 
 # Formatting is .clang-format's business, never a review topic.
 if command -v clang-format >/dev/null && git rev-parse --git-dir >/dev/null 2>&1; then
