@@ -76,8 +76,8 @@ TEST(TuneThreshold, MeetsTheFalseSwitchBudget) {
   std::vector<LabelledFrame> frames;
   for (std::int32_t u : {0, 0, 1, 2, 3, 0, 5, 0, 0, 0}) {
     LabelledFrame f;
-    f.state = 0;
-    f.truth = LightTruth::kSteady;
+    f.state_hz = 50;
+    f.truth = Truth::kSteady;
     f.valid = true;
     f.freq_out = {100, 100, 100, 100, 100 + 100 * u, 100, 100, 100, 100};
     frames.push_back(f);

@@ -7,8 +7,6 @@
 #include <optional>
 #include <random>
 
-#include <nlohmann/json.hpp>
-
 #include "host/host.h"
 
 namespace kestrel_host {
@@ -101,6 +99,11 @@ LaplaceFit FitSorted(const Sorted& s) {
   return best;
 }
 
+// Frames of one run in one state: a closed-loop run that switched continues in the other state.
+bool SameRun(const LabelledFrame& a, const LabelledFrame& b) {
+  return a.cell == b.cell && a.seed == b.seed && a.state_hz == b.state_hz;
+}
+
 std::int32_t ClampedRound(double v) {
   return static_cast<std::int32_t>(std::lround(std::clamp(v, -1e9, 1e9)));
 }
@@ -180,15 +183,16 @@ TestOutcome ReplayTest(const std::vector<LabelledFrame>& frames, std::int32_t st
   const std::int32_t threshold = state == 0 ? para.ev50_thresholds[1] : para.ev60_thresholds[1];
   const std::uint32_t max_past = static_cast<std::uint32_t>(para.max_past_frames);
   const std::int32_t k = para.freq_feature_index[state];
+  const std::int32_t state_hz = state == 0 ? 50 : 60;
   std::vector<std::int32_t> queue;  // newest last; the host resets it after every switch
   for (std::size_t begin = 0; begin < frames.size();) {
     std::size_t end = begin;
-    while (end < frames.size() && frames[end].run == frames[begin].run) ++end;
-    if (frames[begin].state != state) {
+    while (end < frames.size() && SameRun(frames[end], frames[begin])) ++end;
+    if (frames[begin].state_hz != state_hz) {
       begin = end;
       continue;
     }
-    const bool positive = frames[begin].truth == LightTruth::kOtherMains;
+    const bool positive = frames[begin].truth == Truth::kOtherMains;
     if (positive) ++out.positive_runs;
     queue.clear();
     for (std::size_t i = begin; i < end; ++i) {
@@ -233,8 +237,13 @@ FlkExtPara Tune(const std::vector<LabelledFrame>& frames, const FlkExtPara& base
                 const TuneOptions& options, TuneReport* report) {
   TuneReport rep;
   std::vector<LabelledFrame> train, held;
-  for (const LabelledFrame& f : frames) {
-    (f.run % options.holdout_every == options.holdout_every - 1 ? held : train).push_back(f);
+  // Whole runs are held out, picked by a hash of their order so that no pattern of the matrix
+  // (light, state, exposure cycling with the cell index) is held out alone.
+  std::uint32_t runs = 0;
+  for (std::size_t i = 0; i < frames.size(); ++i) {
+    if (i > 0 && !SameRun(frames[i], frames[i - 1])) ++runs;
+    const bool out = ((runs * 0x9E3779B1u) >> 24) % options.holdout_every == 0;
+    (out ? held : train).push_back(frames[i]);
   }
   rep.held_out_frames = static_cast<std::int64_t>(held.size());
 
@@ -243,7 +252,7 @@ FlkExtPara Tune(const std::vector<LabelledFrame>& frames, const FlkExtPara& base
     const std::int32_t k = para.freq_feature_index[state];
     std::vector<double> own_z, other_z;
     for (const LabelledFrame& f : train) {
-      if (f.state != state || !f.valid) continue;
+      if (f.state_hz != (state == 0 ? 50 : 60) || !f.valid) continue;
       bool saturated = false;
       const std::int32_t z = RelativeDeviationQ8(f.freq_out, k, &saturated);
       // A saturated deviation's z is an artefact of the 32-bit shift, not a sample of either
@@ -253,7 +262,7 @@ FlkExtPara Tune(const std::vector<LabelledFrame>& frames, const FlkExtPara& base
         continue;
       }
       ++rep.fitted_frames;
-      (f.truth == LightTruth::kOtherMains ? other_z : own_z).push_back(z);
+      (f.truth == Truth::kOtherMains ? other_z : own_z).push_back(z);
     }
     if (own_z.empty() || other_z.empty()) continue;
     LaplaceFit own, other;
@@ -345,29 +354,6 @@ void PrintTuneReport(const TuneReport& r, std::ostream& out) {
   }
 }
 
-void WriteTuningJson(const FlkExtPara& p, std::ostream& out) {
-  auto arr = [](const std::int32_t* v, std::size_t n) {
-    return std::vector<std::int32_t>(v, v + n);
-  };
-  nlohmann::ordered_json j;
-  j["flicker_freq"] = arr(p.flicker_freq, 9);
-  j["flicker_grad_threshold"] = p.flicker_grad_threshold;
-  j["flicker_search_range"] = p.flicker_search_range;
-  j["min_past_frames"] = p.min_past_frames;
-  j["max_past_frames"] = p.max_past_frames;
-  j["ev50_l50"] = arr(p.ev50_l50, 4);
-  j["ev50_l60"] = arr(p.ev50_l60, 4);
-  j["ev60_l50"] = arr(p.ev60_l50, 4);
-  j["ev60_l60"] = arr(p.ev60_l60, 4);
-  j["ev50_thresholds"] = arr(p.ev50_thresholds, 2);
-  j["ev60_thresholds"] = arr(p.ev60_thresholds, 2);
-  j["freq_feature_index"] = arr(p.freq_feature_index, 2);
-  j["is_zhdr"] = p.is_zhdr != 0;
-  j["zhdr_se_small"] = p.zhdr_se_small != 0;
-  j["zhdr_gle_first"] = p.zhdr_gle_first != 0;
-  out << j.dump(2) << "\n";
-}
-
 std::vector<TrainingRun> TrainingRuns(std::int32_t family, bool zhdr, std::int32_t runs,
                                       std::uint32_t seed) {
   std::mt19937 rng(seed);
@@ -430,17 +416,9 @@ std::vector<TrainingRun> TrainingRuns(std::int32_t family, bool zhdr, std::int32
 }
 
 namespace {
-FlkExtPara ForSensor(FlkExtPara p, const SensorSetup& sensor) {
-  p.is_zhdr = sensor.zhdr ? 1 : 0;
-  p.zhdr_gle_first = sensor.zhdr_gle_first ? 1 : 0;
-  p.zhdr_se_small = sensor.zhdr_se_small ? 1 : 0;
-  return p;
-}
-
-LightTruth Truth(const TrainingRun& run) {
-  if (run.scene.mains_hz == 0.0 || run.scene.depth == 0.0) return LightTruth::kSteady;
-  return (run.scene.mains_hz == 60.0) == (run.state == 1) ? LightTruth::kOwnMains
-                                                          : LightTruth::kOtherMains;
+Truth RunTruth(const TrainingRun& run) {
+  if (run.scene.depth == 0.0) return Truth::kSteady;
+  return TruthFor(run.scene.mains_hz, run.state == 1 ? 60 : 50);
 }
 }  // namespace
 
@@ -450,23 +428,23 @@ std::vector<LabelledFrame> LabelFrames(const std::vector<TrainingRun>& runs,
   for (std::size_t r = 0; r < runs.size(); ++r) {
     const TrainingRun& run = runs[r];
     SceneSimulator sim(run.sensor, run.scene, run.frames);
-    LibrarySession session(run.sensor, run.state == 1 ? 60 : 50, run.exposure_s, false);
-    FlkExtPara p = ForSensor(para, run.sensor);
     // Lifted thresholds keep the state under test: the energies are what is being collected.
+    FlkExtPara p = para;
     p.ev50_thresholds[1] = p.ev60_thresholds[1] = INT_MAX;
-    SendCmdFlk(CMD_SET_EXT_PARA, &p, nullptr);
+    LibrarySession session(run.sensor, run.state == 1 ? 60 : 50, run.exposure_s, false, p);
     Frame prev = sim.Generate(0, run.exposure_s);
     for (std::int32_t i = 1; i < run.frames; ++i) {
       Frame cur = sim.Generate(i, run.exposure_s);
       const FrameResult fr = session.Detect(i, prev, cur);
       LabelledFrame f;
-      f.family = run.sensor.type;
-      f.zhdr = run.sensor.zhdr;
-      f.state = run.state;
-      f.truth = Truth(run);
+      f.type = run.sensor.type;
+      f.state_hz = run.state == 1 ? 60 : 50;
+      f.truth = RunTruth(run);
       f.freq_out = fr.energies;
       f.valid = fr.counted;
-      f.run = static_cast<std::int32_t>(r);
+      f.cell = r;
+      f.seed = run.scene.seed;
+      f.frame = i;
       out.push_back(f);
       prev = std::move(cur);
     }
@@ -479,15 +457,13 @@ TestOutcome RunLibrary(const std::vector<TrainingRun>& runs, std::int32_t state,
   TestOutcome out;
   for (const TrainingRun& run : runs) {
     if (run.state != state) continue;
-    const bool positive = Truth(run) == LightTruth::kOtherMains;
+    const bool positive = RunTruth(run) == Truth::kOtherMains;
     if (positive) ++out.positive_runs;
     SceneSimulator sim(run.sensor, run.scene, run.frames);
     std::optional<LibrarySession> session;
-    FlkExtPara p = ForSensor(para, run.sensor);
     auto start = [&] {
       session.reset();
-      session.emplace(run.sensor, run.state == 1 ? 60 : 50, run.exposure_s, false);
-      SendCmdFlk(CMD_SET_EXT_PARA, &p, nullptr);
+      session.emplace(run.sensor, run.state == 1 ? 60 : 50, run.exposure_s, false, para);
     };
     start();
     Frame prev = sim.Generate(0, run.exposure_s);

@@ -10,31 +10,12 @@
 #include <array>
 #include <cstdint>
 #include <ostream>
-#include <string>
 #include <vector>
 
+#include "host/evaluate.h"
 #include "host/scene.h"
 
 namespace kestrel_host {
-
-// What lit the scene, seen from the state under test.
-enum class LightTruth : std::int32_t {
-  kOtherMains = 0,  // the other mains: a switch is wanted
-  kOwnMains = 1,    // the state's own mains: any switch is false
-  kSteady = 2,      // no flicker: any switch is false
-};
-
-// One frame's nine energies as the detector reported them, with what the simulator (or the
-// recording's label) knows about the light. Frames of one run share `run` and come in order.
-struct LabelledFrame {
-  std::int32_t family = 0;  // sensor type: 0 standard, 1 SONY, 2 "2x5"
-  bool zhdr = false;
-  std::int32_t state = 0;  // 0: 50 Hz under test, 1: 60 Hz
-  LightTruth truth = LightTruth::kSteady;
-  std::array<std::int32_t, 9> freq_out{};
-  bool valid = false;  // the sequential test counts the frame (2x5: every frame)
-  std::int32_t run = 0;
-};
 
 // The scored feature's relative deviation z (Q8) exactly as the library's frame score forms it:
 // k = the state's feature index, m = max(mean of the other eight clamped features, 1), d = f[k] - m
@@ -69,8 +50,9 @@ void FitLaplacePair(const std::vector<double>& own_z, const std::vector<double>&
 // natural-log units, l(z) = -offset - |(z - knot) * slope >> 8|.
 std::array<std::int32_t, 4> ToTable(const LaplaceFit& fit);
 
-// The sequential test of one state replayed over labelled runs, as the library and a host that
-// confirms every switch with SET_STATE and RESET_QUEUE run it.
+// The sequential test of one state replayed over labelled runs (consecutive frames of one cell,
+// seed and state), as the library and a host that confirms every switch with SET_STATE and
+// RESET_QUEUE run it.
 struct TestOutcome {
   std::int64_t negative_frames = 0;  // counted frames under own mains or steady light
   std::int64_t false_switches = 0;
@@ -113,9 +95,6 @@ FlkExtPara Tune(const std::vector<LabelledFrame>& frames, const FlkExtPara& base
 // The report as a few readable lines.
 void PrintTuneReport(const TuneReport& report, std::ostream& out);
 
-// The tuning record as a JSON object of FlkExtPara fields, names as in the record.
-void WriteTuningJson(const FlkExtPara& para, std::ostream& out);
-
 // Labelled frames from the simulator. A training run: one scene, one state under test, a fixed
 // exposure (the host's: it keeps that state's exposure while no switch is confirmed).
 struct TrainingRun {
@@ -133,7 +112,7 @@ std::vector<TrainingRun> TrainingRuns(std::int32_t family, bool zhdr, std::int32
                                       std::uint32_t seed);
 
 // Renders each run and passes it through the library with `para` (its thresholds lifted so that
-// the state under test never changes), keeping the detector's energies.
+// the state under test never changes), keeping the detector's energies; `cell` is the run's index.
 std::vector<LabelledFrame> LabelFrames(const std::vector<TrainingRun>& runs,
                                        const FlkExtPara& para);
 
