@@ -1,9 +1,13 @@
 #!/usr/bin/python3
 # SPDX-License-Identifier: Apache-2.0
-"""Draws detection rate within 10 frames and median latency per condition, compiled-in tuning
-against the recommended one, from a detection-quality CSV (one row per family, state, light,
-exposure and tuning). Usage: scripts/plot_detection.py IN.csv OUT.png"""
+"""Draws, per sensor family and condition of the evaluation matrix, the share of detectable runs
+that switched within 10 frames and the median latency, compiled-in tuning against a recommended
+one, from the CSV files of `kestrel-flicker evaluate --csv`.
+
+Usage: scripts/plot_detection.py OUT.png DEFAULTS.csv FAMILY=TUNED.csv [FAMILY=TUNED.csv ...]
+(FAMILY as the cells' names start: standard, zHDR, SONY, 2x5)."""
 import csv
+import statistics
 import sys
 
 import matplotlib
@@ -11,36 +15,45 @@ import matplotlib
 matplotlib.use("Agg")
 import matplotlib.pyplot as plt  # noqa: E402
 
-FAMILIES = {"0": "standard (+zHDR)", "1": "SONY", "2": "2x5"}
+
+def by_condition(path, family):
+    """{condition: (detectable, within10, [median latencies])} for one family's cells."""
+    out = {}
+    for row in csv.DictReader(open(path)):
+        parts = [p.strip() for p in row["cell"].split(",")]
+        if parts[0] != family or len(parts) < 4:
+            continue
+        d = out.setdefault(parts[3], [0, 0, []])
+        d[0] += int(row["detectable_runs"])
+        d[1] += int(row["within10"])
+        if row["latency_median"]:
+            d[2].append(float(row["latency_median"]))
+    return {k: v for k, v in out.items() if v[0] > 0}
 
 
-def main(src, dst):
-    rows = [r for r in csv.DictReader(open(src)) if int(r["runs"]) > 0]
-    fig, axes = plt.subplots(2, 3, figsize=(13, 7), sharey="row")
-    for col, (fam, title) in enumerate(FAMILIES.items()):
-        cells = sorted({(r["state"], r["exposure"]) for r in rows if r["family"] == fam})
-        labels = [f"{s} Hz state\n{e}" for s, e in cells]
-        for tuning, offset, colour in (("defaults", -0.2, "#999999"), ("tuned", 0.2, "#1f77b4")):
-            rate, latency = [], []
-            for s, e in cells:
-                r = next(x for x in rows if x["family"] == fam and x["state"] == s
-                         and x["exposure"] == e and x["tuning"] == tuning)
-                rate.append(100.0 * int(r["within10"]) / int(r["runs"]))
-                latency.append(max(int(r["median_latency"]), 0))
-            xs = [i + offset for i in range(len(cells))]
-            axes[0][col].bar(xs, rate, width=0.4, color=colour, label=tuning)
-            axes[1][col].bar(xs, latency, width=0.4, color=colour, label=tuning)
-        axes[0][col].set_title(title)
-        for ax in (axes[0][col], axes[1][col]):
-            ax.set_xticks(range(len(cells)))
-            ax.set_xticklabels(labels, fontsize=7)
-    axes[0][0].set_ylabel("other mains detected\nwithin 10 frames (%)")
-    axes[1][0].set_ylabel("median latency (frames;\n0: never detected)")
-    axes[0][0].axhline(90, color="red", linewidth=0.8, linestyle="--")
-    axes[0][0].legend(loc="lower left")
+def main(dst, defaults, tuned):
+    fig, axes = plt.subplots(len(tuned), 2, figsize=(14, 3.2 * len(tuned)), squeeze=False)
+    for row, (family, path) in enumerate(tuned):
+        base, fit = by_condition(defaults, family), by_condition(path, family)
+        names = [c for c in base if c in fit]
+        xs = range(len(names))
+        for label, data, offset, colour in (("compiled-in", base, -0.2, "#999999"),
+                                            ("recommended", fit, 0.2, "#1f77b4")):
+            rate = [100.0 * data[c][1] / data[c][0] for c in names]
+            latency = [statistics.median(data[c][2]) if data[c][2] else 0 for c in names]
+            axes[row][0].bar([x + offset for x in xs], rate, width=0.4, color=colour, label=label)
+            axes[row][1].bar([x + offset for x in xs], latency, width=0.4, color=colour,
+                             label=label)
+        axes[row][0].axhline(90, color="red", linewidth=0.8, linestyle="--")
+        axes[row][0].set_ylabel(f"{family}\nswitched within\n10 frames (%)")
+        axes[row][1].set_ylabel("median latency\n(frames; 0: none)")
+        for ax in axes[row]:
+            ax.set_xticks(list(xs))
+            ax.set_xticklabels(names, rotation=40, ha="right", fontsize=7)
+    axes[0][0].legend(loc="lower left", fontsize=8)
     fig.tight_layout()
-    fig.savefig(dst, dpi=90)
+    fig.savefig(dst, dpi=80)
 
 
 if __name__ == "__main__":
-    main(sys.argv[1], sys.argv[2])
+    main(sys.argv[1], sys.argv[2], [a.split("=", 1) for a in sys.argv[3:]])
