@@ -173,6 +173,18 @@ EvalMatrix DefaultMatrix() {
              static_cast<std::int32_t>(std::lround(frame * c.sensor.pclk / c.sensor.line_length));
          return true;
        }},
+      // The library example's timing: slow frames of few long lines, six bands of four windows.
+      {"example timing",
+       [](EvalCell& c) {
+         c.sensor.line_length = 2200;
+         c.sensor.pclk = 24e6;
+         c.sensor.column_length = 1500;
+         // (zHDR counts hold 12 windows: three bands of 500 rows instead.)
+         c.sensor.n_win_h = c.sensor.zhdr ? 3 : 6;
+         c.sensor.n_win_w = 4;
+         c.sensor.win_ht = c.sensor.zhdr ? 500 : 250;
+         return c.sensor.type == 0;
+       }},
       {"hdr ratio 2",
        [](EvalCell& c) {
          c.scene.hdr_ratio = 2.0;
@@ -371,7 +383,7 @@ std::string FormatMatrix(const EvalMatrix& matrix) {
     if (c.sensor.zhdr) j["zhdr"] = true;
     j["mains"] = std::lround(c.scene.mains_hz);
     j["state"] = c.state_hz;
-    j["exposure_ms"] = std::stod(Format("%.6g", c.exposure_s * 1e3));
+    j["exposure_ms"] = c.exposure_s * 1e3;
     if (c.sensor.line_length != base.line_length) j["line_length"] = c.sensor.line_length;
     if (c.sensor.column_length != base.column_length) j["frame_length"] = c.sensor.column_length;
     if (c.sensor.pclk != base.pclk) j["pclk"] = c.sensor.pclk;
