@@ -105,7 +105,7 @@ INSTANTIATE_TEST_SUITE_P(
         BadArgs{"MissingValue", "--exposure", "--exposure: 1 required MS missing\n"},
         BadArgs{"UnknownOption", "--colour", "The following argument was not expected: --colour"},
         BadArgs{"UnknownCommand", "frobnicate",
-                "unknown command 'frobnicate' (simulate, replay, evaluate)"},
+                "unknown command 'frobnicate' (simulate, replay, evaluate, tune)"},
         BadArgs{"ReplayWithoutFile", "replay", "FILE is required\n"},
         BadArgs{"ZhdrOnSony", "--type 1 --zhdr", "--zhdr applies to sensor type 0 only\n"},
         BadArgs{"RatioWithoutZhdr", "--hdr-ratio 2", "--hdr-ratio requires --zhdr\n"},

@@ -554,6 +554,7 @@ int RunCli(const std::vector<std::string>& args, std::ostream& out, std::ostream
   RegisterSimulate(cli);
   RegisterReplay(cli);
   RegisterEvaluate(cli);
+  RegisterTune(cli);
   CliIo io{out, err, progress};
   const int status = cli.Run(args, io);
   if (status != 1) {

@@ -107,6 +107,7 @@ struct ReplayOptions {
 void RegisterSimulate(Cli& cli);
 void RegisterReplay(Cli& cli);
 void RegisterEvaluate(Cli& cli);
+void RegisterTune(Cli& cli);
 
 // The whole tool: 0 on success, 1 when the run fails (unreadable recording, a file that cannot be
 // written, standard output included), 2 for a bad command line, found before the first frame.
