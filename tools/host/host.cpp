@@ -100,6 +100,79 @@ void CheckRun(const SensorSetup& sensor, const SceneSetup& scene, std::int32_t f
   }
 }
 
+std::string Refusal(const std::vector<std::string>& lines) {
+  for (const std::string& line : lines) {
+    // "[func] refused: <limit>": keep the function and the limit it names.
+    const std::size_t at = line.find(" refused: ");
+    if (at != std::string::npos) return line.substr(0, at) + " " + line.substr(at + 10);
+  }
+  return {};
+}
+
+void ReadDetectFigures(const std::vector<std::string>& lines, std::int32_t result,
+                       std::int32_t state_hz, FrameResult& r) {
+  bool counted = true, unstable = false;
+  for (const std::string& line : lines) {
+    std::string_view l(line);
+    if (l.starts_with("Freq_out = ")) {
+      auto& e = r.energies;
+      r.has_energies =
+          std::sscanf(line.c_str(), "Freq_out = %d, %d, %d, %d, %d, %d, %d, %d, %d", &e[0], &e[1],
+                      &e[2], &e[3], &e[4], &e[5], &e[6], &e[7], &e[8]) == 9;
+    } else if (l.starts_with("Seq_test: stats") && l.find("%D") == std::string_view::npos) {
+      // (The 2x5 test's line carries a conversion printf does not know, which shifts its
+      // figures; its score and sum are read from the queue below instead.)
+      r.has_relative = FieldAfter(l, "cur_feat:", r.relative_q8);
+      r.has_score = FieldAfter(l, "cur_score:", r.score);
+      r.has_seq = FieldAfter(l, "seq_score:", r.seq);
+    } else if (l.starts_with("Seq_test: insufficient_data")) {
+      std::int32_t count = 0;
+      FieldAfter(l, "count:", count);
+      r.note = "warming up (" + std::to_string(count) + " scored)";
+    } else if (l.starts_with("Seq_test: invalid")) {
+      counted = false;
+      if (r.note.empty()) r.note = "not counted";
+    } else if (l.starts_with("frame AE unstable")) {
+      unstable = true;
+    } else if (l.starts_with("frame can't be registered")) {
+      if (r.note.empty()) r.note = "unregistered";
+    }
+  }
+  if (result == -1) {
+    r.note = "no result from the library";
+    counted = false;
+  }
+  // Not every test reports the frame's score (nor does one still warming up): the newest queue
+  // entry is that score. The queue reads in whole units rounded down where the test's own line
+  // rounds to nearest, so a score or sum read here can be one below the test's.
+  if (counted && !r.has_score) {
+    r.score = get_slrt_score(1);
+    r.has_score = true;
+  }
+  if (counted && !r.has_seq && !r.note.starts_with("warming")) {
+    r.seq = get_slrt_score(static_cast<std::uint32_t>(FlkDefaultExtPara().max_past_frames));
+    r.has_seq = true;
+  }
+  // The scored band relative to the mean of the other eight, as the test measures it: 120 Hz in
+  // the 50 Hz state, 100 Hz in the 60 Hz state (the default feature indices).
+  if (counted && !r.has_relative && r.has_energies) {
+    const std::size_t k = state_hz == 50 ? 4 : 3;
+    std::int64_t others = 0;
+    for (std::size_t i = 0; i < 9; ++i) {
+      if (i != k) others += r.energies[i];
+    }
+    const std::int64_t mean = std::max<std::int64_t>(others / 8, 1);
+    r.relative_q8 = static_cast<std::int32_t>((r.energies[k] - mean) * 256 / mean);
+    r.has_relative = true;
+  }
+  // The standard and SONY tests skip a frame whose brightness changed; the 2x5 test has no such
+  // gate and queues a score for it all the same.
+  if (unstable)
+    r.note = counted ? "brightness changed, scored all the same" : "skipped: brightness changed";
+  if (!counted && r.note == "unregistered") r.note = "unregistered, not counted";
+  r.counted = counted;
+}
+
 LibrarySession::LibrarySession(const SensorSetup& sensor, std::int32_t initial_state_hz,
                                double exposure_s, bool verbose)
     : sensor_(sensor), state_hz_(initial_state_hz), exposure_s_(exposure_s), verbose_(verbose) {
@@ -167,14 +240,9 @@ void LibrarySession::Send(std::uint32_t cmd, void* in, void* out, const char* wh
     StdoutDiversion diversion(verbose_);
     SendCmdFlk(static_cast<FlkCmd>(cmd), in, out);
   }
-  for (const std::string& line : lines_) {
-    // "[func] refused: <limit>": keep the function and the limit it names.
-    const std::size_t at = line.find(" refused: ");
-    if (at != std::string::npos) {
-      throw HostError(std::string("the library refused ") + what + ": " + line.substr(0, at) + " " +
-                      line.substr(at + 10));
-    }
-  }
+  const std::string refusal = Refusal(lines_);
+  if (!refusal.empty())
+    throw HostError(std::string("the library refused ") + what + ": " + refusal);
 }
 
 FrameResult LibrarySession::Detect(std::int32_t frame, const Frame& prev, const Frame& cur) {
@@ -221,66 +289,7 @@ FrameResult LibrarySession::Detect(std::int32_t frame, const Frame& prev, const 
   }
   r.result = result;
 
-  bool counted = true, unstable = false;
-  for (const std::string& line : lines_) {
-    std::string_view l(line);
-    if (l.starts_with("Freq_out = ")) {
-      auto& e = r.energies;
-      r.has_energies =
-          std::sscanf(line.c_str(), "Freq_out = %d, %d, %d, %d, %d, %d, %d, %d, %d", &e[0], &e[1],
-                      &e[2], &e[3], &e[4], &e[5], &e[6], &e[7], &e[8]) == 9;
-    } else if (l.starts_with("Seq_test: stats") && l.find("%D") == std::string_view::npos) {
-      // (The 2x5 test's line carries a conversion printf does not know, which shifts its
-      // figures; its score and sum are read from the queue below instead.)
-      r.has_relative = FieldAfter(l, "cur_feat:", r.relative_q8);
-      r.has_score = FieldAfter(l, "cur_score:", r.score);
-      r.has_seq = FieldAfter(l, "seq_score:", r.seq);
-    } else if (l.starts_with("Seq_test: insufficient_data")) {
-      std::int32_t count = 0;
-      FieldAfter(l, "count:", count);
-      r.note = "warming up (" + std::to_string(count) + " scored)";
-    } else if (l.starts_with("Seq_test: invalid")) {
-      counted = false;
-      if (r.note.empty()) r.note = "not counted";
-    } else if (l.starts_with("frame AE unstable")) {
-      unstable = true;
-    } else if (l.starts_with("frame can't be registered")) {
-      if (r.note.empty()) r.note = "unregistered";
-    }
-  }
-  if (result == -1) {
-    r.note = "no result from the library";
-    counted = false;
-  }
-  // Not every test reports the frame's score (nor does one still warming up): the newest queue
-  // entry is that score. The queue reads in whole units rounded down where the test's own line
-  // rounds to nearest, so a score or sum read here can be one below the test's.
-  if (counted && !r.has_score) {
-    r.score = get_slrt_score(1);
-    r.has_score = true;
-  }
-  if (counted && !r.has_seq && !r.note.starts_with("warming")) {
-    r.seq = get_slrt_score(static_cast<std::uint32_t>(FlkDefaultExtPara().max_past_frames));
-    r.has_seq = true;
-  }
-  // The scored band relative to the mean of the other eight, as the test measures it: 120 Hz in
-  // the 50 Hz state, 100 Hz in the 60 Hz state (the default feature indices).
-  if (counted && !r.has_relative && r.has_energies) {
-    const std::size_t k = state_hz_ == 50 ? 4 : 3;
-    std::int64_t others = 0;
-    for (std::size_t i = 0; i < 9; ++i) {
-      if (i != k) others += r.energies[i];
-    }
-    const std::int64_t mean = std::max<std::int64_t>(others / 8, 1);
-    r.relative_q8 = static_cast<std::int32_t>((r.energies[k] - mean) * 256 / mean);
-    r.has_relative = true;
-  }
-  // The standard and SONY tests skip a frame whose brightness changed; the 2x5 test has no such
-  // gate and queues a score for it all the same.
-  if (unstable)
-    r.note = counted ? "brightness changed, scored all the same" : "skipped: brightness changed";
-  if (!counted && r.note == "unregistered") r.note = "unregistered, not counted";
-  r.counted = counted;
+  ReadDetectFigures(lines_, result, state_hz_, r);
 
   r.next_exposure_s = exposure_s_;
   if ((result == FLK_RESULT_50HZ || result == FLK_RESULT_60HZ) && result != StateCode(state_hz_)) {

@@ -55,6 +55,15 @@ double ExposureForMains(double exposure_s, std::int32_t mains_hz, double frame_s
 void CheckRun(const SensorSetup& sensor, const SceneSetup& scene, std::int32_t frames,
               double exposure_s, bool recording);
 
+// The library's refusal among the log lines of one command ("<function> <limit>"), or "".
+std::string Refusal(const std::vector<std::string>& lines);
+
+// The figures of one DETECT from the lines the library logged with flow logging on (energies,
+// the test's relative feature, score and sum, whether the frame counted and why not) for a frame
+// judged in the `state_hz` state; `result` is what DETECT wrote (-1: nothing).
+void ReadDetectFigures(const std::vector<std::string>& lines, std::int32_t result,
+                       std::int32_t state_hz, FrameResult& r);
+
 // One library session: INIT on construction, UNINIT on destruction. While alive it owns the
 // library's log sink (to read the detector's per-frame figures) and keeps the library's own
 // standard-output lines away from the tool's output. One session at a time.
