@@ -41,12 +41,17 @@ Detector* g_live = nullptr;
 
 void RequireNoDetector(const char* what) {
   if (g_live != nullptr) {
-    throw py::value_error(std::string(what) +
-                          " needs the library, and a Detector holds it: close() it first");
+    throw std::runtime_error(std::string(what) +
+                             " needs the library, and a Detector holds it: close() it first");
   }
 }
 
 // ---- dict <-> host records ------------------------------------------------------------------
+
+// A shallow copy of a dict argument: the readers below consume its keys to find unknown ones.
+py::dict Copy(const py::object& obj) {
+  return py::reinterpret_steal<py::dict>(PyDict_Copy(obj.cast<py::dict>().ptr()));
+}
 
 template <typename T>
 void Take(py::dict& d, const char* key, T& field) {
@@ -84,7 +89,8 @@ py::dict SensorDict(const kh::SensorSetup& s) {
 // A sensor from a dict: the family's defaults (by its "type" and "zhdr"), then every key given.
 kh::SensorSetup SensorFrom(const py::object& obj) {
   if (obj.is_none()) return kh::DefaultSensor(0);
-  py::dict d = py::dict(obj.cast<py::dict>());  // a copy: keys are consumed below
+  py::dict d = py::reinterpret_steal<py::dict>(
+      PyDict_Copy(obj.cast<py::dict>().ptr()));  // keys are consumed below
   std::int32_t type = 0;
   bool zhdr = false;
   Take(d, "type", type);
@@ -109,7 +115,8 @@ kh::SensorSetup SensorFrom(const py::object& obj) {
 kh::SceneSetup SceneFrom(const py::object& obj) {
   kh::SceneSetup s;
   if (obj.is_none()) return s;
-  py::dict d = py::dict(obj.cast<py::dict>());
+  py::dict d = py::reinterpret_steal<py::dict>(
+      PyDict_Copy(obj.cast<py::dict>().ptr()));  // keys are consumed below
   Take(d, "mains_hz", s.mains_hz);
   Take(d, "depth", s.depth);
   Take(d, "brightness", s.brightness);
@@ -171,7 +178,7 @@ void TakeByte(py::dict& d, const char* key, std::uint8_t& field) {
 // The tuning record from a dict: the compiled-in defaults, then every key given.
 FlkExtPara ExtParaFrom(const py::dict& given) {
   FlkExtPara p = FlkDefaultExtPara();
-  py::dict d = py::dict(given);
+  py::dict d = Copy(given);
   TakeArray(d, "flicker_freq", p.flicker_freq);
   Take(d, "flicker_grad_threshold", p.flicker_grad_threshold);
   Take(d, "flicker_search_range", p.flicker_search_range);
@@ -381,13 +388,46 @@ class StdoutCapture {
   int saved_ = -1;
 };
 
+constexpr const char* kDetectorDoc = R"doc(The flicker detector, driven command by command.
+
+Detector(sensor=None, state_hz=50, ext_para=None, log=None, log_line_data=False)
+
+On construction: SET_LOG_LEVEL, SET_EXT_PARA (``ext_para``: a dict of FlkExtPara fields over the
+compiled-in defaults, or the path of a JSON file with those keys; default: the defaults, with the
+sensor's zHDR switches), INIT with the sensor's timing (``sensor``: a dict as ``default_sensor``
+returns; missing keys take the family's defaults), SET_STATE ``state_hz`` (50 or 60) and
+RESET_QUEUE. ``close()`` (or leaving a ``with`` block) sends UNINIT.
+
+The library keeps its state in process globals: only ONE Detector may be live in a process at a
+time (a second raises RuntimeError until the first is closed), and ``simulate``/``replay`` refuse to
+run while one is. Every call holds the GIL for its whole duration; do not share a Detector
+between threads.
+
+Every log line of the library (and its standard-output lines) goes to ``log(line)``, by default
+``logging.getLogger("kestrel_flicker").debug``; nothing is printed to stderr. Flow logging is
+always on: the detector's per-frame figures are read from it.)doc";
+
+constexpr const char* kDetectDoc = R"doc(DETECT on two frames; returns a dict.
+
+``prev``, ``cur``: statistics grids, shape (bands, rows, columns), C-contiguous, dtype int64 for
+a type 0 sensor and int32 for types 1 and 2 (the "2x5" family's win_ht is bands x rows). A wrong
+shape or dtype raises ValueError naming what was expected. The library is handed copies (the SONY
+and zHDR stages rewrite grids in place), so the arrays stay untouched. ``win_wd``: window width
+(default: the sensor's window_width).
+
+Result: ``result`` (2 = 50 Hz, 3 = 60 Hz), ``energies`` (the nine energies at 70..170 Hz, int32,
+or None), ``relative`` (scored band over the mean of the others, minus 1), ``score`` (frame score,
+whole units), ``seq`` (sequential score, None while warming up), ``counted``, ``note``, ``frame``
+(DETECTs so far) and ``state_hz``. The library does not switch by itself: on the other state's
+code, call ``set_state`` and ``reset_queue`` as an auto-exposure does.)doc";
+
 class Detector {
  public:
   Detector(const py::object& sensor, std::int32_t state_hz, const py::object& ext_para,
            py::object log, bool log_line_data)
       : sensor_(SensorFrom(sensor)), log_(std::move(log)), log_line_data_(log_line_data) {
     if (g_live != nullptr) {
-      throw py::value_error(
+      throw std::runtime_error(
           "another Detector is live: the library holds one session per process; close() it "
           "first (or leave its `with` block)");
     }
@@ -457,8 +497,6 @@ class Detector {
       p.zhdr_se_small = sensor_.zhdr_se_small ? 1 : 0;
     }
     Send(CMD_SET_EXT_PARA, &p, nullptr, "SET_EXT_PARA");
-    feature_index_[0] = p.freq_feature_index[0];
-    feature_index_[1] = p.freq_feature_index[1];
   }
 
   void SetState(std::int32_t hz) {
@@ -524,7 +562,7 @@ class Detector {
 
  private:
   void RequireOpen() const {
-    if (!open_) throw py::value_error("this Detector is closed");
+    if (!open_) throw std::runtime_error("this Detector is closed");
   }
 
   void CheckGrid(const py::array& a, const char* name, const char* dtype) const {
@@ -578,7 +616,6 @@ class Detector {
   bool open_ = true;
   std::int32_t state_hz_ = 50;
   std::int32_t frames_ = 0;
-  std::int32_t feature_index_[2] = {4, 3};
   std::size_t rows_ = 0;
   std::vector<std::string> lines_;
   // 64-bit words hold either element type.
@@ -647,17 +684,20 @@ PYBIND11_MODULE(_kestrel_flicker, m) {
   m.doc() = "libkestrel.flicker and the kestrel-flicker host (simulator, recordings, reports)";
   py::register_exception<kh::HostError>(m, "HostError", PyExc_RuntimeError);
 
-  py::class_<Detector>(m, "Detector")
+  py::class_<Detector>(m, "Detector", kDetectorDoc)
       .def(py::init<const py::object&, std::int32_t, const py::object&, py::object, bool>(),
            py::arg("sensor") = py::none(), py::arg("state_hz") = 50,
            py::arg("ext_para") = py::none(), py::arg("log") = py::none(),
            py::arg("log_line_data") = false)
-      .def("close", &Detector::Close)
-      .def("set_ext_para", &Detector::SetExtPara, py::arg("ext_para"))
-      .def("set_state", &Detector::SetState, py::arg("state_hz"))
-      .def("reset_queue", &Detector::ResetQueue)
-      .def("detect", &Detector::Detect, py::arg("prev"), py::arg("cur"), py::arg("win_wd") = 0)
-      .def("line_vectors", &Detector::LineVectors)
+      .def("close", &Detector::Close, "UNINIT; the library is free for another Detector")
+      .def("set_ext_para", &Detector::SetExtPara, py::arg("ext_para"),
+           "SET_EXT_PARA from a dict (over the defaults) or a JSON file")
+      .def("set_state", &Detector::SetState, py::arg("state_hz"), "SET_STATE: 50 or 60 (Hz)")
+      .def("reset_queue", &Detector::ResetQueue, "RESET_QUEUE: forget the scored frames")
+      .def("detect", &Detector::Detect, py::arg("prev"), py::arg("cur"), py::arg("win_wd") = 0,
+           kDetectDoc)
+      .def("line_vectors", &Detector::LineVectors,
+           "(prev, cur): the line vectors of the newest DETECT, one int32 per statistics row")
       .def_property_readonly("state_hz", &Detector::state_hz)
       .def_property_readonly("open", &Detector::open)
       .def_property_readonly("sensor", &Detector::sensor)
@@ -666,10 +706,14 @@ PYBIND11_MODULE(_kestrel_flicker, m) {
           py::return_value_policy::reference)
       .def("__exit__", [](Detector& d, py::args) { d.Close(); });
 
-  py::class_<Scene>(m, "Scene")
+  py::class_<Scene>(
+      m, "Scene",
+      "The tool's rolling-shutter simulator: Scene(sensor, scene, frames); scene keys: "
+      "mains_hz, depth, brightness, texture, noise, motion, hdr_ratio, seed, steps")
       .def(py::init<const py::object&, const py::object&, std::int32_t>(),
            py::arg("sensor") = py::none(), py::arg("scene") = py::none(), py::arg("frames") = 20)
-      .def("generate", &Scene::Generate, py::arg("index"), py::arg("exposure_ms"))
+      .def("generate", &Scene::Generate, py::arg("index"), py::arg("exposure_ms"),
+           "Frame `index` exposed for `exposure_ms`: a grid ready for Detector.detect")
       .def_property_readonly("sensor", &Scene::sensor);
 
   m.def(
@@ -683,8 +727,11 @@ PYBIND11_MODULE(_kestrel_flicker, m) {
       py::arg("sensor"));
   m.def("simulate", &Simulate, py::arg("sensor") = py::none(), py::arg("scene") = py::none(),
         py::arg("frames") = 20, py::arg("exposure_ms") = py::none(), py::arg("state_hz") = 50,
-        py::arg("record") = false);
-  m.def("replay", &Replay, py::arg("recording"), py::arg("state_hz") = py::none());
+        py::arg("record") = false,
+        "A closed-loop run with the tool's auto-exposure policy; a dict of per-frame arrays "
+        "(with the frames as a recording under 'recording' when `record`)");
+  m.def("replay", &Replay, py::arg("recording"), py::arg("state_hz") = py::none(),
+        "A recording (path or dict) through the tool's host; a run dict like simulate's");
   m.def(
       "read_recording",
       [](const std::string& path) { return RecordingDict(kh::LoadRecording(path)); },

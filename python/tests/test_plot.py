@@ -1,0 +1,63 @@
+# SPDX-License-Identifier: Apache-2.0
+"""The plot command writes an image of each kind of figure (its size, not its pixels)."""
+
+import json
+import struct
+import subprocess
+import sys
+
+import pytest
+
+import kestrel_flicker as kf
+
+
+def png_size(path):
+    with open(path, "rb") as f:
+        head = f.read(24)
+    assert head[:8] == b"\x89PNG\r\n\x1a\n", "not a PNG"
+    assert head[12:16] == b"IHDR"
+    return struct.unpack(">II", head[16:24])
+
+
+def plot(*args):
+    return subprocess.run([sys.executable, "-m", "kestrel_flicker.plot", *args],
+                          capture_output=True, text=True, timeout=120)
+
+
+@pytest.fixture(scope="module")
+def files(tmp_path_factory):
+    d = tmp_path_factory.mktemp("plot")
+    run = kf.simulate(frames=6, record=True)
+    (d / "run.csv").write_text(run["csv"])
+    (d / "run.json").write_text(run["json"])
+    kf.write_recording(str(d / "scene.kfr"), run["recording"])
+    evaluation = {"conditions": [
+        {"condition": "60 Hz light", "detection_rate": 1.0, "latency": 3},
+        {"condition": "steady light", "detection_rate": 0.0, "latency": None}]}
+    (d / "evaluation.json").write_text(json.dumps(evaluation))
+    return d
+
+
+@pytest.mark.parametrize(
+    "source,extra,size",
+    [
+        ("run.csv", [], (1000, 750)),
+        ("run.json", ["--size", "8x5", "--dpi", "50"], (400, 250)),
+        ("scene.kfr", ["--frame", "3"], (1000, 750)),
+        ("evaluation.json", [], (1000, 750)),
+    ],
+    ids=["run-csv", "run-json", "frame", "evaluation"],
+)
+def test_plot_command_writes_a_png(files, source, extra, size):
+    out = files / (source + ".png")
+    done = plot(str(files / source), "-o", str(out), *extra)
+    assert done.returncode == 0, done.stderr
+    assert png_size(out) == size
+
+
+def test_plot_command_rejects_what_is_no_run(files):
+    bad = files / "bad.csv"
+    bad.write_text("a,b\n1,2\n")
+    done = plot(str(bad), "-o", str(files / "bad.png"))
+    assert done.returncode == 1
+    assert "not a kestrel-flicker CSV" in done.stderr
