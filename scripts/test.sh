@@ -5,6 +5,24 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 jobs=$(nproc 2>/dev/null || echo 2)
 
+# The Python module and its tests run on Debian's python3 (not whatever python3 is first on PATH).
+py_need=()
+[ -x /usr/bin/python3-config ] || py_need+=(python3-dev)
+[ -f /usr/include/pybind11/pybind11.h ] || py_need+=(pybind11-dev)
+for m in numpy:python3-numpy matplotlib:python3-matplotlib pytest:python3-pytest; do
+  /usr/bin/python3 -c "import ${m%%:*}" 2>/dev/null || py_need+=("${m#*:}")
+done
+if [ ${#py_need[@]} -gt 0 ]; then
+  if [ "$(id -u)" = 0 ]; then
+    DEBIAN_FRONTEND=noninteractive apt-get update
+    DEBIAN_FRONTEND=noninteractive apt-get install -y --no-install-recommends "${py_need[@]}"
+  else
+    echo "missing Debian packages; install them with:" >&2
+    echo "  sudo apt-get install -y ${py_need[*]}" >&2
+    exit 1
+  fi
+fi
+
 # Formatting is .clang-format's business, never a review topic.
 if command -v clang-format >/dev/null && git rev-parse --git-dir >/dev/null 2>&1; then
   git ls-files -z '*.cpp' '*.h' | xargs -0 clang-format --dry-run --Werror
@@ -13,8 +31,11 @@ else
   echo "format: clang-format not found, check skipped"
 fi
 
-cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo
+cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKESTREL_BUILD_PYTHON=ON
 cmake --build build -j"$jobs"
+# The Python tests are one ctest entry (pytest); make sure it exists, so it cannot silently vanish.
+ctest --test-dir build -N -R '^python_tests$' | grep -q 'Total Tests: 1' ||
+  { echo "python_tests is not registered" >&2; exit 1; }
 ctest --test-dir build --output-on-failure -j"$jobs"
 
 cmake -S . -B build-asan -DCMAKE_BUILD_TYPE=Debug -DKESTREL_SANITIZE=ON -DKESTREL_BUILD_BENCH=OFF

@@ -42,6 +42,7 @@ def _pyplot():
     return plt
 
 
+
 def _number(text):
     return float(text) if text not in ("", None) else np.nan
 
@@ -90,6 +91,8 @@ def load_run(path):
 def run_figure(run, threshold=DEFAULT_THRESHOLD, title=None, figsize=(10, 7.5), dpi=100):
     """The figure of a run (a dict from ``simulate``/``replay``/``load_run``)."""
     plt = _pyplot()
+    from matplotlib.ticker import MaxNLocator
+
     frames = np.asarray(run["frame"], dtype=float)
     energies = np.asarray(run["energies"], dtype=float)
     switched = np.asarray(run["switched"], dtype=bool)
@@ -103,7 +106,8 @@ def run_figure(run, threshold=DEFAULT_THRESHOLD, title=None, figsize=(10, 7.5), 
                         cmap="magma", interpolation="nearest")
     ax_e.set_yticks(range(9), [f"{f}" for f in FREQUENCIES])
     ax_e.set_ylabel("frequency (Hz)")
-    fig.colorbar(image, ax=ax_e, label="log10 energy", pad=0.01)
+    # The colour bar sits beside the heat map without narrowing it, so the frames line up.
+    fig.colorbar(image, cax=ax_e.inset_axes([1.01, 0, 0.015, 1]), label="log10 energy")
 
     ax_r.plot(frames, run["relative"], "o-", color="tab:purple", ms=3)
     ax_r.axhline(0, color="grey", lw=0.5)
@@ -115,6 +119,7 @@ def run_figure(run, threshold=DEFAULT_THRESHOLD, title=None, figsize=(10, 7.5), 
     ax_s.axhline(0, color="grey", lw=0.5)
     ax_s.set_ylabel("score")
     ax_s.set_xlabel("frame")
+    ax_s.xaxis.set_major_locator(MaxNLocator(integer=True))
     for ax in (ax_e, ax_r, ax_s):
         for f in frames[switched]:
             ax.axvline(f, color="tab:green", lw=1.5, ls=":")
@@ -124,7 +129,7 @@ def run_figure(run, threshold=DEFAULT_THRESHOLD, title=None, figsize=(10, 7.5), 
     for ax in (ax_r, ax_s):
         ax.grid(True, alpha=0.3)
     fig.suptitle(title or "kestrel-flicker run")
-    fig.subplots_adjust(left=0.1, right=0.98, top=0.93, bottom=0.08, hspace=0.15)
+    fig.subplots_adjust(left=0.1, right=0.9, top=0.93, bottom=0.08, hspace=0.15)
     return fig
 
 

@@ -89,8 +89,7 @@ py::dict SensorDict(const kh::SensorSetup& s) {
 // A sensor from a dict: the family's defaults (by its "type" and "zhdr"), then every key given.
 kh::SensorSetup SensorFrom(const py::object& obj) {
   if (obj.is_none()) return kh::DefaultSensor(0);
-  py::dict d = py::reinterpret_steal<py::dict>(
-      PyDict_Copy(obj.cast<py::dict>().ptr()));  // keys are consumed below
+  py::dict d = Copy(obj);
   std::int32_t type = 0;
   bool zhdr = false;
   Take(d, "type", type);
@@ -115,8 +114,7 @@ kh::SensorSetup SensorFrom(const py::object& obj) {
 kh::SceneSetup SceneFrom(const py::object& obj) {
   kh::SceneSetup s;
   if (obj.is_none()) return s;
-  py::dict d = py::reinterpret_steal<py::dict>(
-      PyDict_Copy(obj.cast<py::dict>().ptr()));  // keys are consumed below
+  py::dict d = Copy(obj);
   Take(d, "mains_hz", s.mains_hz);
   Take(d, "depth", s.depth);
   Take(d, "brightness", s.brightness);
