@@ -50,6 +50,10 @@ void RequireNoDetector(const char* what) {
 
 // A shallow copy of a dict argument: the readers below consume its keys to find unknown ones.
 py::dict Copy(const py::object& obj) {
+  if (!py::isinstance<py::dict>(obj)) {
+    throw py::value_error("expected a dict, got " +
+                          py::str(obj.get_type().attr("__name__")).cast<std::string>());
+  }
   return py::reinterpret_steal<py::dict>(PyDict_Copy(obj.cast<py::dict>().ptr()));
 }
 
@@ -173,9 +177,8 @@ void TakeByte(py::dict& d, const char* key, std::uint8_t& field) {
   field = on ? 1 : 0;
 }
 
-// The tuning record from a dict: the compiled-in defaults, then every key given.
-FlkExtPara ExtParaFrom(const py::dict& given) {
-  FlkExtPara p = FlkDefaultExtPara();
+// The tuning record from a dict: `base`, then every key given.
+FlkExtPara ExtParaFrom(FlkExtPara p, const py::object& given) {
   py::dict d = Copy(given);
   TakeArray(d, "flicker_freq", p.flicker_freq);
   Take(d, "flicker_grad_threshold", p.flicker_grad_threshold);
@@ -480,19 +483,21 @@ class Detector {
   }
 
   void SetExtPara(const py::object& ext_para) {
+    // The defaults with the sensor's zHDR packing, then whatever the caller gives.
     FlkExtPara p = FlkDefaultExtPara();
-    if (!ext_para.is_none()) {
-      if (py::isinstance<py::dict>(ext_para)) {
-        p = ExtParaFrom(ext_para.cast<py::dict>());
-      } else {
-        // A tuning file: a JSON object with the same keys.
-        const std::string text = kh::ReadWholeFile(py::str(ext_para).cast<std::string>());
-        p = ExtParaFrom(py::module_::import("json").attr("loads")(text).cast<py::dict>());
-      }
-    } else {
-      p.is_zhdr = sensor_.zhdr ? 1 : 0;
-      p.zhdr_gle_first = sensor_.zhdr_gle_first ? 1 : 0;
-      p.zhdr_se_small = sensor_.zhdr_se_small ? 1 : 0;
+    p.is_zhdr = sensor_.zhdr ? 1 : 0;
+    p.zhdr_gle_first = sensor_.zhdr_gle_first ? 1 : 0;
+    p.zhdr_se_small = sensor_.zhdr_se_small ? 1 : 0;
+    if (py::isinstance<py::dict>(ext_para)) {
+      p = ExtParaFrom(p, ext_para);
+    } else if (py::isinstance<py::str>(ext_para) || py::hasattr(ext_para, "__fspath__")) {
+      // A tuning file: a JSON object with the same keys.
+      const std::string path =
+          py::module_::import("os").attr("fspath")(ext_para).cast<std::string>();
+      const std::string text = kh::ReadWholeFile(path);
+      p = ExtParaFrom(p, py::module_::import("json").attr("loads")(text));
+    } else if (!ext_para.is_none()) {
+      throw py::value_error("ext_para: expected a dict or the path of a JSON file");
     }
     Send(CMD_SET_EXT_PARA, &p, nullptr, "SET_EXT_PARA");
   }
