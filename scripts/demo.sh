@@ -6,9 +6,8 @@
 # (scripts/demo.sh --help lists them).
 set -euo pipefail
 cd "$(dirname "$0")/.."
-for tool in cmake g++; do
-  command -v "$tool" >/dev/null || { echo "demo.sh: $tool is needed (apt-get install cmake g++)" >&2; exit 1; }
-done
+. scripts/deps.sh
+kestrel_need_packages demo.sh "${KESTREL_BUILD_PACKAGES[@]}"
 jobs=$(nproc 2>/dev/null || echo 2)
 log=$(mktemp)
 trap 'rm -f "$log"' EXIT

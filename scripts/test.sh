@@ -4,24 +4,9 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 jobs=$(nproc 2>/dev/null || echo 2)
-
-# The Python module and its tests run on Debian's python3 (not whatever python3 is first on PATH).
-py_need=()
-[ -x /usr/bin/python3-config ] || py_need+=(python3-dev)
-[ -f /usr/include/pybind11/pybind11.h ] || py_need+=(pybind11-dev)
-for m in numpy:python3-numpy matplotlib:python3-matplotlib pytest:python3-pytest; do
-  /usr/bin/python3 -c "import ${m%%:*}" 2>/dev/null || py_need+=("${m#*:}")
-done
-if [ ${#py_need[@]} -gt 0 ]; then
-  if [ "$(id -u)" = 0 ]; then
-    DEBIAN_FRONTEND=noninteractive apt-get update
-    DEBIAN_FRONTEND=noninteractive apt-get install -y --no-install-recommends "${py_need[@]}"
-  else
-    echo "missing Debian packages; install them with:" >&2
-    echo "  sudo apt-get install -y ${py_need[*]}" >&2
-    exit 1
-  fi
-fi
+. scripts/deps.sh
+kestrel_need_packages test.sh "${KESTREL_BUILD_PACKAGES[@]}" "${KESTREL_TEST_PACKAGES[@]}" \
+  "${KESTREL_PYTHON_PACKAGES[@]}"
 
 # Formatting is .clang-format's business, never a review topic.
 if command -v clang-format >/dev/null && git rev-parse --git-dir >/dev/null 2>&1; then

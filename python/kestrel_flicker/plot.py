@@ -70,7 +70,10 @@ def load_run(path):
         for r in data["per_frame"]:
             row = {k: r.get(k) for k in _RUN_COLUMNS}
             row["switched"] = 1.0 if r.get("switched") else 0.0
-            row["energies"] = r.get("energies") or [None] * 9
+            energies = r.get("energies") or [None] * 9
+            if isinstance(energies, dict):  # keyed by frequency
+                energies = [energies.get(str(f)) for f in FREQUENCIES]
+            row["energies"] = energies
             row["note"] = r.get("note", "")
             rows.append(row)
         run = _run_from_rows(rows)

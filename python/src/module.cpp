@@ -12,6 +12,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <iostream>
 #include <string>
 #include <vector>
 
@@ -19,6 +20,7 @@
 
 #include "host/error.h"
 #include "host/host.h"
+#include "host/output.h"
 #include "host/recording.h"
 #include "host/report.h"
 #include "host/scene.h"
@@ -309,6 +311,7 @@ py::dict RecordingDict(const kh::Recording& rec) {
   py::dict d;
   d["sensor"] = SensorDict(rec.sensor);
   d["initial_state_hz"] = rec.initial_state_hz;
+  d["light_hz"] = rec.light_hz ? py::object(py::int_(*rec.light_hz)) : py::object(py::none());
   py::list frames;
   for (const kh::Frame& f : rec.frames) {
     py::dict fd;
@@ -325,6 +328,7 @@ kh::Recording RecordingFrom(const py::dict& d) {
   kh::Recording rec;
   rec.sensor = SensorFrom(d["sensor"]);
   if (d.contains("initial_state_hz")) rec.initial_state_hz = d["initial_state_hz"].cast<int>();
+  if (d.contains("light_hz") && !d["light_hz"].is_none()) rec.light_hz = d["light_hz"].cast<int>();
   if (d.contains("comments")) rec.comments = d["comments"].cast<std::vector<std::string>>();
   for (auto item : d["frames"]) {
     const py::dict fd = item.cast<py::dict>();
@@ -492,10 +496,10 @@ class Detector {
       p = ExtParaFrom(p, ext_para);
     } else if (py::isinstance<py::str>(ext_para) || py::hasattr(ext_para, "__fspath__")) {
       // A tuning file: a JSON object with the same keys.
-      const std::string path =
-          py::module_::import("os").attr("fspath")(ext_para).cast<std::string>();
-      const std::string text = kh::ReadWholeFile(path);
-      p = ExtParaFrom(p, py::module_::import("json").attr("loads")(text));
+      py::object file = py::module_::import("builtins").attr("open")(ext_para, "r");
+      py::object data = py::module_::import("json").attr("load")(file);
+      file.attr("close")();
+      p = ExtParaFrom(p, data);
     } else if (!ext_para.is_none()) {
       throw py::value_error("ext_para: expected a dict or the path of a JSON file");
     }
@@ -752,7 +756,11 @@ PYBIND11_MODULE(_kestrel_flicker, m) {
   m.def(
       "write_recording",
       [](const std::string& path, const py::dict& rec) {
-        kh::WriteFiles({{path, kh::FormatRecording(RecordingFrom(rec))}});
+        // As the tool writes it: "*.gz" compressed, the file replaced only once complete.
+        const kh::Recording r = RecordingFrom(rec);
+        kh::OutputSink sink(path, std::cout, kh::WantsGzip(path));
+        sink.Write(kh::FormatRecording(r));
+        sink.Commit();
       },
       py::arg("path"), py::arg("recording"));
 }

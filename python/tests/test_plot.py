@@ -6,6 +6,7 @@ import struct
 import subprocess
 import sys
 
+import numpy as np
 import pytest
 
 import kestrel_flicker as kf
@@ -25,9 +26,13 @@ def plot(*args):
 
 
 @pytest.fixture(scope="module")
-def files(tmp_path_factory):
+def run():
+    return kf.simulate(frames=6, record=True)
+
+
+@pytest.fixture(scope="module")
+def files(tmp_path_factory, run):
     d = tmp_path_factory.mktemp("plot")
-    run = kf.simulate(frames=6, record=True)
     (d / "run.csv").write_text(run["csv"])
     (d / "run.json").write_text(run["json"])
     kf.write_recording(str(d / "scene.kfr"), run["recording"])
@@ -53,6 +58,16 @@ def test_plot_command_writes_a_png(files, source, extra, size):
     done = plot(str(files / source), "-o", str(out), *extra)
     assert done.returncode == 0, done.stderr
     assert png_size(out) == size
+
+
+@pytest.mark.parametrize("source", ["run.csv", "run.json"])
+def test_runs_load_from_the_tools_files(files, run, source):
+    from kestrel_flicker import plot as kplot
+
+    loaded = kplot.load_run(str(files / source))
+    assert loaded["frame"].tolist() == [1, 2, 3, 4, 5]
+    for key in ("energies", "score", "seq", "switched"):
+        np.testing.assert_array_equal(loaded[key], run[key], err_msg=key)
 
 
 def test_plot_command_rejects_what_is_no_run(files):

@@ -14,11 +14,11 @@ namespace {
 
 // A recording of two tiny frames, written out by hand: the documented layout.
 const std::string kSmallText =
-    "kestrel-flicker-recording 1\n"
+    "kestrel-flicker-recording 2\n"
     "# two tiny frames\n"
     "type 1\nline_length 6000\ncolumn_length 1250\npclk 200000000\nwindow_width 64\n"
     "block_height 0\ngreen_only 0\nn_win_h 1\nn_win_w 2\nwin_ht 3\nzhdr 0\nzhdr_gle_first 1\n"
-    "zhdr_se_small 0\ninitial_state 60\nframes 2\n"
+    "zhdr_se_small 0\ninitial_state 60\nlight 50\nframes 2\n"
     "frame 0 exposure 0.01\n1 2\n3 4\n5 6\n"
     "frame 1 exposure 0.0083333333333333332\n7 8\n9 10\n11 1023\n"
     "end\n";
@@ -42,6 +42,11 @@ TEST(Recording, ReadsAndWritesTheDocumentedLayout) {
   EXPECT_TRUE(r.sensor.zhdr);
   EXPECT_EQ(r.frames[1].grid[5], (std::int64_t{4095} << 36) | (std::int64_t{17} << 24) | 0xFFFFFF);
   EXPECT_EQ(FormatRecording(r), text);
+  // Version 1 has no light label and is still read.
+  std::string v1 = Edited("recording 2", "recording 1");
+  v1.erase(v1.find("light 50\n"), 9);
+  EXPECT_FALSE(ParseRecording(v1, "x").light_hz.has_value());
+  EXPECT_EQ(ParseRecording(kSmallText, "x").light_hz, 50);
 }
 
 // Comments, blank lines, CR LF line ends and a last line without its newline are read.
@@ -81,28 +86,32 @@ INSTANTIATE_TEST_SUITE_P(
     ::testing::Values(
         BadFile{"kestrel", "\x89PNG", true,
                 "1: not a kestrel-flicker recording (the first line "
-                "must be 'kestrel-flicker-recording 1')"},
-        BadFile{"recording 1", "recording 2", false,
-                "1: format version 2 is not supported (this "
-                "tool reads version 1)"},
+                "must be 'kestrel-flicker-recording 2')"},
+        BadFile{"recording 2", "recording 3", false,
+                "1: format version 3 is not supported (this "
+                "tool reads versions 1 to 2)"},
+        BadFile{"light 50", "light 55", false,
+                "17: field 'light' must be 50, 60 or 0 (steady light)"},
+        BadFile{"recording 2", "recording 1", false,
+                "17: expected 'frames <value>', found 'light 50'"},
         BadFile{"kestrel", "", true, "0: empty file, not a kestrel-flicker recording"},
         BadFile{"n_win_h", "", true, "9: truncated: missing field 'n_win_h'"},
-        BadFile{"11 1023", "", true, "24: truncated: frame 1 has 2 of its 3 rows"},
-        BadFile{"frame 1", "", true, "21: truncated: 2 frames announced, 1 found"},
-        BadFile{"end", "", true, "25: truncated or damaged: 'end' expected after 2 frames"},
-        BadFile{"23\nend", "", true, "25: truncated: the file ends in the middle of a line"},
-        BadFile{"end\n", "end\nmore\n", false, "27: unexpected text after 'end'"},
+        BadFile{"11 1023", "", true, "25: truncated: frame 1 has 2 of its 3 rows"},
+        BadFile{"frame 1", "", true, "22: truncated: 2 frames announced, 1 found"},
+        BadFile{"end", "", true, "26: truncated or damaged: 'end' expected after 2 frames"},
+        BadFile{"23\nend", "", true, "26: truncated: the file ends in the middle of a line"},
+        BadFile{"end\n", "end\nmore\n", false, "28: unexpected text after 'end'"},
         BadFile{"type 1", "type 3", false, "3: field 'type' must be an integer in 0..2, found '3'"},
-        BadFile{"zhdr 0", "zhdr 1", false, "17: zHDR statistics exist only for sensor type 0"},
-        BadFile{"3 4\n", "3\n", false, "20: frame 0 row 1 has 1 values, expected n_win_w = 2"},
+        BadFile{"zhdr 0", "zhdr 1", false, "18: zHDR statistics exist only for sensor type 0"},
+        BadFile{"3 4\n", "3\n", false, "21: frame 0 row 1 has 1 values, expected n_win_w = 2"},
         BadFile{"5 6\n", "5 6\n0 0\n", false,
-                "22: frame 0 has more than the 3 rows the header "
+                "23: frame 0 has more than the 3 rows the header "
                 "gives (n_win_h x win_ht)"},
         BadFile{"9 10", "9 2147483648", false,
-                "24: frame 1 row 1: '2147483648' is not a 32-bit "
+                "25: frame 1 row 1: '2147483648' is not a 32-bit "
                 "integer"},
         BadFile{"frame 1 exposure", "frame 5 exposure", false,
-                "22: frame 5 found where frame 1 "
+                "23: frame 5 found where frame 1 "
                 "was expected"}));
 
 }  // namespace

@@ -174,7 +174,7 @@ void ReadDetectFigures(const std::vector<std::string>& lines, std::int32_t resul
 }
 
 LibrarySession::LibrarySession(const SensorSetup& sensor, std::int32_t initial_state_hz,
-                               double exposure_s, bool verbose)
+                               double exposure_s, bool verbose, const FlkExtPara& tuning)
     : sensor_(sensor), state_hz_(initial_state_hz), exposure_s_(exposure_s), verbose_(verbose) {
   if (g_session != nullptr) throw HostError("one library session at a time");
   CheckSensorSetup(sensor_);
@@ -186,7 +186,7 @@ LibrarySession::LibrarySession(const SensorSetup& sensor, std::int32_t initial_s
     // score: the per-frame figures the host shows.
     FlkLogPara log = FLK_LOG_FLOW;
     Send(CMD_SET_LOG_LEVEL, &log, nullptr, "SET_LOG_LEVEL");
-    FlkExtPara para = FlkDefaultExtPara();
+    FlkExtPara para = tuning;
     para.is_zhdr = sensor_.zhdr ? 1 : 0;
     para.zhdr_gle_first = sensor_.zhdr_gle_first ? 1 : 0;
     para.zhdr_se_small = sensor_.zhdr_se_small ? 1 : 0;
@@ -311,39 +311,75 @@ FrameResult LibrarySession::Detect(std::int32_t frame, const Frame& prev, const 
 
 namespace {
 
-void Tally(RunResult& run, const FrameResult& r) {
+void Tally(RunResult& run, const FrameResult& r, const HostOptions& options) {
   if (r.switched) {
     if (run.first_switch_frame < 0) run.first_switch_frame = r.frame;
     ++run.switches;
   }
   if (!r.counted) ++run.skipped;
   run.results.push_back(r);
+  if (options.on_frame) options.on_frame(r);
 }
 
 }  // namespace
 
 RunResult Simulate(const SensorSetup& sensor, const SceneSetup& scene, std::int32_t frames,
-                   double exposure_s, std::int32_t initial_state_hz, bool verbose,
-                   Recording* recording) {
-  CheckRun(sensor, scene, frames, exposure_s, recording != nullptr);
+                   double exposure_s, std::int32_t initial_state_hz, const HostOptions& options) {
+  CheckRun(sensor, scene, frames, exposure_s, false);
   RunResult run;
   run.sensor = sensor;
   run.initial_state_hz = initial_state_hz;
   run.frames = frames;
   SceneSimulator simulator(sensor, scene, frames);
-  LibrarySession session(sensor, initial_state_hz, exposure_s, verbose);
-  if (recording != nullptr) {
-    recording->sensor = sensor;
-    recording->initial_state_hz = initial_state_hz;
-    recording->frames.clear();
-  }
+  LibrarySession session(sensor, initial_state_hz, exposure_s, options.verbose, options.tuning);
   Frame prev = simulator.Generate(0, session.exposure_s());
-  if (recording != nullptr) recording->frames.push_back(prev);
+  if (options.on_capture) options.on_capture(prev);
   for (std::int32_t k = 1; k < frames; ++k) {
     Frame cur = simulator.Generate(k, session.exposure_s());
-    Tally(run, session.Detect(k, prev, cur));
-    if (recording != nullptr) recording->frames.push_back(cur);
+    if (options.on_capture) options.on_capture(cur);
+    Tally(run, session.Detect(k, prev, cur), options);
     prev = std::move(cur);
+  }
+  run.final_state_hz = session.state_hz();
+  return run;
+}
+
+RunResult Simulate(const SensorSetup& sensor, const SceneSetup& scene, std::int32_t frames,
+                   double exposure_s, std::int32_t initial_state_hz, bool verbose,
+                   Recording* recording) {
+  HostOptions options;
+  options.verbose = verbose;
+  if (recording != nullptr) {
+    CheckRun(sensor, scene, frames, exposure_s, true);
+    recording->sensor = sensor;
+    recording->initial_state_hz = initial_state_hz;
+    recording->light_hz = static_cast<std::int32_t>(scene.mains_hz);
+    recording->frames.clear();
+    options.on_capture = [recording](const Frame& f) { recording->frames.push_back(f); };
+  }
+  return Simulate(sensor, scene, frames, exposure_s, initial_state_hz, options);
+}
+
+RunResult Replay(RecordingReader& reader, std::int32_t initial_state_hz,
+                 const HostOptions& options) {
+  const Recording& header = reader.header();
+  if (reader.frame_count() < 2) {
+    throw HostError("the recording holds " + std::to_string(reader.frame_count()) +
+                    (reader.frame_count() == 1 ? " frame" : " frames") + "; a DETECT compares two");
+  }
+  RunResult run;
+  run.sensor = header.sensor;
+  run.initial_state_hz = initial_state_hz;
+  run.frames = static_cast<std::int32_t>(reader.frame_count());
+  Frame prev, cur;
+  reader.Next(prev);
+  if (options.on_capture) options.on_capture(prev);
+  LibrarySession session(header.sensor, initial_state_hz, prev.exposure_s, options.verbose,
+                         options.tuning);
+  for (std::int32_t k = 1; reader.Next(cur); ++k) {
+    if (options.on_capture) options.on_capture(cur);
+    Tally(run, session.Detect(k, prev, cur), options);
+    std::swap(prev, cur);
   }
   run.final_state_hz = session.state_hz();
   return run;
@@ -352,17 +388,21 @@ RunResult Simulate(const SensorSetup& sensor, const SceneSetup& scene, std::int3
 RunResult Replay(const Recording& recording, std::int32_t initial_state_hz, bool verbose) {
   if (recording.frames.size() < 2) {
     throw HostError("the recording holds " + std::to_string(recording.frames.size()) +
-                    " frame(s); a DETECT compares two");
+                    (recording.frames.size() == 1 ? " frame" : " frames") +
+                    "; a DETECT compares two");
   }
   RunResult run;
   run.sensor = recording.sensor;
   run.initial_state_hz = initial_state_hz;
   run.frames = static_cast<std::int32_t>(recording.frames.size());
+  HostOptions options;
   LibrarySession session(recording.sensor, initial_state_hz, recording.frames[0].exposure_s,
                          verbose);
   for (std::size_t k = 1; k < recording.frames.size(); ++k) {
-    Tally(run, session.Detect(static_cast<std::int32_t>(k), recording.frames[k - 1],
-                              recording.frames[k]));
+    Tally(
+        run,
+        session.Detect(static_cast<std::int32_t>(k), recording.frames[k - 1], recording.frames[k]),
+        options);
   }
   run.final_state_hz = session.state_hz();
   return run;

@@ -6,8 +6,11 @@
 
 #include <array>
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
+
+#include <kestrel/flicker.h>
 
 #include "host/recording.h"
 #include "host/scene.h"
@@ -46,6 +49,16 @@ struct RunResult {
   std::int32_t skipped = 0;  // frames the test did not count
 };
 
+// How a run talks to the library and to whoever watches it.
+struct HostOptions {
+  bool verbose = false;  // the library's log and standard-output lines go to standard error
+  // Sent with SET_EXT_PARA before INIT; the zHDR switches are the sensor's and override these.
+  FlkExtPara tuning = FlkDefaultExtPara();
+  // Called as each frame is judged (live output), and with each frame as it is rendered or read.
+  std::function<void(const FrameResult&)> on_frame;
+  std::function<void(const Frame&)> on_capture;
+};
+
 // The exposure a host applies for a mains frequency: the nearest whole number of flicker periods
 // that fits in a frame of `frame_s` (at least one), which cancels the banding of that mains.
 double ExposureForMains(double exposure_s, std::int32_t mains_hz, double frame_s);
@@ -71,7 +84,7 @@ class LibrarySession {
  public:
   // `verbose`: the library's log and standard output go to standard error.
   LibrarySession(const SensorSetup& sensor, std::int32_t initial_state_hz, double exposure_s,
-                 bool verbose);
+                 bool verbose, const FlkExtPara& tuning = FlkDefaultExtPara());
   ~LibrarySession();
   LibrarySession(const LibrarySession&) = delete;
   LibrarySession& operator=(const LibrarySession&) = delete;
@@ -98,13 +111,18 @@ class LibrarySession {
 };
 
 // Closed loop: the simulator renders each frame with the exposure the host chose after the
-// previous one. `recording`, when given, receives the frames as rendered.
+// previous one.
+RunResult Simulate(const SensorSetup& sensor, const SceneSetup& scene, std::int32_t frames,
+                   double exposure_s, std::int32_t initial_state_hz, const HostOptions& options);
+// The same; `recording`, when given, receives the frames as rendered.
 RunResult Simulate(const SensorSetup& sensor, const SceneSetup& scene, std::int32_t frames,
                    double exposure_s, std::int32_t initial_state_hz, bool verbose,
                    Recording* recording);
 
 // Open loop: the recorded frames through the same host (the exposure it chooses is reported;
-// the recorded frames stay as they were captured).
+// the recorded frames stay as they were captured). Frames are read one at a time.
+RunResult Replay(RecordingReader& reader, std::int32_t initial_state_hz,
+                 const HostOptions& options);
 RunResult Replay(const Recording& recording, std::int32_t initial_state_hz, bool verbose);
 
 }  // namespace kestrel_host

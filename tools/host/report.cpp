@@ -5,6 +5,8 @@
 #include <cmath>
 #include <cstdio>
 
+#include <nlohmann/json.hpp>
+
 #include "host/error.h"
 
 namespace kestrel_host {
@@ -32,13 +34,16 @@ std::string ResultText(std::int32_t result) {
   return result == -1 ? "-" : std::to_string(result);
 }
 
-// JSON has no NaN or infinity; none of the figures here can be either, but keep the file valid.
-std::string JsonNumber(double v) {
-  if (!std::isfinite(v)) return "null";
-  return Format("%.6g", v);
+// The library's result code in Hz; 0 for no result.
+std::int32_t ResultHz(std::int32_t result) {
+  return result == 2 ? 50 : result == 3 ? 60 : 0;
 }
 
 }  // namespace
+
+std::string Count(std::int64_t n, const std::string& noun) {
+  return std::to_string(n) + " " + noun + (n == 1 ? "" : "s");
+}
 
 const char* SensorName(std::int32_t type) {
   if (type == 1) return "SONY";
@@ -46,46 +51,53 @@ const char* SensorName(std::int32_t type) {
   return "standard";
 }
 
-std::string FormatTable(const RunResult& run, bool wide) {
-  std::string out;
+std::string TableHeader(bool wide) {
   std::string head = "frame  exposure  state ";
   if (wide) {
     for (int f : kFrequencies) head += Pad("E" + std::to_string(f), 9);
   } else {
     head += Pad("E100", 9) + Pad("E120", 9) + Pad("others", 9);
   }
-  head += "    rel  score    seq  result  note / action\n";
-  out += head;
-  for (const FrameResult& r : run.results) {
-    std::string row = Pad(std::to_string(r.frame), 5) + Pad(Ms(r.exposure_s), 10) +
-                      Pad(std::to_string(r.state_hz) + " Hz", 7);
-    if (wide) {
-      for (int i = 0; i < 9; ++i) {
-        row +=
-            Pad(r.has_energies ? std::to_string(r.energies[static_cast<std::size_t>(i)]) : "-", 9);
-      }
-    } else if (r.has_energies) {
-      row += Pad(std::to_string(r.energies[3]), 9) + Pad(std::to_string(r.energies[4]), 9) +
-             Pad(Format("%.0f", RestMean(r)), 9);
-    } else {
-      row += Pad("-", 9) + Pad("-", 9) + Pad("-", 9);
+  return head + "    rel  score    seq  result  note / action\n";
+}
+
+std::string RowNote(const FrameResult& r) {
+  if (r.switched && !r.note.empty()) return r.note + "; " + r.action;
+  return r.switched ? r.action : r.note;
+}
+
+std::string TableRow(const FrameResult& r, bool wide) {
+  std::string row = Pad(std::to_string(r.frame), 5) + Pad(Ms(r.exposure_s), 10) +
+                    Pad(std::to_string(r.state_hz) + " Hz", 7);
+  if (wide) {
+    for (int i = 0; i < 9; ++i) {
+      row += Pad(r.has_energies ? std::to_string(r.energies[static_cast<std::size_t>(i)]) : "-", 9);
     }
-    row += Pad(r.has_relative ? Format("%.2f", r.relative_q8 / 256.0) : "-", 7);
-    row += Pad(r.has_score ? Format("%+.0f", r.score) : "-", 7);
-    row += Pad(r.has_seq ? std::to_string(r.seq) : "-", 7);
-    row += Pad(ResultText(r.result), 8);
-    std::string tail = r.switched ? r.action : r.note;
-    if (r.switched && !r.note.empty()) tail = r.note + "; " + r.action;
-    if (!tail.empty()) row += "  " + tail;
-    out += row + "\n";
+  } else if (r.has_energies) {
+    row += Pad(std::to_string(r.energies[3]), 9) + Pad(std::to_string(r.energies[4]), 9) +
+           Pad(Format("%.0f", RestMean(r)), 9);
+  } else {
+    row += Pad("-", 9) + Pad("-", 9) + Pad("-", 9);
   }
+  row += Pad(r.has_relative ? Format("%.2f", r.relative_q8 / 256.0) : "-", 7);
+  row += Pad(r.has_score ? Format("%+.0f", r.score) : "-", 7);
+  row += Pad(r.has_seq ? std::to_string(r.seq) : "-", 7);
+  row += Pad(ResultText(r.result), 8);
+  const std::string tail = RowNote(r);
+  if (!tail.empty()) row += "  " + tail;
+  return row + "\n";
+}
+
+std::string FormatTable(const RunResult& run, bool wide) {
+  std::string out = TableHeader(wide);
+  for (const FrameResult& r : run.results) out += TableRow(r, wide);
   return out;
 }
 
 std::string FormatSummary(const RunResult& run) {
   const std::int32_t judged = static_cast<std::int32_t>(run.results.size());
   std::string counts =
-      std::to_string(judged) + " frames judged, " + std::to_string(run.skipped) + " not counted";
+      Count(judged, "frame") + " judged, " + std::to_string(run.skipped) + " not counted";
   if (run.first_switch_frame >= 0) {
     const FrameResult* first = nullptr;
     for (const FrameResult& r : run.results) {
@@ -113,125 +125,100 @@ std::string FormatSummary(const RunResult& run) {
   return text + "; " + counts + "\n";
 }
 
-std::string FormatCsv(const RunResult& run) {
+std::string CsvHeader() {
   std::string out = "frame,exposure_ms,state_hz";
   for (int f : kFrequencies) out += ",e" + std::to_string(f);
-  out += ",relative,score,seq,result,switched,next_exposure_ms,note\n";
-  for (const FrameResult& r : run.results) {
-    out += std::to_string(r.frame) + "," + Format("%.6f", r.exposure_s * 1e3) + "," +
-           std::to_string(r.state_hz);
-    for (int i = 0; i < 9; ++i) {
-      out += ",";
-      if (r.has_energies) out += std::to_string(r.energies[static_cast<std::size_t>(i)]);
-    }
-    out += ",";
-    if (r.has_relative) out += Format("%.6g", r.relative_q8 / 256.0);
-    out += ",";
-    if (r.has_score) out += std::to_string(r.score);
-    out += ",";
-    if (r.has_seq) out += std::to_string(r.seq);
-    out += "," + std::to_string(r.result) + "," + (r.switched ? "1" : "0") + "," +
-           Format("%.6f", r.next_exposure_s * 1e3) + ",";
-    // Notes are plain words; quote them anyway so a comma can never split a row.
-    std::string note = r.note;
-    for (char& c : note) {
-      if (c == '"') c = '\'';
-    }
-    out += "\"" + note + "\"\n";
-  }
-  return out;
+  return out + ",relative,score,seq,result,result_hz,switched,next_exposure_ms,note\n";
 }
 
-std::string JsonString(const std::string& text) {
-  std::string out = "\"";
-  for (const char ch : text) {
-    const auto c = static_cast<unsigned char>(ch);
-    switch (c) {
-      case '"':
-        out += "\\\"";
-        break;
-      case '\\':
-        out += "\\\\";
-        break;
-      case '\n':
-        out += "\\n";
-        break;
-      case '\r':
-        out += "\\r";
-        break;
-      case '\t':
-        out += "\\t";
-        break;
-      default:
-        if (c < 0x20) {
-          char buffer[8];
-          std::snprintf(buffer, sizeof buffer, "\\u%04x", c);
-          out += buffer;
-        } else {
-          out += ch;
-        }
-    }
+std::string CsvRow(const FrameResult& r) {
+  std::string out = std::to_string(r.frame) + "," + Format("%.6f", r.exposure_s * 1e3) + "," +
+                    std::to_string(r.state_hz);
+  for (int i = 0; i < 9; ++i) {
+    out += ",";
+    if (r.has_energies) out += std::to_string(r.energies[static_cast<std::size_t>(i)]);
   }
-  return out + "\"";
+  out += ",";
+  if (r.has_relative) out += Format("%.6g", r.relative_q8 / 256.0);
+  out += ",";
+  if (r.has_score) out += std::to_string(r.score);
+  out += ",";
+  if (r.has_seq) out += std::to_string(r.seq);
+  out += "," + std::to_string(r.result) + ",";
+  if (ResultHz(r.result) != 0) out += std::to_string(ResultHz(r.result));
+  out += std::string(",") + (r.switched ? "1" : "0") + "," +
+         Format("%.6f", r.next_exposure_s * 1e3) + ",";
+  // Notes are plain words; quote them anyway so a comma can never split a row.
+  std::string note = RowNote(r);
+  for (char& c : note) {
+    if (c == '"') c = '\'';
+  }
+  return out + "\"" + note + "\"\n";
+}
+
+std::string FormatCsv(const RunResult& run) {
+  std::string out = CsvHeader();
+  for (const FrameResult& r : run.results) out += CsvRow(r);
+  return out;
 }
 
 std::string FormatJson(const RunResult& run, const std::string& command) {
   const SensorSetup& s = run.sensor;
-  std::string out = "{\n";
-  out += "  \"tool\": \"kestrel-flicker\",\n  \"format\": 1,\n";
-  out += "  \"command\": " + JsonString(command) + ",\n";
-  out += "  \"sensor\": {\"type\": " + std::to_string(s.type) +
-         ", \"family\": " + JsonString(SensorName(s.type)) +
-         ", \"line_length\": " + std::to_string(s.line_length) +
-         ", \"column_length\": " + std::to_string(s.column_length) +
-         ", \"pclk\": " + JsonNumber(s.pclk) +
-         ", \"window_width\": " + std::to_string(s.window_width) +
-         ", \"block_height\": " + std::to_string(s.block_height) +
-         ", \"green_only\": " + std::to_string(s.green_only) +
-         ", \"n_win_h\": " + std::to_string(s.n_win_h) +
-         ", \"n_win_w\": " + std::to_string(s.n_win_w) +
-         ", \"win_ht\": " + std::to_string(s.win_ht) +
-         ", \"zhdr\": " + (s.zhdr ? "true" : "false") +
-         ", \"frame_period_ms\": " + JsonNumber(s.FramePeriod() * 1e3) + "},\n";
-  out += "  \"frames\": " + std::to_string(run.frames) + ",\n";
-  out += "  \"initial_state_hz\": " + std::to_string(run.initial_state_hz) + ",\n";
-  out += "  \"final_state_hz\": " + std::to_string(run.final_state_hz) + ",\n";
-  out += std::string("  \"switched\": ") + (run.first_switch_frame >= 0 ? "true" : "false") + ",\n";
-  out +=
-      "  \"first_switch_frame\": " +
-      (run.first_switch_frame >= 0 ? std::to_string(run.first_switch_frame) : std::string("null")) +
-      ",\n";
-  out += "  \"switches\": " + std::to_string(run.switches) + ",\n";
-  out += "  \"frames_not_counted\": " + std::to_string(run.skipped) + ",\n";
-  out += "  \"per_frame\": [";
-  for (std::size_t i = 0; i < run.results.size(); ++i) {
-    const FrameResult& r = run.results[i];
-    out += i == 0 ? "\n" : ",\n";
-    out += "    {\"frame\": " + std::to_string(r.frame) +
-           ", \"exposure_ms\": " + JsonNumber(r.exposure_s * 1e3) +
-           ", \"state_hz\": " + std::to_string(r.state_hz) + ", \"energies\": ";
+  using Json = nlohmann::ordered_json;
+  Json j;
+  j["tool"] = "kestrel-flicker";
+  j["format"] = 2;
+  j["command"] = command;
+  j["sensor"] = {{"type", s.type},
+                 {"family", SensorName(s.type)},
+                 {"line_length", s.line_length},
+                 {"column_length", s.column_length},
+                 {"pclk", s.pclk},
+                 {"window_width", s.window_width},
+                 {"block_height", s.block_height},
+                 {"green_only", s.green_only},
+                 {"n_win_h", s.n_win_h},
+                 {"n_win_w", s.n_win_w},
+                 {"win_ht", s.win_ht},
+                 {"zhdr", s.zhdr},
+                 {"frame_period_ms", s.FramePeriod() * 1e3}};
+  j["frames"] = run.frames;
+  j["frames_judged"] = run.results.size();
+  j["initial_state_hz"] = run.initial_state_hz;
+  j["final_state_hz"] = run.final_state_hz;
+  j["switched"] = run.first_switch_frame >= 0;
+  j["first_switch_frame"] =
+      run.first_switch_frame >= 0 ? Json(run.first_switch_frame) : Json(nullptr);
+  j["switches"] = run.switches;
+  j["frames_not_counted"] = run.skipped;
+  Json frames = Json::array();
+  for (const FrameResult& r : run.results) {
+    Json f;
+    f["frame"] = r.frame;
+    f["exposure_ms"] = r.exposure_s * 1e3;
+    f["state_hz"] = r.state_hz;
     if (r.has_energies) {
-      out += "[";
-      for (int k = 0; k < 9; ++k) {
-        if (k > 0) out += ", ";
-        out += std::to_string(r.energies[static_cast<std::size_t>(k)]);
-      }
-      out += "]";
+      // Keyed by the candidate frequency in Hz.
+      Json e = Json::object();
+      for (std::size_t k = 0; k < 9; ++k) e[std::to_string(kFrequencies[k])] = r.energies[k];
+      f["energies"] = e;
     } else {
-      out += "null";
+      f["energies"] = nullptr;
     }
-    out += ", \"relative\": " +
-           (r.has_relative ? JsonNumber(r.relative_q8 / 256.0) : std::string("null"));
-    out += ", \"score\": " + (r.has_score ? std::to_string(r.score) : std::string("null"));
-    out += ", \"seq\": " + (r.has_seq ? std::to_string(r.seq) : std::string("null"));
-    out += ", \"result\": " + std::to_string(r.result);
-    out += std::string(", \"switched\": ") + (r.switched ? "true" : "false");
-    out += ", \"next_exposure_ms\": " + JsonNumber(r.next_exposure_s * 1e3);
-    out += ", \"note\": " + JsonString(r.note) + "}";
+    f["relative"] = r.has_relative ? Json(r.relative_q8 / 256.0) : Json(nullptr);
+    f["relative_q8"] = r.has_relative ? Json(r.relative_q8) : Json(nullptr);
+    f["score"] = r.has_score ? Json(r.score) : Json(nullptr);
+    f["seq"] = r.has_seq ? Json(r.seq) : Json(nullptr);
+    f["result"] = r.result;
+    f["result_hz"] = ResultHz(r.result) != 0 ? Json(ResultHz(r.result)) : Json(nullptr);
+    f["counted"] = r.counted;
+    f["switched"] = r.switched;
+    f["next_exposure_ms"] = r.next_exposure_s * 1e3;
+    f["note"] = RowNote(r);
+    frames.push_back(std::move(f));
   }
-  out += run.results.empty() ? "]\n" : "\n  ]\n";
-  out += "}\n";
-  return out;
+  j["per_frame"] = std::move(frames);
+  return j.dump(2) + "\n";
 }
 
 }  // namespace kestrel_host

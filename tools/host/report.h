@@ -10,23 +10,30 @@
 namespace kestrel_host {
 
 // The per-frame table; `wide` shows all nine energies instead of 100 Hz, 120 Hz and the mean of
-// the other seven.
+// the other seven. Header and rows apart, for a table printed as the frames are judged.
 std::string FormatTable(const RunResult& run, bool wide);
+std::string TableHeader(bool wide);
+std::string TableRow(const FrameResult& r, bool wide);
 
 // One line: when the host switched, or that it never did and where the test stood.
 std::string FormatSummary(const RunResult& run);
 
 // One row per DETECT, every figure, for plotting.
 std::string FormatCsv(const RunResult& run);
+std::string CsvHeader();
+std::string CsvRow(const FrameResult& r);
+
+// What the host did or why the frame did not count: the table's and the CSV's last column.
+std::string RowNote(const FrameResult& r);
 
 // A machine-readable summary with the per-frame figures; `command` is "simulate" or "replay".
 std::string FormatJson(const RunResult& run, const std::string& command);
 
+// "1 frame", "2 frames".
+std::string Count(std::int64_t n, const std::string& noun);
+
 // The family's name: "standard", "SONY" or "2x5".
 const char* SensorName(std::int32_t type);
-
-// A JSON string literal (quotes included) with the escapes JSON requires.
-std::string JsonString(const std::string& text);
 
 }  // namespace kestrel_host
 
