@@ -7,7 +7,8 @@ arrays and dicts in and out.
 - ``Detector``: drives the library command by command (INIT, SET_EXT_PARA, SET_STATE,
   RESET_QUEUE, DETECT) on statistics grids given as numpy arrays.
 - ``Scene``, ``simulate``: the tool's rolling-shutter simulator, frame by frame or as a closed-loop
-  run with the tool's auto-exposure policy.
+  run with the tool's auto-exposure policy; ``evaluate``: the tool's evaluation of a tuning over a
+  matrix of scenes; ``load_ext_para``, ``format_ext_para``: tuning files.
 - ``read_recording``, ``write_recording``, ``parse_recording``, ``format_recording``, ``replay``:
   recordings of statistics, as the tool reads and writes them.
 - ``kestrel_flicker.plot``: matplotlib figures of a run, a frame and an evaluation.
@@ -24,8 +25,11 @@ from ._kestrel_flicker import (  # noqa: F401
     Scene,
     default_ext_para,
     default_sensor,
+    evaluate,
+    format_ext_para,
     format_recording,
     frame_period_ms,
+    load_ext_para,
     parse_recording,
     read_recording,
     replay,
@@ -49,8 +53,11 @@ __all__ = [
     "Scene",
     "default_ext_para",
     "default_sensor",
+    "evaluate",
+    "format_ext_para",
     "format_recording",
     "frame_period_ms",
+    "load_ext_para",
     "parse_recording",
     "read_recording",
     "replay",

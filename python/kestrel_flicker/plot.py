@@ -163,22 +163,32 @@ def frame_figure(prev_line, cur_line, title=None, figsize=(10, 6), dpi=100):
 
 def _conditions(evaluation):
     if isinstance(evaluation, dict):
-        evaluation = evaluation.get("conditions", evaluation.get("results", []))
+        evaluation = evaluation.get("conditions", [])
     return list(evaluation)
+
+
+def _first(d, *keys):
+    for key in keys:
+        if d.get(key) is not None:
+            return d[key]
+    return None
 
 
 def evaluation_figure(evaluation, title=None, figsize=(10, 6), dpi=100):
     """Detection rate and latency per condition.
 
-    ``evaluation``: a list of dicts (or a dict with ``conditions``), each with ``condition`` (or
-    ``name``), ``detection_rate`` (0..1) and ``latency`` (frames to the switch; None or NaN when
-    it never switched).
+    ``evaluation``: what ``evaluate()`` returns or the tool's evaluation JSON (a dict with
+    ``conditions``), or a list of dicts, each with ``name`` (or ``condition``),
+    ``detection_rate`` (or ``switch_rate``, 0..1) and ``latency_median`` (or ``latency``, frames
+    to the switch; None or NaN when nothing switched).
     """
     plt = _pyplot()
     conds = _conditions(evaluation)
-    names = [str(c.get("condition", c.get("name", i))) for i, c in enumerate(conds)]
-    rate = np.array([_number(c.get("detection_rate")) for c in conds], dtype=float)
-    latency = np.array([_number(c.get("latency", c.get("mean_latency"))) for c in conds],
+    names = [str(_first(c, "name", "condition") or i) for i, c in enumerate(conds)]
+    # ``evaluate()`` says detection_rate, the tool's JSON switch_rate; both are fractions.
+    rate = np.array([_number(_first(c, "detection_rate", "switch_rate")) for c in conds],
+                    dtype=float)
+    latency = np.array([_number(_first(c, "latency", "latency_median")) for c in conds],
                        dtype=float)
     x = np.arange(len(conds))
     fig, (ax_r, ax_l) = plt.subplots(2, 1, sharex=True, figsize=figsize, dpi=dpi)
@@ -239,7 +249,7 @@ def main(argv=None):
             if head.startswith("{") or head.startswith("["):
                 with open(args.input, encoding="utf-8") as f:
                     data = json.load(f)
-                if isinstance(data, list) or "conditions" in data or "results" in data:
+                if isinstance(data, list) or "conditions" in data:
                     fig = evaluation_figure(data, **size)
                 else:
                     fig = run_figure(load_run(args.input), threshold=args.threshold, **size)

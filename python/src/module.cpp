@@ -19,6 +19,8 @@
 #include <kestrel/flicker.h>
 
 #include "host/error.h"
+#include "host/evaluate.h"
+#include "host/ext_para.h"
 #include "host/host.h"
 #include "host/output.h"
 #include "host/recording.h"
@@ -342,6 +344,46 @@ kh::Recording RecordingFrom(const py::dict& d) {
   return rec;
 }
 
+bool IsPath(const py::object& obj) {
+  return py::isinstance<py::str>(obj) || py::hasattr(obj, "__fspath__");
+}
+
+std::string PathOf(const py::object& obj) {
+  return py::module_::import("os").attr("fspath")(obj).cast<std::string>();
+}
+
+// The tuning of a run: the defaults, a dict over them, or a tuning file.
+FlkExtPara TuningFrom(const py::object& obj) {
+  if (obj.is_none()) return FlkDefaultExtPara();
+  if (IsPath(obj)) return kh::LoadExtPara(PathOf(obj));
+  return ExtParaFrom(FlkDefaultExtPara(), obj);
+}
+
+py::dict StatsDict(const kh::EvalStats& s) {
+  py::dict d;
+  d["name"] = s.name;
+  d["runs"] = s.runs;
+  d["frames"] = s.frames;
+  d["other_runs"] = s.other_runs;
+  d["detectable_runs"] = s.detectable_runs;
+  d["switched"] = s.detected;
+  d["within5"] = s.within5;
+  d["within10"] = s.within10;
+  // Rates as fractions (NaN when no run could switch), latencies in frames.
+  d["detection_rate"] = s.DetectionRate() / 100.0;
+  d["within5_rate"] = s.Within5Rate() / 100.0;
+  d["within10_rate"] = s.Within10Rate() / 100.0;
+  d["latency_median"] = s.LatencyMedian();
+  d["latency_p95"] = s.LatencyP95();
+  d["latencies"] =
+      py::array_t<std::int32_t>(static_cast<py::ssize_t>(s.latencies.size()), s.latencies.data());
+  d["calm_frames"] = s.calm_frames;
+  d["false_switches"] = s.false_switches;
+  d["false_per_1000"] = s.FalsePer1000();
+  d["not_counted"] = s.not_counted;
+  return d;
+}
+
 // ---- Detector -------------------------------------------------------------------------------
 
 // Standard output of the library (its table timing lines) during one command, as lines: the
@@ -494,16 +536,14 @@ class Detector {
     p.zhdr_se_small = sensor_.zhdr_se_small ? 1 : 0;
     if (py::isinstance<py::dict>(ext_para)) {
       p = ExtParaFrom(p, ext_para);
-    } else if (py::isinstance<py::str>(ext_para) || py::hasattr(ext_para, "__fspath__")) {
-      // A tuning file: a JSON object with the same keys.
-      py::object file = py::module_::import("builtins").attr("open")(ext_para, "r");
-      py::object data = py::module_::import("json").attr("load")(file);
-      file.attr("close")();
-      p = ExtParaFrom(p, data);
+    } else if (IsPath(ext_para)) {
+      // A tuning file, read as the tool reads it; its zHDR switches are the file's.
+      p = kh::LoadExtPara(PathOf(ext_para));
     } else if (!ext_para.is_none()) {
       throw py::value_error("ext_para: expected a dict or the path of a JSON file");
     }
     Send(CMD_SET_EXT_PARA, &p, nullptr, "SET_EXT_PARA");
+    tuning_ = p;
   }
 
   void SetState(std::int32_t hz) {
@@ -551,7 +591,7 @@ class Detector {
     r.frame = ++frames_;
     r.state_hz = state_hz_;
     r.result = result;
-    kh::ReadDetectFigures(lines_, result, state_hz_, r);
+    kh::ReadDetectFigures(lines_, result, state_hz_, tuning_, r);
     rows_ = std::min<std::size_t>(static_cast<std::size_t>(shape[0] * shape[1]), kLineVectorSize);
     py::dict d = FrameDict(r);
     PyDict_DelItemString(d.ptr(), "exposure_ms");
@@ -623,6 +663,7 @@ class Detector {
   bool open_ = true;
   std::int32_t state_hz_ = 50;
   std::int32_t frames_ = 0;
+  FlkExtPara tuning_ = FlkDefaultExtPara();  // as last sent
   std::size_t rows_ = 0;
   std::vector<std::string> lines_;
   // 64-bit words hold either element type.
@@ -661,28 +702,71 @@ class Scene {
 };
 
 py::object Simulate(const py::object& sensor_obj, const py::object& scene_obj, std::int32_t frames,
-                    const py::object& exposure_ms, std::int32_t state_hz, bool record) {
+                    const py::object& exposure_ms, std::int32_t state_hz, bool record,
+                    const py::object& ext_para) {
   RequireNoDetector("simulate()");
   if (state_hz != 50 && state_hz != 60) throw py::value_error("state_hz must be 50 or 60");
   const kh::SensorSetup sensor = SensorFrom(sensor_obj);
   const kh::SceneSetup scene = SceneFrom(scene_obj);
   kh::CheckSensorSetup(sensor);
+  kh::HostOptions options;
+  options.tuning = TuningFrom(ext_para);
+  const double exposure_s = ExposureSeconds(sensor, exposure_ms, state_hz);
   kh::Recording recording;
-  const kh::RunResult run =
-      kh::Simulate(sensor, scene, frames, ExposureSeconds(sensor, exposure_ms, state_hz), state_hz,
-                   false, record ? &recording : nullptr);
+  if (record) {
+    kh::CheckRun(sensor, scene, frames, exposure_s, true);
+    recording.sensor = sensor;
+    recording.initial_state_hz = state_hz;
+    recording.light_hz = static_cast<std::int32_t>(scene.mains_hz);
+    options.on_capture = [&recording](const kh::Frame& f) { recording.frames.push_back(f); };
+  }
+  const kh::RunResult run = kh::Simulate(sensor, scene, frames, exposure_s, state_hz, options);
   py::dict d = RunDict(run, "simulate");
   if (record) d["recording"] = RecordingDict(recording);
   return d;
 }
 
-py::dict Replay(const py::object& source, const py::object& state_hz) {
+py::dict Replay(const py::object& source, const py::object& state_hz, const py::object& ext_para) {
   RequireNoDetector("replay()");
-  const kh::Recording rec = py::isinstance<py::dict>(source)
-                                ? RecordingFrom(source.cast<py::dict>())
-                                : kh::LoadRecording(py::str(source).cast<std::string>());
-  const std::int32_t state = state_hz.is_none() ? rec.initial_state_hz : state_hz.cast<int>();
-  return RunDict(kh::Replay(rec, state, false), "replay");
+  // Read a frame at a time, as the tool does (plain or gzip files).
+  std::unique_ptr<kh::RecordingReader> reader;
+  if (py::isinstance<py::dict>(source)) {
+    reader = std::make_unique<kh::RecordingReader>(
+        kh::FormatRecording(RecordingFrom(source.cast<py::dict>())), "<recording>");
+  } else {
+    reader = std::make_unique<kh::RecordingReader>(PathOf(source));
+  }
+  const std::int32_t state =
+      state_hz.is_none() ? reader->header().initial_state_hz : state_hz.cast<int>();
+  kh::HostOptions options;
+  options.tuning = TuningFrom(ext_para);
+  return RunDict(kh::Replay(*reader, state, options), "replay");
+}
+
+py::dict Evaluate(const py::object& matrix, const py::object& ext_para) {
+  RequireNoDetector("evaluate()");
+  kh::EvalMatrix m;
+  if (matrix.is_none()) {
+    m = kh::DefaultMatrix();
+  } else if (IsPath(matrix)) {
+    m = kh::LoadMatrix(PathOf(matrix));
+  } else {
+    const std::string text = py::module_::import("json").attr("dumps")(matrix).cast<std::string>();
+    m = kh::ParseMatrix(text, "<matrix>");
+  }
+  const FlkExtPara tuning = TuningFrom(ext_para);
+  const kh::EvalReport report = kh::Evaluate(m, &tuning);
+  py::dict d;
+  d["total"] = StatsDict(report.total);
+  py::list conditions, cells;
+  for (const kh::EvalStats& c : report.conditions) conditions.append(StatsDict(c));
+  for (const kh::EvalStats& c : report.cells) cells.append(StatsDict(c));
+  d["conditions"] = conditions;
+  d["cells"] = cells;
+  d["table"] = kh::FormatEvalTable(report, false);
+  d["csv"] = kh::FormatEvalCsv(report);
+  d["json"] = kh::FormatEvalJson(report);
+  return d;
 }
 
 }  // namespace
@@ -734,11 +818,23 @@ PYBIND11_MODULE(_kestrel_flicker, m) {
       py::arg("sensor"));
   m.def("simulate", &Simulate, py::arg("sensor") = py::none(), py::arg("scene") = py::none(),
         py::arg("frames") = 20, py::arg("exposure_ms") = py::none(), py::arg("state_hz") = 50,
-        py::arg("record") = false,
+        py::arg("record") = false, py::arg("ext_para") = py::none(),
         "A closed-loop run with the tool's auto-exposure policy; a dict of per-frame arrays "
         "(with the frames as a recording under 'recording' when `record`)");
   m.def("replay", &Replay, py::arg("recording"), py::arg("state_hz") = py::none(),
+        py::arg("ext_para") = py::none(),
         "A recording (path or dict) through the tool's host; a run dict like simulate's");
+  m.def("evaluate", &Evaluate, py::arg("matrix") = py::none(), py::arg("ext_para") = py::none(),
+        "The tool's evaluation: every cell and seed of a matrix (None: the default matrix; a dict "
+        "as the matrix JSON; or its path) simulated with a tuning; per condition, per cell and in "
+        "total: detection rate, latency, false switches");
+  m.def(
+      "load_ext_para",
+      [](const py::object& path) { return ExtParaDict(kh::LoadExtPara(PathOf(path))); },
+      py::arg("path"), "A tuning file as a dict of FlkExtPara fields");
+  m.def(
+      "format_ext_para", [](const py::object& para) { return kh::FormatExtPara(TuningFrom(para)); },
+      py::arg("ext_para"), "A tuning (dict over the defaults) as the tuning file's JSON text");
   m.def(
       "read_recording",
       [](const std::string& path) { return RecordingDict(kh::LoadRecording(path)); },

@@ -93,7 +93,7 @@ def test_log_lines_go_to_the_callback_not_to_stderr(standard_pair, capfd):
 
 def test_tuning_from_a_json_file(tmp_path, standard_pair):
     path = tmp_path / "tuning.json"
-    path.write_text(json.dumps({"min_past_frames": 200}))
+    path.write_text(json.dumps({"min_past_frames": 150}))
     with kf.Detector(ext_para=path, log=lambda line: None) as det:
         for _ in range(4):
             r = det.detect(*standard_pair)

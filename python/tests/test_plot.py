@@ -12,6 +12,15 @@ import pytest
 import kestrel_flicker as kf
 
 
+# Two conditions, one seed each: a switch under the other mains, none under steady light.
+MATRIX = {"cells": [
+    {"name": "60 Hz light", "condition": "other mains", "mains": 60, "state": 50, "frames": 8,
+     "seeds": [1]},
+    {"name": "steady light", "condition": "steady", "mains": 0, "state": 50, "frames": 8,
+     "seeds": [1]},
+]}
+
+
 def png_size(path):
     with open(path, "rb") as f:
         head = f.read(24)
@@ -36,10 +45,8 @@ def files(tmp_path_factory, run):
     (d / "run.csv").write_text(run["csv"])
     (d / "run.json").write_text(run["json"])
     kf.write_recording(str(d / "scene.kfr"), run["recording"])
-    evaluation = {"conditions": [
-        {"condition": "60 Hz light", "detection_rate": 1.0, "latency": 3},
-        {"condition": "steady light", "detection_rate": 0.0, "latency": None}]}
-    (d / "evaluation.json").write_text(json.dumps(evaluation))
+    evaluation = kf.evaluate(MATRIX)
+    (d / "evaluation.json").write_text(evaluation["json"])
     return d
 
 
@@ -68,6 +75,14 @@ def test_runs_load_from_the_tools_files(files, run, source):
     assert loaded["frame"].tolist() == [1, 2, 3, 4, 5]
     for key in ("energies", "score", "seq", "switched"):
         np.testing.assert_array_equal(loaded[key], run[key], err_msg=key)
+
+
+def test_evaluation_of_a_matrix():
+    report = kf.evaluate(MATRIX)
+    other, steady = report["conditions"]
+    assert (other["name"], other["detection_rate"], other["runs"]) == ("standard: other mains", 1.0, 1)
+    assert (steady["name"], steady["false_switches"], steady["runs"]) == ("standard: steady", 0, 1)
+    assert report["total"]["runs"] == 2
 
 
 def test_plot_command_rejects_what_is_no_run(files):

@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <memory>
 
+#include "host/ext_para.h"
 #include "host/output.h"
 #include "host/recording.h"
 #include "host/report.h"
@@ -375,6 +376,24 @@ void AddReportOptions(CLI::App* app, ReportOptions& o) {
   app->add_flag("--json", o.json, "print a JSON report instead of the table");
   app->add_flag("--wide", o.wide, "show all nine energies in the table");
   app->add_flag("--verbose", o.host.verbose, "show the library's log on standard error");
+  AddExtParaOption(app, o.host.tuning);
+}
+
+CLI::Option* AddExtParaOption(CLI::App* app, FlkExtPara& tuning) {
+  return app
+      ->add_option_function<std::string>(
+          "--ext-para",
+          [&tuning](const std::string& path) {
+            // A tuning the detector cannot take is a command-line error, found before any frame.
+            try {
+              tuning = LoadExtPara(path);
+            } catch (const HostError& e) {
+              throw UsageError(std::string("--ext-para: ") + e.what());
+            }
+          },
+          "tuning sent with SET_EXT_PARA before INIT: a JSON file of FlkExtPara fields "
+          "(docs/tuning-format.md)")
+      ->type_name("FILE");
 }
 
 SensorSetup SimulateOptions::Sensor() const {
@@ -591,6 +610,7 @@ int RunCli(const std::vector<std::string>& args, std::ostream& out, std::ostream
   Cli cli;
   RegisterSimulate(cli);
   RegisterReplay(cli);
+  RegisterEvaluate(cli);
   CliIo io{out, err, progress};
   const int status = cli.Run(args, io);
   if (status != 1) {

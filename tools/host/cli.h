@@ -77,6 +77,8 @@ struct ReportOptions {
   HostOptions host;  // verbose, tuning
 };
 void AddReportOptions(CLI::App* app, ReportOptions& options);
+// --ext-para FILE: the tuning file read into `tuning` (a bad file is a UsageError).
+CLI::Option* AddExtParaOption(CLI::App* app, FlkExtPara& tuning);
 
 // The simulate command's options: the sensor (the family's defaults, then every option given),
 // the scene and the run.
@@ -104,6 +106,7 @@ struct ReplayOptions {
 
 void RegisterSimulate(Cli& cli);
 void RegisterReplay(Cli& cli);
+void RegisterEvaluate(Cli& cli);
 
 // The whole tool: 0 on success, 1 when the run fails (unreadable recording, a file that cannot be
 // written, standard output included), 2 for a bad command line, found before the first frame.

@@ -110,7 +110,7 @@ std::string Refusal(const std::vector<std::string>& lines) {
 }
 
 void ReadDetectFigures(const std::vector<std::string>& lines, std::int32_t result,
-                       std::int32_t state_hz, FrameResult& r) {
+                       std::int32_t state_hz, const FlkExtPara& tuning, FrameResult& r) {
   bool counted = true, unstable = false;
   for (const std::string& line : lines) {
     std::string_view l(line);
@@ -150,13 +150,14 @@ void ReadDetectFigures(const std::vector<std::string>& lines, std::int32_t resul
     r.has_score = true;
   }
   if (counted && !r.has_seq && !r.note.starts_with("warming")) {
-    r.seq = get_slrt_score(static_cast<std::uint32_t>(FlkDefaultExtPara().max_past_frames));
+    r.seq = get_slrt_score(static_cast<std::uint32_t>(tuning.max_past_frames));
     r.has_seq = true;
   }
   // The scored band relative to the mean of the other eight, as the test measures it: 120 Hz in
-  // the 50 Hz state, 100 Hz in the 60 Hz state (the default feature indices).
+  // the 50 Hz state, 100 Hz in the 60 Hz state with the default feature indices).
   if (counted && !r.has_relative && r.has_energies) {
-    const std::size_t k = state_hz == 50 ? 4 : 3;
+    const std::size_t k =
+        static_cast<std::size_t>(tuning.freq_feature_index[state_hz == 50 ? 0 : 1]);
     std::int64_t others = 0;
     for (std::size_t i = 0; i < 9; ++i) {
       if (i != k) others += r.energies[i];
@@ -175,7 +176,11 @@ void ReadDetectFigures(const std::vector<std::string>& lines, std::int32_t resul
 
 LibrarySession::LibrarySession(const SensorSetup& sensor, std::int32_t initial_state_hz,
                                double exposure_s, bool verbose, const FlkExtPara& tuning)
-    : sensor_(sensor), state_hz_(initial_state_hz), exposure_s_(exposure_s), verbose_(verbose) {
+    : sensor_(sensor),
+      tuning_(tuning),
+      state_hz_(initial_state_hz),
+      exposure_s_(exposure_s),
+      verbose_(verbose) {
   if (g_session != nullptr) throw HostError("one library session at a time");
   CheckSensorSetup(sensor_);
   g_session = this;
@@ -289,7 +294,7 @@ FrameResult LibrarySession::Detect(std::int32_t frame, const Frame& prev, const 
   }
   r.result = result;
 
-  ReadDetectFigures(lines_, result, state_hz_, r);
+  ReadDetectFigures(lines_, result, state_hz_, tuning_, r);
 
   r.next_exposure_s = exposure_s_;
   if ((result == FLK_RESULT_50HZ || result == FLK_RESULT_60HZ) && result != StateCode(state_hz_)) {

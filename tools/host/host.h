@@ -73,9 +73,9 @@ std::string Refusal(const std::vector<std::string>& lines);
 
 // The figures of one DETECT from the lines the library logged with flow logging on (energies,
 // the test's relative feature, score and sum, whether the frame counted and why not) for a frame
-// judged in the `state_hz` state; `result` is what DETECT wrote (-1: nothing).
+// judged in the `state_hz` state under `tuning`; `result` is what DETECT wrote (-1: nothing).
 void ReadDetectFigures(const std::vector<std::string>& lines, std::int32_t result,
-                       std::int32_t state_hz, FrameResult& r);
+                       std::int32_t state_hz, const FlkExtPara& tuning, FrameResult& r);
 
 // One library session: INIT on construction, UNINIT on destruction. While alive it owns the
 // library's log sink (to read the detector's per-frame figures) and keeps the library's own
@@ -102,6 +102,7 @@ class LibrarySession {
   static void Sink(int priority, const char* tag, const char* text);
 
   SensorSetup sensor_;
+  FlkExtPara tuning_;
   std::int32_t state_hz_;
   double exposure_s_;
   bool verbose_;

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <complex>
 #include <numbers>
 
 namespace kestrel_host {
@@ -13,7 +14,7 @@ namespace {
 
 // Pixel groups per window row: a statistic sums many pixels, and texture inside a window (some
 // of them clipped, some dark) is what makes the sum differ from the level of the mean.
-constexpr int kGroups = 4;
+constexpr int kGroups = 4;  // the window sums below add them pairwise
 // Sensor noise at the default multiplier, as fractions of full scale: read noise of one pixel and
 // the shot noise of a pixel at full scale (a 4000-electron well).
 constexpr double kReadNoise = 0.002;
@@ -154,56 +155,64 @@ double CompandStandard(double linear) {
 
 SceneSimulator::SceneSimulator(const SensorSetup& sensor, const SceneSetup& scene,
                                std::int32_t frames)
-    : sensor_(sensor), scene_(scene), rng_(scene.seed) {
+    : sensor_(sensor), scene_(scene) {
+  std::mt19937 rng(scene.seed);
   std::uniform_real_distribution<double> unit(0.0, 1.0);
-  phase_ = 2.0 * std::numbers::pi * unit(rng_);
+  phase_ = 2.0 * std::numbers::pi * unit(rng);
 
   const Span span = ProfileSpan(sensor_, scene_, frames);
   profile_origin_ = span.origin;
   profile_length_ = static_cast<std::int32_t>(span.length);
   const double active = static_cast<double>(sensor_.StatRows()) * sensor_.LinesPerRow();
+  const std::size_t length = static_cast<std::size_t>(profile_length_);
+  const std::size_t cols = static_cast<std::size_t>(std::max(sensor_.n_win_w, 0));
+  const std::size_t stride = cols * kGroups;
 
-  const auto uniform = [&](double a, double b) { return a + (b - a) * unit(rng_); };
-  profiles_.assign(static_cast<std::size_t>(sensor_.n_win_w) * kGroups, {});
-  for (std::int32_t c = 0; c < sensor_.n_win_w; ++c) {
+  const auto uniform = [&](double a, double b) { return a + (b - a) * unit(rng); };
+  std::vector<double> level_at(length * stride);
+  for (std::size_t c = 0; c < cols; ++c) {
     // A column of windows: a base level, a gentle gradient, bars with sharp edges (the structure
     // the alignment registers on) and fine texture shared by the column.
     const double base = scene_.brightness * uniform(0.6, 1.4);
     const double slope = uniform(-0.3, 0.3);
-    std::vector<double> bars(static_cast<std::size_t>(profile_length_));
+    std::vector<double> bars(length);
     double level = uniform(0.6, 1.5);
     double next_edge = uniform(20.0, 160.0);
-    for (std::int32_t i = 0; i < profile_length_; ++i) {
-      if (i >= next_edge) {
+    for (std::size_t i = 0; i < length; ++i) {
+      if (static_cast<double>(i) >= next_edge) {
         level = uniform(0.55, 1.6);
         next_edge += uniform(30.0, 200.0);
       }
-      bars[static_cast<std::size_t>(i)] = level;
+      bars[i] = level;
     }
-    const std::vector<double> shared = Texture(rng_, profile_length_, 0.04 * scene_.texture);
+    const std::vector<double> shared = Texture(rng, profile_length_, 0.04 * scene_.texture);
     for (int g = 0; g < kGroups; ++g) {
       const double group_gain = uniform(0.8, 1.2);
-      const std::vector<double> own = Texture(rng_, profile_length_, 0.08 * scene_.texture);
-      std::vector<double>& p = profiles_[static_cast<std::size_t>(c) * kGroups + g];
-      p.resize(static_cast<std::size_t>(profile_length_));
-      for (std::int32_t i = 0; i < profile_length_; ++i) {
-        const std::size_t k = static_cast<std::size_t>(i);
-        const double y = (profile_origin_ + i) / std::max(active, 1.0) - 0.5;
-        p[k] = std::max(
-            0.0, base * bars[k] * (1.0 + slope * y) * group_gain * (1.0 + shared[k] + own[k]));
+      const std::vector<double> own = Texture(rng, profile_length_, 0.08 * scene_.texture);
+      for (std::size_t i = 0; i < length; ++i) {
+        const double y = (profile_origin_ + static_cast<double>(i)) / std::max(active, 1.0) - 0.5;
+        level_at[i * stride + c * kGroups + static_cast<std::size_t>(g)] = std::max(
+            0.0, base * bars[i] * (1.0 + slope * y) * group_gain * (1.0 + shared[i] + own[i]));
       }
     }
   }
-}
 
-double SceneSimulator::Scene(std::int32_t column, std::int32_t group, double line) const {
-  const std::vector<double>& p = profiles_[static_cast<std::size_t>(column) * kGroups + group];
-  const double x =
-      std::clamp(line - profile_origin_, 0.0, static_cast<double>(profile_length_ - 1));
-  const auto i = static_cast<std::size_t>(x);
-  if (i + 1 >= p.size()) return p.back();
-  const double f = x - static_cast<double>(i);
-  return p[i] * (1.0 - f) + p[i + 1] * f;
+  // A statistic of several lines sees their mean: average once here, so that a frame reads one
+  // value per group whatever the block height (interpolating the means between lines is the
+  // mean of the interpolated lines).
+  const std::size_t lines = static_cast<std::size_t>(std::max(sensor_.LinesPerRow(), 1));
+  if (lines == 1) {
+    profiles_ = std::move(level_at);
+  } else {
+    profiles_.assign(length * stride, 0.0);
+    for (std::size_t i = 0; i < length; ++i) {
+      for (std::size_t l = 0; l < lines; ++l) {
+        const std::size_t from = std::min(i + l, length - 1) * stride;
+        for (std::size_t k = 0; k < stride; ++k) profiles_[i * stride + k] += level_at[from + k];
+      }
+      for (std::size_t k = 0; k < stride; ++k) profiles_[i * stride + k] /= lines;
+    }
+  }
 }
 
 double SceneSimulator::RowLight(std::int32_t index, std::int32_t row, double exposure_s) const {
@@ -217,13 +226,167 @@ double SceneSimulator::RowLight(std::int32_t index, std::int32_t row, double exp
   return sum / lines;
 }
 
+namespace {
+
+// The light of a row in closed form. With a = w t + phase at the end of the first line's exposure,
+// the mean over the exposure e of 1 + depth cos(w t + phase) is
+//   1 + depth Im(exp(i a) (1 - exp(-i w e))) / (w e),
+// and the mean over the L lines of a statistic multiplies exp(i a) by the mean of exp(i w l dt).
+// So one complex factor per exposure, and exp(i a) of consecutive rows advances by one rotation.
+std::complex<double> LightFactor(double w, double depth, double exposure, double line_dt,
+                                 std::int32_t lines) {
+  std::complex<double> across{0.0, 0.0};
+  for (std::int32_t l = 0; l < lines; ++l) across += std::polar(1.0, w * line_dt * l);
+  across /= static_cast<double>(lines);
+  if (exposure <= 0.0) {
+    // An instant: 1 + depth cos(a) = 1 + Im(exp(i a) i depth).
+    return across * std::complex<double>(0.0, depth);
+  }
+  return across * (1.0 - std::polar(1.0, -w * exposure)) * (depth / (w * exposure));
+}
+
+// The standard normal quantile at p in (0, 1): Acklam's rational approximation, relative error
+// below 1.2e-9.
+double NormalQuantile(double p) {
+  static constexpr double a[] = {-3.969683028665376e+01, 2.209460984245205e+02,
+                                 -2.759285104469687e+02, 1.383577518672690e+02,
+                                 -3.066479806614716e+01, 2.506628277459239e+00};
+  static constexpr double b[] = {-5.447609879822406e+01, 1.615858368580409e+02,
+                                 -1.556989798598866e+02, 6.680131188771972e+01,
+                                 -1.328068155288572e+01};
+  static constexpr double c[] = {-7.784894002430293e-03, -3.223964580411365e-01,
+                                 -2.400758277161838e+00, -2.549732539343734e+00,
+                                 4.374664141464968e+00,  2.938163982698783e+00};
+  static constexpr double d[] = {7.784695709041462e-03, 3.224671290700398e-01,
+                                 2.445134137142996e+00, 3.754408661907416e+00};
+  constexpr double kLow = 0.02425;
+  if (p < kLow || p > 1.0 - kLow) {
+    const double q = std::sqrt(-2.0 * std::log(p < kLow ? p : 1.0 - p));
+    const double x = (((((c[0] * q + c[1]) * q + c[2]) * q + c[3]) * q + c[4]) * q + c[5]) /
+                     ((((d[0] * q + d[1]) * q + d[2]) * q + d[3]) * q + 1.0);
+    return p < kLow ? x : -x;
+  }
+  const double q = p - 0.5;
+  const double r = q * q;
+  return (((((a[0] * r + a[1]) * r + a[2]) * r + a[3]) * r + a[4]) * r + a[5]) * q /
+         (((((b[0] * r + b[1]) * r + b[2]) * r + b[3]) * r + b[4]) * r + 1.0);
+}
+
+// The quantile at 4096 steps of p; between them a draw interpolates, beyond the outer steps
+// (one draw in 2048) it takes the exact quantile.
+struct QuantileTable {
+  static constexpr int kSteps = 4096;
+  double at[kSteps + 1];
+  QuantileTable() {
+    for (int i = 1; i < kSteps; ++i) at[i] = NormalQuantile(static_cast<double>(i) / kSteps);
+    at[0] = at[1];
+    at[kSteps] = at[kSteps - 1];
+  }
+};
+
+// Sensor noise of one frame: a counter-based generator, so a frame's noise depends only on the
+// seed and the frame's index.
+class FrameNoise {
+ public:
+  FrameNoise(std::uint32_t seed, std::int32_t index)
+      : table_(Table()),
+        state_((static_cast<std::uint64_t>(seed) << 32) ^ static_cast<std::uint32_t>(index)) {
+    Next();
+  }
+
+  // A standard normal value, by inverting its distribution function.
+  double Normal() {
+    const double p = (static_cast<double>(Next() >> 11) + 0.5) * 0x1p-53;
+    const double x = p * QuantileTable::kSteps;
+    const int i = static_cast<int>(x);
+    if (i < 1 || i >= QuantileTable::kSteps - 1) return NormalQuantile(p);
+    return table_.at[i] + (table_.at[i + 1] - table_.at[i]) * (x - i);
+  }
+
+ private:
+  // splitmix64
+  std::uint64_t Next() {
+    std::uint64_t z = (state_ += 0x9E3779B97F4A7C15u);
+    z = (z ^ (z >> 30)) * 0xBF58476D1CE4E5B9u;
+    z = (z ^ (z >> 27)) * 0x94D049BB133111EBu;
+    return z ^ (z >> 31);
+  }
+
+  static const QuantileTable& Table() {
+    static const QuantileTable table;
+    return table;
+  }
+
+  const QuantileTable& table_;
+  std::uint64_t state_;
+};
+
+// CompandStandard as a line per octave of the linear level: the segment of a level is looked up
+// from its 1/128 of full scale (the knots sit at powers of two from 1/128 on).
+struct CompandLines {
+  double offset[8];
+  double slope[8];
+  std::uint8_t segment[129];
+
+  CompandLines() {
+    static constexpr double kCode[9] = {0, 20, 29, 42, 62, 88, 126, 180, 255};
+    static constexpr double kLinear[9] = {0, 512, 1024, 2048, 4096, 8192, 16384, 32768, 65536};
+    for (int i = 0; i < 8; ++i) {
+      slope[i] = (kCode[i + 1] - kCode[i]) / (kLinear[i + 1] - kLinear[i]) * 65536.0;
+      offset[i] = kCode[i] - slope[i] * kLinear[i] / 65536.0;
+    }
+    for (int q = 0; q <= 128; ++q) {
+      int seg = 0;
+      while (seg < 7 && q * 512 >= kLinear[seg + 1]) ++seg;
+      segment[q] = static_cast<std::uint8_t>(seg);
+    }
+  }
+};
+
+}  // namespace
+
+void SceneSimulator::FillRowLight(std::int32_t index, double exposure_s) {
+  const std::int32_t rows = sensor_.StatRows();
+  light_.assign(static_cast<std::size_t>(std::max(rows, 0)), 1.0);
+  const double flicker_hz = 2.0 * scene_.mains_hz;
+  if (flicker_hz <= 0.0 || scene_.depth == 0.0) return;
+  const std::int32_t lines = std::max(sensor_.LinesPerRow(), 1);
+  const double w = 2.0 * std::numbers::pi * flicker_hz;
+  const double dt = sensor_.LineTime();
+  // zHDR rows alternate between the long exposure and the short one.
+  const bool zhdr = sensor_.type == 0 && sensor_.zhdr;
+  const std::complex<double> factor[2] = {
+      LightFactor(w, scene_.depth, exposure_s, dt, lines),
+      LightFactor(w, scene_.depth, zhdr ? exposure_s / scene_.hdr_ratio : exposure_s, dt, lines)};
+  const double t_frame = index * sensor_.FramePeriod();
+  const std::complex<double> step = std::polar(1.0, w * dt * lines);
+  std::complex<double> at;
+  for (std::int32_t r = 0; r < rows; ++r) {
+    // Rotating accumulates rounding: start again from the exact phase every 64 rows.
+    if (r % 64 == 0) {
+      at = std::polar(1.0, w * (t_frame + static_cast<double>(r) * lines * dt) + phase_);
+    } else {
+      at *= step;
+    }
+    const bool short_row = zhdr && ((r % 2 == 0) != sensor_.zhdr_gle_first);
+    light_[static_cast<std::size_t>(r)] = 1.0 + (at * factor[short_row ? 1 : 0]).imag();
+  }
+}
+
 Frame SceneSimulator::Generate(std::int32_t index, double exposure_s) {
   Frame frame;
+  Generate(index, exposure_s, frame);
+  return frame;
+}
+
+void SceneSimulator::Generate(std::int32_t index, double exposure_s, Frame& frame) {
+  static const CompandLines compand;
   frame.exposure_s = exposure_s;
   const std::int32_t rows = sensor_.StatRows();
-  const std::int32_t cols = sensor_.n_win_w;
+  const std::size_t cols = static_cast<std::size_t>(sensor_.n_win_w);
   const std::int32_t lines = std::max(sensor_.LinesPerRow(), 1);
   frame.grid.assign(static_cast<std::size_t>(sensor_.GridSize()), 0);
+  FillRowLight(index, exposure_s);
 
   double level = 1.0;
   for (const BrightnessStep& step : scene_.steps) {
@@ -239,63 +402,100 @@ Frame SceneSimulator::Generate(std::int32_t index, double exposure_s) {
     if (sensor_.green_only != 0) pixels /= 2.0;
   }
   const double group_pixels = std::max(pixels / kGroups, 1.0);
-  std::normal_distribution<double> normal(0.0, 1.0);
+  // Variance of a group's mean level: read noise plus shot noise proportional to the level.
+  const double noise2 = scene_.noise * scene_.noise / group_pixels;
+  const double read2 = noise2 * kReadNoise * kReadNoise;
+  const double shot2 = noise2 / kFullWell;
+  FrameNoise noise(scene_.seed, index);
 
   const int shift = RangeShift(sensor_.window_width);
   const double half = sensor_.window_width >> 1;
   const double sum_scale = sensor_.type == 2 ? 4095.0 * std::max(pixels, 1.0) : 1.0;
-  const double motion = scene_.motion * index;
+  const std::int64_t group_width = sensor_.window_width / kGroups;
+  const double code_scale = half * 257.0 / kGroups / std::ldexp(1.0, shift);
 
-  for (std::int32_t r = 0; r < rows; ++r) {
-    // zHDR: every other row is the short exposure, darker by the ratio and integrating the light
-    // over a shorter time.
-    const bool short_row =
-        sensor_.type == 0 && sensor_.zhdr && ((r % 2 == 0) != sensor_.zhdr_gle_first);
-    const double exposure = short_row ? exposure_s / scene_.hdr_ratio : exposure_s;
-    const double gain = short_row ? level / scene_.hdr_ratio : level;
-    const double light = RowLight(index, r, exposure);
-    for (std::int32_t c = 0; c < cols; ++c) {
-      double code_sum = 0.0;
-      double linear_sum = 0.0;
-      std::int64_t saturated = 0;
-      std::int64_t dark = 0;
-      for (int g = 0; g < kGroups; ++g) {
-        double scene = 0.0;
-        for (std::int32_t l = 0; l < lines; ++l) {
-          scene += Scene(c, g, static_cast<double>(r) * lines + l + motion);
+  // Every row is displaced by the same motion: one interpolation weight for the whole frame.
+  const double position = scene_.motion * index - profile_origin_;
+  const double whole = std::floor(position);
+  const double frac = position - whole;
+  const std::size_t stride = cols * kGroups;
+  const double last = static_cast<double>(profile_length_ - 1);
+  const bool noisy = scene_.noise > 0.0;
+
+  // One statistics row; the family is a template argument to keep the window loop branch-free.
+  const auto render = [&]<int kType, bool kZhdr>(std::int32_t r) {
+    // zHDR: every other row is the short exposure, darker by the ratio (its light integrates over
+    // the shorter time, see FillRowLight).
+    const bool short_row = kZhdr && ((r % 2 == 0) != sensor_.zhdr_gle_first);
+    const double gain =
+        (short_row ? level / scene_.hdr_ratio : level) * light_[static_cast<std::size_t>(r)];
+    const double x = std::clamp(static_cast<double>(r) * lines + whole, 0.0, last);
+    const std::size_t i0 = static_cast<std::size_t>(x);
+    const double* p0 = profiles_.data() + i0 * stride;
+    const double* p1 = i0 + 1 < static_cast<std::size_t>(profile_length_) ? p0 + stride : p0;
+    std::int64_t* out = frame.grid.data() + static_cast<std::size_t>(r) * cols;
+    for (std::size_t c = 0; c < cols; ++c) {
+      // The noise of the window's sum, drawn once from the sum's distribution: independent groups
+      // add their variances; through the compand curve each group's noise is scaled by the
+      // curve's slope at its level; a clipped group has none.
+      double code[kGroups], spread[kGroups];
+      std::int64_t saturated = 0, dark = 0;
+      const double* q0 = p0 + c * kGroups;
+      const double* q1 = p1 + c * kGroups;
+      for (int k = 0; k < kGroups; ++k) {
+        const double v = (q0[k] + (q1[k] - q0[k]) * frac) * gain;
+        const double lv = std::min(v, 1.0);
+        const double sigma2 = v >= 1.0 ? 0.0 : read2 + shot2 * lv;
+        if constexpr (kZhdr) {
+          saturated += v >= 1.0 ? group_width : 0;
+          dark += v <= kNoiseFloor ? group_width : 0;
         }
-        double v = scene / lines * light * gain;
-        if (scene_.noise > 0.0) {
-          const double sigma =
-              scene_.noise * std::sqrt(kReadNoise * kReadNoise + std::max(v, 0.0) / kFullWell);
-          v += sigma / std::sqrt(group_pixels) * normal(rng_);
+        if constexpr (kType == 0) {
+          const int seg = compand.segment[static_cast<int>(lv * 128.0)];
+          code[k] = compand.offset[seg] + compand.slope[seg] * lv;
+          spread[k] = compand.slope[seg] * compand.slope[seg] * sigma2;
+        } else {
+          code[k] = lv;
+          spread[k] = sigma2;
         }
-        if (v >= 1.0) saturated += sensor_.window_width / kGroups;
-        if (v <= kNoiseFloor) dark += sensor_.window_width / kGroups;
-        v = std::clamp(v, 0.0, 1.0);
-        linear_sum += v;
-        if (sensor_.type == 0) code_sum += CompandStandard(v);
       }
-      std::int64_t value = 0;
-      if (sensor_.type == 0) {
+      // Pairwise sums: the groups are independent, the additions need not wait on each other.
+      double sum = (code[0] + code[1]) + (code[2] + code[3]);
+      const double var = (spread[0] + spread[1]) + (spread[2] + spread[3]);
+      if (noisy) sum += std::sqrt(var) * noise.Normal();
+      // Values are non-negative: adding a half and truncating rounds to nearest.
+      if constexpr (kType == 0) {
         // Half a window of 16-bit codes (257 x the 8-bit code), scaled down for wide windows.
-        value = std::llround(half * 257.0 * code_sum / kGroups / std::ldexp(1.0, shift));
-        value = std::clamp<std::int64_t>(value, 0, 0xFFFFFF);
-        if (sensor_.zhdr) {
+        std::int64_t value =
+            static_cast<std::int64_t>(code_scale * std::clamp(sum, 0.0, 255.0 * kGroups) + 0.5);
+        value = std::min<std::int64_t>(value, 0xFFFFFF);
+        if constexpr (kZhdr) {
           value |= std::min<std::int64_t>(dark, 4095) << 24;
           value |= std::min<std::int64_t>(saturated, 4095) << 36;
         }
-      } else if (sensor_.type == 1) {
+        out[c] = value;
+      } else if constexpr (kType == 1) {
         // Mean 10-bit linear level of the window's line.
-        value = std::clamp<std::int64_t>(std::llround(linear_sum / kGroups * 1023.0), 0, 1023);
+        out[c] =
+            static_cast<std::int64_t>(std::clamp(sum, 0.0, 1.0 * kGroups) / kGroups * 1023.0 + 0.5);
       } else {
         // Sum of 12-bit pixels over the block.
-        value = std::llround(linear_sum / kGroups * sum_scale);
+        out[c] = static_cast<std::int64_t>(
+            std::clamp(sum, 0.0, 1.0 * kGroups) / kGroups * sum_scale + 0.5);
       }
-      frame.grid[static_cast<std::size_t>(r) * cols + c] = value;
+    }
+  };
+  for (std::int32_t r = 0; r < rows; ++r) {
+    if (sensor_.type == 1) {
+      render.template operator()<1, false>(r);
+    } else if (sensor_.type == 2) {
+      render.template operator()<2, false>(r);
+    } else if (sensor_.zhdr) {
+      render.template operator()<0, true>(r);
+    } else {
+      render.template operator()<0, false>(r);
     }
   }
-  return frame;
 }
 
 }  // namespace kestrel_host

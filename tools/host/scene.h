@@ -84,22 +84,27 @@ class SceneSimulator {
   SceneSimulator(const SensorSetup& sensor, const SceneSetup& scene, std::int32_t frames);
 
   // Frame `index` exposed for `exposure_s` seconds (the auto-exposure keeps the image brightness by
-  // gain, so the exposure time changes only the flicker, never the level).
+  // gain, so the exposure time changes only the flicker, never the level). A frame depends only on
+  // the scene, its index and its exposure, not on the frames rendered before it.
   Frame Generate(std::int32_t index, double exposure_s);
+  // The same into `out`, reusing its grid's storage.
+  void Generate(std::int32_t index, double exposure_s, Frame& out);
 
   // Mean light seen by statistics row `row` of frame `index` (no scene, no noise): the banding.
   double RowLight(std::int32_t index, std::int32_t row, double exposure_s) const;
 
  private:
-  double Scene(std::int32_t column, std::int32_t group, double line) const;
+  // Light of every statistics row of frame `index` into light_.
+  void FillRowLight(std::int32_t index, double exposure_s);
 
   SensorSetup sensor_;
   SceneSetup scene_;
   std::int32_t profile_length_ = 0;
   double profile_origin_ = 0.0;
-  // Per column and pixel group, the scene level along the sensor lines.
-  std::vector<std::vector<double>> profiles_;
-  std::mt19937 rng_;
+  // Scene level along the sensor lines, [line][column][pixel group], each value already the mean
+  // over the lines of one statistic starting at that line.
+  std::vector<double> profiles_;
+  std::vector<double> light_;
   double phase_ = 0.0;
 };
 
