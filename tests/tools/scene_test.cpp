@@ -110,6 +110,22 @@ TEST(Scene, MotionShiftsTheRowsAndSeedRepeats) {
   EXPECT_EQ(again.Generate(0, 0.01).grid, f0.grid);
 }
 
+// A frame's rows carry the closed-form light of RowLight: without noise, the flickering frame
+// over the steady one is the row's light, here on 2x5 rows of four lines, shifted by motion.
+TEST(Scene, FrameRowsCarryTheRowLight) {
+  const SensorSetup sensor = DefaultSensor(2);
+  SceneSetup lit = Flat(60.0, 1.0), steady = Flat(0.0, 1.0);
+  lit.motion = steady.motion = 2.5;
+  SceneSimulator a(sensor, lit, 4), b(sensor, steady, 4);
+  const Frame f = a.Generate(3, 0.007), g = b.Generate(3, 0.007);
+  for (std::int32_t r = 0; r < sensor.StatRows(); r += 37) {
+    const std::size_t k = static_cast<std::size_t>(r) * 8 + 5;
+    ASSERT_NEAR(static_cast<double>(f.grid[k]) / static_cast<double>(g.grid[k]),
+                a.RowLight(3, r, 0.007), 1e-4)
+        << r;
+  }
+}
+
 // Each family's timing and rows, and its values clipping at the top of the range its INIT
 // covers: half a 64-pixel window of 16-bit codes; a 10-bit level; the green half of 4 x 64
 // 12-bit pixels.

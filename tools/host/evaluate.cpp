@@ -371,7 +371,7 @@ std::string FormatMatrix(const EvalMatrix& matrix) {
     if (c.sensor.zhdr) j["zhdr"] = true;
     j["mains"] = std::lround(c.scene.mains_hz);
     j["state"] = c.state_hz;
-    j["exposure_ms"] = std::stod(Format("%.6g", c.exposure_s * 1e3));
+    j["exposure_ms"] = c.exposure_s * 1e3;
     if (c.sensor.line_length != base.line_length) j["line_length"] = c.sensor.line_length;
     if (c.sensor.column_length != base.column_length) j["frame_length"] = c.sensor.column_length;
     if (c.sensor.pclk != base.pclk) j["pclk"] = c.sensor.pclk;

@@ -33,10 +33,10 @@ int RunEvaluate(const EvaluateOptions& o, CliIo& io) {
     throw UsageError(std::string("--matrix: ") + e.what());
   }
   if (o.seeds) {
-    // The first N seeds of each cell, or seeds 1..N added where a cell has fewer.
+    // The first N seeds of each cell, continued one by one where a cell has fewer.
     for (EvalCell& c : matrix.cells) {
       const auto n = static_cast<std::size_t>(*o.seeds);
-      for (std::uint32_t s = 1; c.seeds.size() < n; ++s) c.seeds.push_back(c.seeds.back() + s);
+      while (c.seeds.size() < n) c.seeds.push_back(c.seeds.back() + 1);
       c.seeds.resize(n);
     }
   }
