@@ -591,7 +591,8 @@ class Detector {
     r.frame = ++frames_;
     r.state_hz = state_hz_;
     r.result = result;
-    kh::ReadDetectFigures(lines_, result, state_hz_, tuning_, r);
+    const kh::DetectFlags flags = kh::ReadDetectFigures(lines_, result, state_hz_, tuning_, r);
+    if (!r.counted && result != -1) r.note = "not counted: " + kh::NotCountedWhy(flags, "", "");
     rows_ = std::min<std::size_t>(static_cast<std::size_t>(shape[0] * shape[1]), kLineVectorSize);
     py::dict d = FrameDict(r);
     PyDict_DelItemString(d.ptr(), "exposure_ms");

@@ -63,7 +63,10 @@ TEST_P(Threshold, RoundedSumMustExceedT) {
 
 // T = 8: a sum of 8 x 256 + 127 rounds to 8 and stays; + 128 rounds to 9 and switches.
 INSTANTIATE_TEST_SUITE_P(Boundary, Threshold,
-                         ::testing::Values(ThresholdCase{725, 2}, ThresholdCase{726, 3}));
+                         ::testing::Values(ThresholdCase{725, 2}, ThresholdCase{726, 3}),
+                         [](const auto& info) {
+                           return "LastScore" + std::to_string(info.param.last_score);
+                         });
 
 TEST_F(SequentialTest, ThreeStrongScoresSwitchFiftyToSixtyWithTheirLines) {
   g_logState = 1;

@@ -19,3 +19,9 @@ export PKG_CONFIG_PATH="$libdir/pkgconfig"
 # shellcheck disable=SC2046
 g++ -std=c++20 "$source_dir/host.cpp" -o "$scratch/host-pc" $(pkg-config --cflags --libs kestrel-flicker)
 LD_LIBRARY_PATH="$libdir" "$scratch/host-pc"
+
+# The installed tool finds the library beside it (runpath $ORIGIN/../lib), with no library path.
+tool="$scratch/prefix/bin/kestrel-flicker"
+if [ -x "$tool" ]; then
+  env -u LD_LIBRARY_PATH "$tool" --frames 3 >/dev/null
+fi

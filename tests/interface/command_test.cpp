@@ -105,7 +105,8 @@ TEST_P(LogLevel, SetsTheThreeFlags) {
 
 INSTANTIATE_TEST_SUITE_P(Words, LogLevel,
                          ::testing::Values(LogLevelCase{1, 1, 0, 1}, LogLevelCase{2, 0, 1, 0},
-                                           LogLevelCase{3, 1, 1, 1}, LogLevelCase{4, 0, 0, 0}));
+                                           LogLevelCase{3, 1, 1, 1}, LogLevelCase{4, 0, 0, 0}),
+                         [](const auto& info) { return "Word" + std::to_string(info.param.word); });
 
 TEST_F(Command, SetStateLogsTheValueAndSetsTheResult) {
   EvTable state = EV_TABLE_50HZ;

@@ -58,7 +58,8 @@ TEST_P(FindLog2, IsTheHighestSetBit) {
 INSTANTIATE_TEST_SUITE_P(Values, FindLog2,
                          ::testing::Values(Log2Case{0, 0}, Log2Case{1, 0}, Log2Case{2, 1},
                                            Log2Case{1023, 9}, Log2Case{1024, 10},
-                                           Log2Case{0x7fffffff, 30}));
+                                           Log2Case{0x7fffffff, 30}),
+                         [](const auto& info) { return "Of" + std::to_string(info.param.x); });
 
 TEST(Logging, SixtyFourBitLog2ReachesPastThirtyTwoBits) {
   EXPECT_EQ(findlog2(std::int64_t{1} << 40), 40);

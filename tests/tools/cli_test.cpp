@@ -2,6 +2,7 @@
 // The command line: the exit-code rule, the outputs as they are written, and where they go.
 #include "host/cli.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -79,9 +80,9 @@ TEST_P(BadCommandLine, ExitsTwoBeforeTheFirstFrame) {
 INSTANTIATE_TEST_SUITE_P(
     Cli, BadCommandLine,
     ::testing::Values(
-        BadArgs{"NotANumber", "--frames x", "--frames: 'x' is not a whole number (2..10000000)"},
+        BadArgs{"NotANumber", "--frames x", "--frames: 'x' is not a whole number (2..1000000)"},
         BadArgs{"Overflow", "--frames 99999999999",
-                "--frames: 99999999999 is out of range 2..10000000\n"},
+                "--frames: 99999999999 is out of range 2..1000000\n"},
         BadArgs{"Mains", "--mains 55",
                 "--mains: '55' is not a mains frequency: use 50, 60 or 0 (steady light)\n"},
         BadArgs{"NegativeMains", "--mains -60", "--mains: '-60' is not a mains frequency: use"},
@@ -170,6 +171,29 @@ TEST_F(CliTest, SimulateRecordReplayCsvJson) {
   EXPECT_NE(out_.str().find("\"energies\": {\n        \"70\": "), std::string::npos);
 }
 
+// The shipped example, read from a file and from standard input, switches where its comment says.
+TEST_F(CliTest, ExampleRecordingReplays) {
+  const std::string example = std::string(KESTREL_EXAMPLES) + "/2x5-60hz-light.kfr";
+  ASSERT_EQ(Run("replay " + example), 0) << err_.str();
+  const std::string from_file = out_.str();
+  EXPECT_TRUE(from_file.starts_with("kestrel-flicker replay " + example +
+                                    ": 2x5 sensor (type 2), 6 frames, 60 Hz mains light, "
+                                    "starting in the 50 Hz state\n"))
+      << from_file;
+  EXPECT_TRUE(
+      from_file.ends_with("\nsummary: switched from 50 Hz to 60 Hz at frame 3 (exposure "
+                          "10.000 -> 8.333 ms); final state 60 Hz; 5 frames judged, 0 "
+                          "not counted\n"));
+  const int saved = ::dup(STDIN_FILENO);
+  const int file = ::open(example.c_str(), O_RDONLY);
+  ::dup2(file, STDIN_FILENO);
+  ::close(file);
+  EXPECT_EQ(Run("replay -"), 0) << err_.str();
+  ::dup2(saved, STDIN_FILENO);
+  ::close(saved);
+  EXPECT_EQ(out_.str().substr(out_.str().find('\n')), from_file.substr(from_file.find('\n')));
+}
+
 struct Target {
   const char* name;
   const char* kind;     // what the output path is
@@ -218,11 +242,21 @@ TEST_P(OutputFile, GoesWhereThePathLeads) {
   } else {
     EXPECT_EQ(err_.str(), "kestrel-flicker: cannot write " + path + ": " + t.message + "\n");
   }
-  if (kind == "link" || kind == "dangling") EXPECT_TRUE(fs::is_symlink(path));
-  if (kind == "fifo") EXPECT_TRUE(fs::is_fifo(path));
-  if (kind == "device" || kind == "full") EXPECT_TRUE(fs::is_character_file(path));
-  if (kind == "readonly") EXPECT_EQ(Slurp(path), "old\n");
-  if (kind == "dash") EXPECT_FALSE(fs::exists("-"));
+  if (kind == "link" || kind == "dangling") {
+    EXPECT_TRUE(fs::is_symlink(path));
+  }
+  if (kind == "fifo") {
+    EXPECT_TRUE(fs::is_fifo(path));
+  }
+  if (kind == "device" || kind == "full") {
+    EXPECT_TRUE(fs::is_character_file(path));
+  }
+  if (kind == "readonly") {
+    EXPECT_EQ(Slurp(path), "old\n");
+  }
+  if (kind == "dash") {
+    EXPECT_FALSE(fs::exists("-"));
+  }
   // No temporary file is left behind.
   for (const auto& entry : fs::directory_iterator(dir_))
     EXPECT_FALSE(entry.path().filename().string().starts_with(".")) << entry.path();

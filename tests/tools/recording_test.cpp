@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cctype>
 #include <ostream>
 #include <string>
 
@@ -112,7 +113,24 @@ INSTANTIATE_TEST_SUITE_P(
                 "integer"},
         BadFile{"frame 1 exposure", "frame 5 exposure", false,
                 "23: frame 5 found where frame 1 "
-                "was expected"}));
+                "was expected"}),
+    [](const auto& info) {
+      // "25: truncated: frame 1 has ..." -> "Line25_TruncatedFrame1Has2Of".
+      const std::string m = info.param.message;
+      std::string name = "Line" + m.substr(0, m.find(':')) + "_";
+      int words = 0;
+      bool start = true;
+      for (const char c : m.substr(m.find(':') + 1)) {
+        if (std::isalnum(static_cast<unsigned char>(c)) == 0) {
+          start = true;
+          continue;
+        }
+        if (start && ++words > 6) break;
+        name += start ? static_cast<char>(std::toupper(static_cast<unsigned char>(c))) : c;
+        start = false;
+      }
+      return name;
+    });
 
 }  // namespace
 }  // namespace kestrel_host

@@ -76,7 +76,11 @@ INSTANTIATE_TEST_SUITE_P(
     ::testing::Values(BandCase{60.0, 0.010, true}, BandCase{50.0, 0.0125, true},
                       BandCase{60.0, 1.0 / 120.0, false}, BandCase{60.0, 2.0 / 120.0, false},
                       BandCase{50.0, 0.010, false}, BandCase{50.0, 0.020, false},
-                      BandCase{0.0, 0.007, false}));
+                      BandCase{0.0, 0.007, false}),
+    [](const auto& info) {
+      return "Mains" + std::to_string(static_cast<int>(info.param.mains_hz)) + "Exposure" +
+             std::to_string(std::lround(info.param.exposure_s * 1e6)) + "us";
+    });
 
 // The default timing (37.5 ms, 4.5 periods of 120 Hz) moves the bands between frames; a frame of
 // exactly four periods (1/30 s: 4000 lines of 2000 clocks at 240 MHz) leaves them in place.

@@ -4,6 +4,7 @@
 // library's (simulator, recordings, host policy, reports).
 #include "host/cli.h"
 
+#include <algorithm>
 #include <charconv>
 #include <cmath>
 #include <cstdio>
@@ -23,54 +24,6 @@ constexpr const char* kTryHelp = "Try 'kestrel-flicker --help'.\n";
 
 // Frame periods the tool simulates: from a 1000 fps readout to one frame a second.
 constexpr double kMinFrameS = 0.001, kMaxFrameS = 1.0;
-
-std::string FamilyName(std::int32_t type) {
-  return std::string(SensorName(type)) + " sensor (type " + std::to_string(type) + ")";
-}
-
-// A number with as few decimals (2 to 4) as show it exactly, else 4: 4.50, 4.0005, 4.0035.
-std::string Periods(double v) {
-  for (int d = 2; d < 4; ++d) {
-    const double scale = std::pow(10.0, d);
-    if (std::fabs(v * scale - std::round(v * scale)) < 1e-6 * scale)
-      return Format(d == 2 ? "%.2f" : "%.3f", v);
-  }
-  return Format("%.4f", v);
-}
-
-// Where the frame period stands against the flicker period: the bands move between frames only
-// when it is not a whole number of flicker periods. "Whole" is judged over the run: the bands
-// stand still when they drift less than a hundredth of a period over all its frames.
-std::string TimingLine(const SensorSetup& s, double mains_hz, std::int64_t frames) {
-  const double period = s.FramePeriod();
-  std::string text =
-      "timing: " + Ms(period) + " ms frames (" + Format("%.2f", 1.0 / period) + " fps)";
-  if (mains_hz > 0.0) {
-    const double periods = period * 2.0 * mains_hz;
-    const double drift = std::fabs(periods - std::round(periods));
-    text +=
-        " = " + Periods(periods) + " periods of " + Format("%.0f", 2.0 * mains_hz) + " Hz light";
-    const double travel = drift * static_cast<double>(std::max<std::int64_t>(frames - 1, 1));
-    if (drift < 1e-9) {
-      text += " (a whole number: the bands stand still from frame to frame)";
-    } else if (travel < 0.01) {
-      text += " (" + Format("%.4f", drift) + " from a whole number: over " +
-              Count(frames, "frame") + " the bands move " + Format("%.4f", travel) +
-              " of a period, all but still)";
-    } else if (drift < 0.05) {
-      text += " (nearly whole: the bands drift " + Format("%.4f", drift) +
-              " of a period a frame, a weak difference between frames)";
-    }
-  }
-  const std::int64_t lines = static_cast<std::int64_t>(s.StatRows()) * s.LinesPerRow();
-  text += "\nstatistics: " + Count(s.StatRows(), "row");
-  if (s.LinesPerRow() > 1) text += " of " + Count(s.LinesPerRow(), "line");
-  text += " (" + std::to_string(lines) + " of the " + std::to_string(s.column_length) +
-          " lines), " + Count(s.n_win_h, "band") + " x " + Count(s.n_win_w, "window") + " " +
-          std::to_string(s.window_width) + " pixels wide";
-  if (s.zhdr) text += ", zHDR";
-  return text + "\n";
-}
 
 // The options that set what a library refusal names.
 std::string OptionsFor(const std::string& refusal) {
@@ -95,19 +48,12 @@ std::string OptionsFor(const std::string& refusal) {
   return hint.empty() ? "the sensor geometry options" : hint;
 }
 
-// Runs INIT and one DETECT on a flat pair of frames, so that a geometry the library refuses is a
-// command-line error found before the first frame. The session ends with UNINIT; the run starts
-// its own.
+// A geometry the library refuses is a command-line error: the options to change come with it.
 void CheckLibraryTakes(const SensorSetup& sensor, const HostOptions& host) {
   try {
-    LibrarySession probe(sensor, 50, sensor.FramePeriod() / 2, false, host.tuning);
-    Frame flat;
-    flat.grid.assign(static_cast<std::size_t>(sensor.GridSize()), 0);
-    probe.Detect(1, flat, flat);
+    ProbeLibrary(sensor, host.tuning);
   } catch (const HostError& e) {
-    std::string what = e.what();
-    if (what.starts_with("frame 1: ")) what = what.substr(9);
-    throw UsageError(what + ": change " + OptionsFor(what));
+    throw UsageError(std::string(e.what()) + ": change " + OptionsFor(e.what()));
   }
 }
 
@@ -248,7 +194,7 @@ int RunSimulate(const SimulateOptions& o, CliIo& io) {
   }
   if (o.scene.motion != 0.0) header += ", panning " + Format("%g", o.scene.motion) + " lines/frame";
   header += ", starting in the " + std::to_string(o.state_hz) + " Hz state at " + Ms(exposure) +
-            " ms\n" + TimingLine(sensor, o.scene.mains_hz, o.frames);
+            " ms\n" + TimingText(sensor, o.scene.mains_hz, o.frames);
 
   LiveReport live(io, o.report, csv.get(), o.frames);
   live.Start(header);
@@ -265,9 +211,6 @@ int RunSimulate(const SimulateOptions& o, CliIo& io) {
 
 int RunReplay(const ReplayOptions& o, CliIo& io) {
   CheckOutputs(o.report, "");
-  if (o.file == "-" && o.report.csv_file == "-") {
-    // Fine: standard input and standard output are different streams.
-  }
   RecordingReader reader(o.file);
   const Recording& rec = reader.header();
   const std::int32_t state = o.state_hz.value_or(rec.initial_state_hz);
@@ -282,7 +225,7 @@ int RunReplay(const ReplayOptions& o, CliIo& io) {
                                  : ", " + std::to_string(*rec.light_hz) + " Hz mains light";
   }
   header += ", starting in the " + std::to_string(state) + " Hz state\n" +
-            TimingLine(rec.sensor, rec.light_hz.value_or(0), reader.frame_count());
+            TimingText(rec.sensor, rec.light_hz.value_or(0), reader.frame_count());
   LiveReport live(io, o.report, csv.get(), reader.frame_count());
   live.Start(header);
   HostOptions host = o.report.host;
@@ -554,7 +497,7 @@ void RegisterSimulate(Cli& cli) {
             "exposure time in ms [one flicker period of the starting state]")
       ->type_name("MS")
       ->group(camera);
-  AddInt(app, "--frames", o->frames, 2, 10000000, "frames to simulate [20]")->group(camera);
+  AddInt(app, "--frames", o->frames, 2, 1000000, "frames to simulate [20]")->group(camera);
   AddInt(app, "--line-length", o->line_length, 1, 1000000, "pixel clocks per line")->group(camera);
   AddNumber(app, "--pclk", o->pclk, 1e5, 1e10, "pixel clock in Hz")->type_name("HZ")->group(camera);
   AddInt(app, "--frame-length", o->column_length, 1, 10000000, "lines per frame (column_length)")

@@ -64,6 +64,24 @@ bool FieldAfter(std::string_view line, std::string_view key, std::int32_t& value
   return true;
 }
 
+// Why a frame gave the test nothing to score, read from its statistics: most of them at full
+// scale, or the mean below 2% of it. Empty when neither.
+std::string Condition(const SensorSetup& sensor, const Frame& frame) {
+  const std::int64_t full = sensor.FullScale();
+  std::int64_t clipped = 0;
+  double sum = 0.0;
+  for (const std::int64_t word : frame.grid) {
+    const std::int64_t v = sensor.type == 0 ? (word & 0xFFFFFF) : word;
+    if (v * 50 >= full * 49) ++clipped;
+    sum += static_cast<double>(v);
+  }
+  const auto n = static_cast<std::int64_t>(frame.grid.size());
+  if (n == 0) return "";
+  if (clipped * 2 >= n) return "clipped: the statistics are at full scale";
+  if (sum / static_cast<double>(n) < 0.02 * static_cast<double>(full)) return "too dark";
+  return "";
+}
+
 }  // namespace
 
 double ExposureForMains(double exposure_s, std::int32_t mains_hz, double frame_s) {
@@ -109,9 +127,10 @@ std::string Refusal(const std::vector<std::string>& lines) {
   return {};
 }
 
-void ReadDetectFigures(const std::vector<std::string>& lines, std::int32_t result,
-                       std::int32_t state_hz, const FlkExtPara& tuning, FrameResult& r) {
-  bool counted = true, unstable = false;
+DetectFlags ReadDetectFigures(const std::vector<std::string>& lines, std::int32_t result,
+                              std::int32_t state_hz, const FlkExtPara& tuning, FrameResult& r) {
+  DetectFlags flags;
+  bool counted = true;
   for (const std::string& line : lines) {
     std::string_view l(line);
     if (l.starts_with("Freq_out = ")) {
@@ -131,11 +150,12 @@ void ReadDetectFigures(const std::vector<std::string>& lines, std::int32_t resul
       r.note = "warming up (" + std::to_string(count) + " scored)";
     } else if (l.starts_with("Seq_test: invalid")) {
       counted = false;
-      if (r.note.empty()) r.note = "not counted";
     } else if (l.starts_with("frame AE unstable")) {
-      unstable = true;
+      flags.unstable = true;
     } else if (l.starts_with("frame can't be registered")) {
-      if (r.note.empty()) r.note = "unregistered";
+      flags.unregistered = true;
+    } else if (l.find(" is flat") != std::string_view::npos) {
+      flags.flat = true;
     }
   }
   if (result == -1) {
@@ -153,7 +173,7 @@ void ReadDetectFigures(const std::vector<std::string>& lines, std::int32_t resul
     r.seq = get_slrt_score(static_cast<std::uint32_t>(tuning.max_past_frames));
     r.has_seq = true;
   }
-  // The scored band relative to the mean of the other eight, as the test measures it: 120 Hz in
+  // The scored band relative to the mean of the other eight, as the test measures it (120 Hz in
   // the 50 Hz state, 100 Hz in the 60 Hz state with the default feature indices).
   if (counted && !r.has_relative && r.has_energies) {
     const std::size_t k =
@@ -168,10 +188,19 @@ void ReadDetectFigures(const std::vector<std::string>& lines, std::int32_t resul
   }
   // The standard and SONY tests skip a frame whose brightness changed; the 2x5 test has no such
   // gate and queues a score for it all the same.
-  if (unstable)
-    r.note = counted ? "brightness changed, scored all the same" : "skipped: brightness changed";
-  if (!counted && r.note == "unregistered") r.note = "unregistered, not counted";
+  if (counted && flags.unstable) r.note = "brightness changed, scored all the same";
   r.counted = counted;
+  return flags;
+}
+
+std::string NotCountedWhy(const DetectFlags& flags, const std::string& condition,
+                          const std::string& init_caveat) {
+  // In the order the detector meets the reasons.
+  if (flags.unstable) return "brightness changed between the frames";
+  if (flags.unregistered) return "not aligned: the frames could not be registered";
+  if (!condition.empty()) return condition;
+  if (flags.flat) return "flat: no detail to align the frames by";
+  return "no energy measured" + (init_caveat.empty() ? "" : " (INIT: " + init_caveat + ")");
 }
 
 LibrarySession::LibrarySession(const SensorSetup& sensor, std::int32_t initial_state_hz,
@@ -205,6 +234,12 @@ LibrarySession::LibrarySession(const SensorSetup& sensor, std::int32_t initial_s
     init.block_height = sensor_.block_height;
     init.green_only = sensor_.green_only;
     Send(CMD_INIT, &init, nullptr, "INIT");
+    // A caveat the INIT logs (a range the tables cannot follow) explains frames later.
+    for (const std::string& line : lines_) {
+      const std::size_t close = line.find("] ");
+      if (line.starts_with("[flicker_init") && close != std::string::npos)
+        init_caveat_ = line.substr(close + 2);
+    }
     EvTable state = state_hz_ == 60 ? EV_TABLE_60HZ : EV_TABLE_50HZ;
     Send(CMD_SET_STATE, &state, nullptr, "SET_STATE");
     Send(CMD_RESET_QUEUE, nullptr, nullptr, "RESET_QUEUE");
@@ -294,7 +329,12 @@ FrameResult LibrarySession::Detect(std::int32_t frame, const Frame& prev, const 
   }
   r.result = result;
 
-  ReadDetectFigures(lines_, result, state_hz_, tuning_, r);
+  const DetectFlags flags = ReadDetectFigures(lines_, result, state_hz_, tuning_, r);
+  if (!r.counted && result != -1) {
+    std::string condition = Condition(sensor_, cur);
+    if (condition.empty()) condition = Condition(sensor_, prev);
+    r.note = "not counted: " + NotCountedWhy(flags, condition, init_caveat_);
+  }
 
   r.next_exposure_s = exposure_s_;
   if ((result == FLK_RESULT_50HZ || result == FLK_RESULT_60HZ) && result != StateCode(state_hz_)) {
@@ -312,6 +352,19 @@ FrameResult LibrarySession::Detect(std::int32_t frame, const Frame& prev, const 
     r.next_exposure_s = next;
   }
   return r;
+}
+
+void ProbeLibrary(const SensorSetup& sensor, const FlkExtPara& tuning) {
+  LibrarySession probe(sensor, 50, sensor.FramePeriod() / 2, false, tuning);
+  Frame flat;
+  flat.grid.assign(static_cast<std::size_t>(sensor.GridSize()), 0);
+  try {
+    probe.Detect(1, flat, flat);
+  } catch (const HostError& e) {
+    // Not about a frame of the run: drop the frame number.
+    const std::string what = e.what();
+    throw HostError(what.starts_with("frame 1: ") ? what.substr(9) : what);
+  }
 }
 
 namespace {

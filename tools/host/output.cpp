@@ -58,13 +58,11 @@ bool WantsGzip(const std::string& path) {
 }
 
 void CheckStandardOutput(std::ostream& out) {
-  const int saved = errno;
+  errno = 0;
   out.flush();
   if (!out) {
     throw HostError(std::string("cannot write standard output: ") +
-                    std::strerror(saved != 0 && errno == saved ? saved
-                                  : errno                      ? errno
-                                                               : EIO));
+                    std::strerror(errno != 0 ? errno : EIO));
   }
 }
 
@@ -72,8 +70,9 @@ OutputSink::OutputSink(const std::string& path, std::ostream& standard_output, b
     : path_(path), gzip_(gzip) {
   if (gzip_) {
     deflate_ = new Deflate;
-    // 15 + 16: a gzip header and trailer around the deflate stream.
-    if (deflateInit2(&deflate_->z, 6, Z_DEFLATED, 15 + 16, 8, Z_DEFAULT_STRATEGY) != Z_OK) {
+    // 15 + 16: a gzip header and trailer around the deflate stream. Level 1: the digits of a
+    // recording compress to about half at once; higher levels cost several times the run.
+    if (deflateInit2(&deflate_->z, 1, Z_DEFLATED, 15 + 16, 8, Z_DEFAULT_STRATEGY) != Z_OK) {
       delete deflate_;
       deflate_ = nullptr;
       throw HostError("cannot write " + path_ + ": zlib refused to start");
@@ -90,10 +89,15 @@ OutputSink::OutputSink(const std::string& path, std::ostream& standard_output, b
       struct stat out {};
       const bool is_stdout =
           ::fstat(STDOUT_FILENO, &out) == 0 && out.st_dev == st.st_dev && out.st_ino == st.st_ino;
-      if (!S_ISREG(st.st_mode) || is_stdout) {
-        // A device, FIFO or terminal (or the file standard output already writes, named through
-        // /dev/stdout): a rename would put a plain file in its place.
-        fd_ = ::open(path.c_str(), O_WRONLY | O_CLOEXEC | (is_stdout ? O_APPEND : 0));
+      if (is_stdout) {
+        // /dev/stdout or the file standard output already writes: one stream, or the two would
+        // overwrite each other.
+        stream_ = &standard_output;
+        return;
+      }
+      if (!S_ISREG(st.st_mode)) {
+        // A device, FIFO or terminal: a rename would put a plain file in its place.
+        fd_ = ::open(path.c_str(), O_WRONLY | O_CLOEXEC);
         if (fd_ < 0) Fail(errno);
         return;
       }
@@ -121,6 +125,8 @@ OutputSink::OutputSink(const std::string& path, std::ostream& standard_output, b
     const mode_t mode = st.st_mode != 0 ? (st.st_mode & 07777) : CreationMode();
     if (::fchmod(fd_, mode) != 0) Fail(errno);
   } catch (...) {
+    if (fd_ >= 0) ::close(fd_);
+    if (!temp_.empty()) ::unlink(temp_.c_str());
     if (deflate_ != nullptr) {
       deflateEnd(&deflate_->z);
       delete deflate_;

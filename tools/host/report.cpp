@@ -94,6 +94,58 @@ std::string FormatTable(const RunResult& run, bool wide) {
   return out;
 }
 
+std::string FamilyName(std::int32_t type) {
+  return std::string(SensorName(type)) + " sensor (type " + std::to_string(type) + ")";
+}
+
+namespace {
+
+// A number with as few decimals (2 to 4) as show it exactly, else 4: 4.50, 4.0005, 4.0035.
+std::string Periods(double v) {
+  for (int d = 2; d < 4; ++d) {
+    const double scale = std::pow(10.0, d);
+    if (std::fabs(v * scale - std::round(v * scale)) < 1e-6 * scale)
+      return Format(d == 2 ? "%.2f" : "%.3f", v);
+  }
+  return Format("%.4f", v);
+}
+
+}  // namespace
+
+// Where the frame period stands against the flicker period: the bands move between frames only
+// when it is not a whole number of flicker periods. "Whole" is judged over the run: the bands
+// stand still when they drift less than a hundredth of a period over all its frames.
+std::string TimingText(const SensorSetup& s, double mains_hz, std::int64_t frames) {
+  const double period = s.FramePeriod();
+  std::string text =
+      "timing: " + Ms(period) + " ms frames (" + Format("%.2f", 1.0 / period) + " fps)";
+  if (mains_hz > 0.0) {
+    const double periods = period * 2.0 * mains_hz;
+    const double drift = std::fabs(periods - std::round(periods));
+    text +=
+        " = " + Periods(periods) + " periods of " + Format("%.0f", 2.0 * mains_hz) + " Hz light";
+    const double travel = drift * static_cast<double>(std::max<std::int64_t>(frames - 1, 1));
+    if (drift < 1e-9) {
+      text += " (a whole number: the bands stand still from frame to frame)";
+    } else if (travel < 0.01) {
+      text += " (" + Format("%.4f", drift) + " from a whole number: over " +
+              Count(frames, "frame") + " the bands move " + Format("%.4f", travel) +
+              " of a period, all but still)";
+    } else if (drift < 0.05) {
+      text += " (nearly whole: the bands drift " + Format("%.4f", drift) +
+              " of a period a frame, a weak difference between frames)";
+    }
+  }
+  const std::int64_t lines = static_cast<std::int64_t>(s.StatRows()) * s.LinesPerRow();
+  text += "\nstatistics: " + Count(s.StatRows(), "row");
+  if (s.LinesPerRow() > 1) text += " of " + Count(s.LinesPerRow(), "line");
+  text += " (" + std::to_string(lines) + " of the " + std::to_string(s.column_length) +
+          " lines), " + Count(s.n_win_h, "band") + " x " + Count(s.n_win_w, "window") + " " +
+          std::to_string(s.window_width) + " pixels wide";
+  if (s.zhdr) text += ", zHDR";
+  return text + "\n";
+}
+
 std::string FormatSummary(const RunResult& run) {
   const std::int32_t judged = static_cast<std::int32_t>(run.results.size());
   std::string counts =

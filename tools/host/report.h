@@ -15,6 +15,13 @@ std::string FormatTable(const RunResult& run, bool wide);
 std::string TableHeader(bool wide);
 std::string TableRow(const FrameResult& r, bool wide);
 
+// "standard sensor (type 0)".
+std::string FamilyName(std::int32_t type);
+
+// The frame timing against the flicker of `mains_hz` (0: none) over a run of `frames`, and the
+// statistics' coverage of the frame: the two lines under a run's header.
+std::string TimingText(const SensorSetup& sensor, double mains_hz, std::int64_t frames);
+
 // One line: when the host switched, or that it never did and where the test stood.
 std::string FormatSummary(const RunResult& run);
 

@@ -77,6 +77,17 @@ std::int32_t SensorSetup::LinesPerRow() const {
   return type == 2 ? block_height : 1;
 }
 
+std::int64_t SensorSetup::FullScale() const {
+  if (type == 1) return 1023;
+  if (type == 2) {
+    const std::int64_t pixels = static_cast<std::int64_t>(block_height) * window_width;
+    return 4095 * std::max<std::int64_t>(green_only != 0 ? pixels / 2 : pixels, 1);
+  }
+  const std::int64_t sum =
+      (static_cast<std::int64_t>(window_width >> 1) * 65535) >> RangeShift(window_width);
+  return std::clamp<std::int64_t>(sum, 1, 0xFFFFFF);
+}
+
 std::int64_t SensorSetup::GridSize() const {
   return static_cast<std::int64_t>(StatRows()) * n_win_w;
 }

@@ -30,6 +30,8 @@ struct SensorSetup {
   // Statistics rows of one frame and sensor lines per statistics row.
   std::int32_t StatRows() const;
   std::int32_t LinesPerRow() const;
+  // The value of a statistic at full scale (type 0: the 24-bit statistic field).
+  std::int64_t FullScale() const;
   // Values in one frame's grid.
   std::int64_t GridSize() const;
   // Seconds per sensor line and per frame.
