@@ -40,3 +40,6 @@ KESTREL_TEST_PACKAGES=(libgtest-dev libbenchmark-dev clang-format git)
 # and cannot be installed.
 KESTREL_FUZZ_PACKAGES=(clang libclang-rt-14-dev)
 KESTREL_ARM64_PACKAGES=(g++-aarch64-linux-gnu qemu-user)
+
+# The Python module and its tests (built for Debian's /usr/bin/python3).
+KESTREL_PYTHON_PACKAGES=(python3-dev pybind11-dev python3-numpy python3-matplotlib python3-pytest)

@@ -7,7 +7,8 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 jobs=$(nproc 2>/dev/null || echo 2)
 . scripts/deps.sh
-kestrel_need_packages test.sh "${KESTREL_BUILD_PACKAGES[@]}" "${KESTREL_TEST_PACKAGES[@]}"
+kestrel_need_packages test.sh "${KESTREL_BUILD_PACKAGES[@]}" "${KESTREL_TEST_PACKAGES[@]}" \
+  "${KESTREL_PYTHON_PACKAGES[@]}"
 
 # Formatting is .clang-format's business, never a review topic.
 if command -v clang-format >/dev/null && git rev-parse --git-dir >/dev/null 2>&1; then
@@ -17,8 +18,11 @@ else
   echo "format: clang-format not found, check skipped"
 fi
 
-cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo
+cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKESTREL_BUILD_PYTHON=ON
 cmake --build build -j"$jobs"
+# The Python tests are one ctest entry (pytest); make sure it exists, so it cannot silently vanish.
+ctest --test-dir build -N -R '^python_tests$' | grep -q 'Total Tests: 1' ||
+  { echo "python_tests is not registered" >&2; exit 1; }
 ctest --test-dir build --output-on-failure -j"$jobs"
 
 cmake -S . -B build-asan -DCMAKE_BUILD_TYPE=Debug -DKESTREL_SANITIZE=ON -DKESTREL_BUILD_BENCH=OFF

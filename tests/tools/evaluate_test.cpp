@@ -62,7 +62,8 @@ TEST_F(EvaluateTest, SameFiguresAsSimulateOnEachCell) {
   EXPECT_EQ(report.cells[0].detected, 2);
   EXPECT_EQ(report.cells[0].LatencyMedian(), 3.0);
   EXPECT_EQ(report.total.false_switches, 0);
-  EXPECT_EQ(report.cells[2].not_counted.at("not counted: brightness changed between the frames"), 1);
+  EXPECT_EQ(report.cells[2].not_counted.at("not counted: brightness changed between the frames"),
+            1);
   // After the switch the 60 Hz light is the state's own mains.
   EXPECT_EQ(frames[1].truth, Truth::kOtherMains);
   EXPECT_EQ(frames[5].truth, Truth::kOwnMains);

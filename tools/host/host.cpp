@@ -118,6 +118,91 @@ void CheckRun(const SensorSetup& sensor, const SceneSetup& scene, std::int32_t f
   }
 }
 
+std::string Refusal(const std::vector<std::string>& lines) {
+  for (const std::string& line : lines) {
+    // "[func] refused: <limit>": keep the function and the limit it names.
+    const std::size_t at = line.find(" refused: ");
+    if (at != std::string::npos) return line.substr(0, at) + " " + line.substr(at + 10);
+  }
+  return {};
+}
+
+DetectFlags ReadDetectFigures(const std::vector<std::string>& lines, std::int32_t result,
+                              std::int32_t state_hz, const FlkExtPara& tuning, FrameResult& r) {
+  DetectFlags flags;
+  bool counted = true;
+  for (const std::string& line : lines) {
+    std::string_view l(line);
+    if (l.starts_with("Freq_out = ")) {
+      auto& e = r.energies;
+      r.has_energies =
+          std::sscanf(line.c_str(), "Freq_out = %d, %d, %d, %d, %d, %d, %d, %d, %d", &e[0], &e[1],
+                      &e[2], &e[3], &e[4], &e[5], &e[6], &e[7], &e[8]) == 9;
+    } else if (l.starts_with("Seq_test: stats") && l.find("%D") == std::string_view::npos) {
+      // (The 2x5 test's line carries a conversion printf does not know, which shifts its
+      // figures; its score and sum are read from the queue below instead.)
+      r.has_relative = FieldAfter(l, "cur_feat:", r.relative_q8);
+      r.has_score = FieldAfter(l, "cur_score:", r.score);
+      r.has_seq = FieldAfter(l, "seq_score:", r.seq);
+    } else if (l.starts_with("Seq_test: insufficient_data")) {
+      std::int32_t count = 0;
+      FieldAfter(l, "count:", count);
+      r.note = "warming up (" + std::to_string(count) + " scored)";
+    } else if (l.starts_with("Seq_test: invalid")) {
+      counted = false;
+    } else if (l.starts_with("frame AE unstable")) {
+      flags.unstable = true;
+    } else if (l.starts_with("frame can't be registered")) {
+      flags.unregistered = true;
+    } else if (l.find(" is flat") != std::string_view::npos) {
+      flags.flat = true;
+    }
+  }
+  if (result == -1) {
+    r.note = "no result from the library";
+    counted = false;
+  }
+  // Not every test reports the frame's score (nor does one still warming up): the newest queue
+  // entry is that score. The queue reads in whole units rounded down where the test's own line
+  // rounds to nearest, so a score or sum read here can be one below the test's.
+  if (counted && !r.has_score) {
+    r.score = get_slrt_score(1);
+    r.has_score = true;
+  }
+  if (counted && !r.has_seq && !r.note.starts_with("warming")) {
+    r.seq = get_slrt_score(static_cast<std::uint32_t>(tuning.max_past_frames));
+    r.has_seq = true;
+  }
+  // The scored band relative to the mean of the other eight, as the test measures it (120 Hz in
+  // the 50 Hz state, 100 Hz in the 60 Hz state with the default feature indices).
+  if (counted && !r.has_relative && r.has_energies) {
+    const std::size_t k =
+        static_cast<std::size_t>(tuning.freq_feature_index[state_hz == 50 ? 0 : 1]);
+    std::int64_t others = 0;
+    for (std::size_t i = 0; i < 9; ++i) {
+      if (i != k) others += r.energies[i];
+    }
+    const std::int64_t mean = std::max<std::int64_t>(others / 8, 1);
+    r.relative_q8 = static_cast<std::int32_t>((r.energies[k] - mean) * 256 / mean);
+    r.has_relative = true;
+  }
+  // The standard and SONY tests skip a frame whose brightness changed; the 2x5 test has no such
+  // gate and queues a score for it all the same.
+  if (counted && flags.unstable) r.note = "brightness changed, scored all the same";
+  r.counted = counted;
+  return flags;
+}
+
+std::string NotCountedWhy(const DetectFlags& flags, const std::string& condition,
+                          const std::string& init_caveat) {
+  // In the order the detector meets the reasons.
+  if (flags.unstable) return "brightness changed between the frames";
+  if (flags.unregistered) return "not aligned: the frames could not be registered";
+  if (!condition.empty()) return condition;
+  if (flags.flat) return "flat: no detail to align the frames by";
+  return "no energy measured" + (init_caveat.empty() ? "" : " (INIT: " + init_caveat + ")");
+}
+
 LibrarySession::LibrarySession(const SensorSetup& sensor, std::int32_t initial_state_hz,
                                double exposure_s, bool verbose, const FlkExtPara& tuning)
     : sensor_(sensor),
@@ -195,14 +280,9 @@ void LibrarySession::Send(std::uint32_t cmd, void* in, void* out, const char* wh
     StdoutDiversion diversion(verbose_);
     SendCmdFlk(static_cast<FlkCmd>(cmd), in, out);
   }
-  for (const std::string& line : lines_) {
-    // "[func] refused: <limit>": keep the function and the limit it names.
-    const std::size_t at = line.find(" refused: ");
-    if (at != std::string::npos) {
-      throw HostError(std::string("the library refused ") + what + ": " + line.substr(0, at) + " " +
-                      line.substr(at + 10));
-    }
-  }
+  const std::string refusal = Refusal(lines_);
+  if (!refusal.empty())
+    throw HostError(std::string("the library refused ") + what + ": " + refusal);
 }
 
 FrameResult LibrarySession::Detect(std::int32_t frame, const Frame& prev, const Frame& cur) {
@@ -249,81 +329,12 @@ FrameResult LibrarySession::Detect(std::int32_t frame, const Frame& prev, const 
   }
   r.result = result;
 
-  bool counted = true, unstable = false, unregistered = false, flat = false;
-  for (const std::string& line : lines_) {
-    std::string_view l(line);
-    if (l.starts_with("Freq_out = ")) {
-      auto& e = r.energies;
-      r.has_energies =
-          std::sscanf(line.c_str(), "Freq_out = %d, %d, %d, %d, %d, %d, %d, %d, %d", &e[0], &e[1],
-                      &e[2], &e[3], &e[4], &e[5], &e[6], &e[7], &e[8]) == 9;
-    } else if (l.starts_with("Seq_test: stats") && l.find("%D") == std::string_view::npos) {
-      // (The 2x5 test's line carries a conversion printf does not know, which shifts its
-      // figures; its score and sum are read from the queue below instead.)
-      r.has_relative = FieldAfter(l, "cur_feat:", r.relative_q8);
-      r.has_score = FieldAfter(l, "cur_score:", r.score);
-      r.has_seq = FieldAfter(l, "seq_score:", r.seq);
-    } else if (l.starts_with("Seq_test: insufficient_data")) {
-      std::int32_t count = 0;
-      FieldAfter(l, "count:", count);
-      r.note = "warming up (" + std::to_string(count) + " scored)";
-    } else if (l.starts_with("Seq_test: invalid")) {
-      counted = false;
-    } else if (l.starts_with("frame AE unstable")) {
-      unstable = true;
-    } else if (l.starts_with("frame can't be registered")) {
-      unregistered = true;
-    } else if (l.find(" is flat") != std::string_view::npos) {
-      flat = true;
-    }
+  const DetectFlags flags = ReadDetectFigures(lines_, result, state_hz_, tuning_, r);
+  if (!r.counted && result != -1) {
+    std::string condition = Condition(sensor_, cur);
+    if (condition.empty()) condition = Condition(sensor_, prev);
+    r.note = "not counted: " + NotCountedWhy(flags, condition, init_caveat_);
   }
-  if (result == -1) {
-    r.note = "no result from the library";
-    counted = false;
-  }
-  // Not every test reports the frame's score (nor does one still warming up): the newest queue
-  // entry is that score. The queue reads in whole units rounded down where the test's own line
-  // rounds to nearest, so a score or sum read here can be one below the test's.
-  if (counted && !r.has_score) {
-    r.score = get_slrt_score(1);
-    r.has_score = true;
-  }
-  if (counted && !r.has_seq && !r.note.starts_with("warming")) {
-    r.seq = get_slrt_score(static_cast<std::uint32_t>(tuning_.max_past_frames));
-    r.has_seq = true;
-  }
-  // The scored band relative to the mean of the other eight, as the test measures it: 120 Hz in
-  // the 50 Hz state, 100 Hz in the 60 Hz state with the default feature indices).
-  if (counted && !r.has_relative && r.has_energies) {
-    const std::size_t k =
-        static_cast<std::size_t>(tuning_.freq_feature_index[state_hz_ == 50 ? 0 : 1]);
-    std::int64_t others = 0;
-    for (std::size_t i = 0; i < 9; ++i) {
-      if (i != k) others += r.energies[i];
-    }
-    const std::int64_t mean = std::max<std::int64_t>(others / 8, 1);
-    r.relative_q8 = static_cast<std::int32_t>((r.energies[k] - mean) * 256 / mean);
-    r.has_relative = true;
-  }
-  // Why a frame did not count, in the order the detector meets the reasons. The standard and
-  // SONY tests skip a frame whose brightness changed; the 2x5 test has no such gate and queues a
-  // score for it all the same.
-  if (!counted && result != -1) {
-    std::string why = Condition(sensor_, cur);
-    if (why.empty()) why = Condition(sensor_, prev);
-    if (unstable) {
-      why = "brightness changed between the frames";
-    } else if (unregistered) {
-      why = "not aligned: the frames could not be registered";
-    } else if (why.empty()) {
-      why = flat ? "flat: no detail to align the frames by" : "no energy measured";
-      if (!flat && !init_caveat_.empty()) why += " (INIT: " + init_caveat_ + ")";
-    }
-    r.note = "not counted: " + why;
-  } else if (unstable) {
-    r.note = "brightness changed, scored all the same";
-  }
-  r.counted = counted;
 
   r.next_exposure_s = exposure_s_;
   if ((result == FLK_RESULT_50HZ || result == FLK_RESULT_60HZ) && result != StateCode(state_hz_)) {

@@ -71,6 +71,27 @@ double ExposureForMains(double exposure_s, std::int32_t mains_hz, double frame_s
 void CheckRun(const SensorSetup& sensor, const SceneSetup& scene, std::int32_t frames,
               double exposure_s, bool recording);
 
+// The library's refusal among the log lines of one command ("<function> <limit>"), or "".
+std::string Refusal(const std::vector<std::string>& lines);
+
+// What the library said about a frame it did not score.
+struct DetectFlags {
+  bool unstable = false;      // the brightness changed between the frames
+  bool unregistered = false;  // the frames could not be aligned
+  bool flat = false;          // a frame had no detail to align by
+};
+
+// The figures of one DETECT from the lines the library logged with flow logging on (energies,
+// the test's relative feature, score and sum, whether the frame counted) for a frame judged in
+// the `state_hz` state under `tuning`; `result` is what DETECT wrote (-1: nothing).
+DetectFlags ReadDetectFigures(const std::vector<std::string>& lines, std::int32_t result,
+                              std::int32_t state_hz, const FlkExtPara& tuning, FrameResult& r);
+
+// Why a frame did not count, for its note: the flags, else `condition` (what is wrong with the
+// frames themselves, if anything), else what INIT warned about (`init_caveat`).
+std::string NotCountedWhy(const DetectFlags& flags, const std::string& condition,
+                          const std::string& init_caveat);
+
 // INIT and one DETECT of a flat pair of frames with `tuning`, in a session of its own: throws
 // HostError with the library's refusal ("the library refused INIT: [func] <limit>") for a geometry
 // or timing it cannot take, so a run can be refused before its first frame.
