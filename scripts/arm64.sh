@@ -8,13 +8,18 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 jobs=$(nproc 2>/dev/null || echo 2)
-packages="g++-aarch64-linux-gnu qemu-user libgtest-dev"
+packages="g++-aarch64-linux-gnu qemu-user libgtest-dev zlib1g-dev:arm64"
 
 missing() {
   ! command -v aarch64-linux-gnu-g++ >/dev/null || ! command -v qemu-aarch64 >/dev/null ||
-    [ ! -f /usr/src/googletest/CMakeLists.txt ]
+    [ ! -f /usr/src/googletest/CMakeLists.txt ] || [ ! -f /usr/lib/aarch64-linux-gnu/libz.so ]
 }
 if missing && command -v apt-get >/dev/null && [ "$(id -u)" = 0 ]; then
+  # zlib for arm64 (the tool's compressed recordings) comes from Debian's multiarch archive.
+  if ! dpkg --print-foreign-architectures | grep -qx arm64; then
+    dpkg --add-architecture arm64
+    apt-get update
+  fi
   apt-get install -y --no-install-recommends $packages
 fi
 if missing; then
@@ -43,14 +48,16 @@ mkdir -p "$headers"
 for dir in CLI nlohmann; do
   [ -d /usr/include/$dir ] && ln -sfn /usr/include/$dir "$headers/$dir"
 done
+# zlib's two headers are shared by every architecture of Debian's multiarch zlib1g-dev.
+ln -sfn /usr/include/zlib.h "$headers/zlib.h"
+ln -sfn /usr/include/zconf.h "$headers/zconf.h"
 
 # The benchmarks need Google Benchmark for arm64 and measure nothing under an emulator: left out.
-# zlib is looked up in the arm64 sysroot only: without zlib1g-dev:arm64 the tool is built without
-# compressed recordings, and the replays below use plain ones.
 cmake -S . -B build-arm64/kestrel -DCMAKE_TOOLCHAIN_FILE="$toolchain" \
   -DKESTREL_ARM64_PREFIX="$prefix" -DGTest_DIR="$prefix/lib/cmake/GTest" \
-  -DCMAKE_CXX_FLAGS="-isystem $headers" \
-  -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKESTREL_BUILD_BENCH=OFF >/dev/null
+  -DCMAKE_CXX_FLAGS="-isystem $headers" -DZLIB_INCLUDE_DIR="$headers" \
+  -DZLIB_LIBRARY=/usr/lib/aarch64-linux-gnu/libz.so \
+  -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKESTREL_BUILD_BENCH=OFF -DKESTREL_BUILD_PYTHON=OFF >/dev/null
 cmake --build build-arm64/kestrel -j"$jobs"
 # The install check compiles a host with the machine's own compiler: x86-64 only.
 ctest --test-dir build-arm64/kestrel --output-on-failure -j"$jobs" -E '^install\.'
