@@ -489,14 +489,7 @@ class Detector {
       FlkLogPara level = FLK_LOG_FLOW | (log_line_data_ ? FLK_LOG_LINE_DATA : 0u);
       Send(CMD_SET_LOG_LEVEL, &level, nullptr, "SET_LOG_LEVEL");
       SetExtPara(ext_para);
-      FlkInitPara init{};
-      init.type = sensor_.type;
-      init.line_length = sensor_.line_length;
-      init.column_length = sensor_.column_length;
-      init.window_width = sensor_.window_width;
-      init.pclk = sensor_.pclk;
-      init.block_height = sensor_.block_height;
-      init.green_only = sensor_.green_only;
+      FlkInitPara init = kh::InitParaOf(sensor_);
       Send(CMD_INIT, &init, nullptr, "INIT");
       SetState(state_hz);
       ResetQueue();

@@ -225,14 +225,7 @@ LibrarySession::LibrarySession(const SensorSetup& sensor, std::int32_t initial_s
     para.zhdr_gle_first = sensor_.zhdr_gle_first ? 1 : 0;
     para.zhdr_se_small = sensor_.zhdr_se_small ? 1 : 0;
     Send(CMD_SET_EXT_PARA, &para, nullptr, "SET_EXT_PARA");
-    FlkInitPara init{};
-    init.type = sensor_.type;
-    init.line_length = sensor_.line_length;
-    init.column_length = sensor_.column_length;
-    init.window_width = sensor_.window_width;
-    init.pclk = sensor_.pclk;
-    init.block_height = sensor_.block_height;
-    init.green_only = sensor_.green_only;
+    FlkInitPara init = InitParaOf(sensor_);
     Send(CMD_INIT, &init, nullptr, "INIT");
     // A caveat the INIT logs (a range the tables cannot follow) explains frames later.
     for (const std::string& line : lines_) {
@@ -352,6 +345,18 @@ FrameResult LibrarySession::Detect(std::int32_t frame, const Frame& prev, const 
     r.next_exposure_s = next;
   }
   return r;
+}
+
+FlkInitPara InitParaOf(const SensorSetup& sensor) {
+  FlkInitPara init{};
+  init.type = sensor.type;
+  init.line_length = sensor.line_length;
+  init.column_length = sensor.column_length;
+  init.window_width = sensor.window_width;
+  init.pclk = sensor.pclk;
+  init.block_height = sensor.block_height;
+  init.green_only = sensor.green_only;
+  return init;
 }
 
 void ProbeLibrary(const SensorSetup& sensor, const FlkExtPara& tuning) {

@@ -92,6 +92,9 @@ DetectFlags ReadDetectFigures(const std::vector<std::string>& lines, std::int32_
 std::string NotCountedWhy(const DetectFlags& flags, const std::string& condition,
                           const std::string& init_caveat);
 
+// The INIT record of `sensor`'s timing and statistics geometry.
+FlkInitPara InitParaOf(const SensorSetup& sensor);
+
 // INIT and one DETECT of a flat pair of frames with `tuning`, in a session of its own: throws
 // HostError with the library's refusal ("the library refused INIT: [func] <limit>") for a geometry
 // or timing it cannot take, so a run can be refused before its first frame.
