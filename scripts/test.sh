@@ -1,6 +1,8 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: Apache-2.0
-# Builds and runs every test twice: a normal build, then AddressSanitizer + UndefinedBehaviorSanitizer.
+# Builds and runs every test twice: a normal build, then AddressSanitizer + UndefinedBehaviorSanitizer;
+# then the fuzz targets for a bounded time each (KESTREL_FUZZ_SECONDS, default 60) and the arm64
+# build: its tests under qemu-aarch64 and the byte-for-byte replay comparison with x86-64.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 jobs=$(nproc 2>/dev/null || echo 2)
@@ -20,3 +22,6 @@ ctest --test-dir build --output-on-failure -j"$jobs"
 cmake -S . -B build-asan -DCMAKE_BUILD_TYPE=Debug -DKESTREL_SANITIZE=ON -DKESTREL_BUILD_BENCH=OFF
 cmake --build build-asan -j"$jobs"
 ASAN_OPTIONS=detect_leaks=1 ctest --test-dir build-asan --output-on-failure -j"$jobs"
+
+scripts/fuzz.sh
+scripts/arm64.sh

@@ -50,11 +50,12 @@ constexpr std::int32_t low32(std::int64_t v) {
 
 // v / 2^k rounded to nearest, halves away from zero: add 2^(k-1) to a non-negative value and
 // 2^(k-1) - 1 to a negative one, then shift arithmetically. k = 0 leaves v as it is. The sign
-// test is made before the rounding term is added.
+// test is made before the rounding term is added, which wraps (as the 64-bit energies it rounds
+// do) within 2^(k-1) of the largest value.
 constexpr std::int64_t rshift_round64(std::int64_t v, int k) {
   if (k <= 0) return v;
   const std::int64_t half = std::int64_t{1} << (k - 1);
-  return (v >= 0 ? v + half : v + half - 1) >> k;
+  return wrap_add64(v, v >= 0 ? half : half - 1) >> k;
 }
 // The same in 32 bits; the rounding addition wraps like the rest of 32-bit band arithmetic.
 constexpr std::int32_t rshift_round32(std::int32_t v, int k) {
@@ -92,6 +93,12 @@ constexpr std::int32_t bit_count(std::uint64_t v) {
 
 constexpr std::int32_t clamp32(std::int32_t v, std::int32_t lo, std::int32_t hi) {
   return v < lo ? lo : (v > hi ? hi : v);
+}
+
+// A bound worked out in 64 bits from host-given sizes, saturated to 32 bits: equal to the 32-bit
+// formula wherever that one does not overflow, and never wrapped into a huge loop bound.
+constexpr std::int32_t saturate32(std::int64_t v) {
+  return v < INT32_MIN ? INT32_MIN : (v > INT32_MAX ? INT32_MAX : static_cast<std::int32_t>(v));
 }
 
 }  // namespace fx

@@ -98,7 +98,8 @@ bool geometry_fits(std::int32_t n_win_h, std::int32_t n_win_w, std::int32_t win_
 // Column choice of every band of `cur` (already transformed), made on the transposed band.
 void choose_columns(const std::int32_t* cur, std::int32_t n_win_h, std::int32_t n_win_w,
                     std::int32_t win_ht, std::int32_t* cols) {
-  const std::int32_t band = win_ht * n_win_w;
+  // 64-bit: a frame without bands passes the geometry check with win_ht unbounded.
+  const std::int64_t band = std::int64_t{win_ht} * n_win_w;
   for (std::int32_t b = 0; b < n_win_h; ++b) {
     const std::int32_t* src = cur + b * band;
     for (std::int32_t r = 0; r < win_ht; ++r) {
@@ -113,7 +114,7 @@ void choose_columns(const std::int32_t* cur, std::int32_t n_win_h, std::int32_t 
 void copy_columns(const std::int32_t* prev, const std::int32_t* cur, std::int32_t n_win_h,
                   std::int32_t n_win_w, std::int32_t win_ht, const std::int32_t* cols,
                   std::int32_t* out_prev, std::int32_t* out_cur) {
-  const std::int32_t band = win_ht * n_win_w;
+  const std::int64_t band = std::int64_t{win_ht} * n_win_w;  // unbounded without bands, as above
   for (std::int32_t b = 0; b < n_win_h; ++b) {
     const std::int32_t* src_prev = prev + b * band + cols[b];
     const std::int32_t* src_cur = cur + b * band + cols[b];

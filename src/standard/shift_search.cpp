@@ -34,6 +34,7 @@ inline bool valid(const std::int64_t* mask, std::int32_t i) {
 // six samples each side, edge sample repeated, into the analysis scratch. Returns the count.
 std::int32_t lowpass_decimate(const std::int32_t* x, std::int32_t len, std::int32_t step,
                               std::int32_t* out) {
+  if (len < 1) return 0;  // nothing to mirror
   std::int32_t* buf = convolve_analysis_working_memory_32;
   for (std::int32_t j = 0; j < len; ++j) buf[kFilterHalf + j] = x[j];
   // Only windows shorter than the mirror need the clamp; it keeps the copy inside the input.
@@ -97,7 +98,9 @@ std::int32_t exhaust_search(std::int32_t* cur, std::int32_t* prev, std::int64_t*
   const std::int32_t margin =
       total_shift == 0 ? 40 : ((std::int32_t{1} << total_shift) + 39) >> total_shift;
   const std::int32_t r = decShift == 0 ? range : (range + step - 1) >> decShift;
-  const std::int32_t upper = ((fullLen - 2 - fx::wrap_shl32(range, preShift)) >> total_shift) - 1;
+  // 64-bit: the host sets the range unchecked, and the stage takes any fullLen up to 2000.
+  const std::int32_t upper = fx::saturate32(
+      ((std::int64_t{fullLen} - 2 - (std::int64_t{range} << preShift)) >> total_shift) - 1);
 
   lowpass_decimate(cur, len, step, cvector_current_down_working_memory);
   lowpass_decimate(prev, len, step, cvector_prev_down_working_memory);
@@ -108,7 +111,7 @@ std::int32_t exhaust_search(std::int32_t* cur, std::int32_t* prev, std::int64_t*
     ++decimated;
   }
 
-  if (r < -r - 1) {
+  if (r < fx::wrap_sub32(fx::wrap_neg32(r), 1)) {
     unreliable = 1;
     return 0;
   }
@@ -152,11 +155,11 @@ void exhaust_search_fine(std::int32_t* cur, std::int32_t* prev, std::int64_t* cu
                          std::int32_t preShift, std::int32_t outShift, std::int32_t halfSpan,
                          std::int32_t fullLen, std::int32_t coarse, std::int32_t& bestIndex,
                          std::int32_t** outVec, std::int32_t* outLen) {
-  if (halfSpan + 1 == 0) return;
+  if (halfSpan == -1) return;
   // 2^(halfSpan + 1) - 1 candidates must fit the ten candidate rows.
-  if (halfSpan < 0 || (std::int32_t{2} << halfSpan) - 1 > kCandidateSlots || len < 0 ||
-      len > kMaxWorkLen || preShift < 0 || preShift > 8 || outShift < 0 || outShift > 8 ||
-      coarse < -kMaxFullLen || coarse > kMaxFullLen) {
+  if (halfSpan < 0 || halfSpan > 8 || (std::int32_t{2} << halfSpan) - 1 > kCandidateSlots ||
+      len < 0 || len > kMaxWorkLen || preShift < 0 || preShift > 8 || outShift < 0 ||
+      outShift > 8 || coarse < -kMaxFullLen || coarse > kMaxFullLen) {
     return;
   }
   const std::int32_t candidates = (std::int32_t{2} << halfSpan) - 1;
@@ -165,7 +168,8 @@ void exhaust_search_fine(std::int32_t* cur, std::int32_t* prev, std::int64_t* cu
   // The bottom bound follows the coarse shift, not the candidate's, so all candidates share it.
   const std::int32_t lo = preShift == 0 ? 60 : ((std::int32_t{1} << preShift) + 59) >> preShift;
   const std::int32_t abs_coarse = coarse < 0 ? fx::wrap_neg32(coarse) : coarse;
-  const std::int32_t hi = (fullLen - 12 - fx::wrap_shl32(abs_coarse, preShift)) >> preShift;
+  const std::int32_t hi = fx::saturate32(
+      (std::int64_t{fullLen} - 12 - (std::int64_t{abs_coarse} << preShift)) >> preShift);
   const std::int32_t out_mask = (std::int32_t{1} << outShift) - 1;
 
   std::int32_t best_count = 0;

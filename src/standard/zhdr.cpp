@@ -78,7 +78,7 @@ void extract_ZHDR_INFO(std::int64_t* prevStats, std::int64_t* curStats, std::int
       // The driver keeps every window inside the 12 counters; other callers' extra rows are
       // unpacked without being counted.
       const std::int64_t w = static_cast<std::int64_t>(g) * cols + c;
-      if (w < kCountWindows) {
+      if (w >= 0 && w < kCountWindows) {  // negative with a negative group count
         // 32-bit: at most 6000 rows of 12-bit counts.
         sat_prev[w] += saturation(prevStats[at]);
         sat_cur[w] += saturation(curStats[at]);

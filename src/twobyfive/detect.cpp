@@ -21,11 +21,11 @@ constexpr std::int32_t kBandBufferSize = 12000;  // cvector_out_working_memory
 constexpr std::int32_t kDarkMean = 100;
 
 // Copies one column of a band from both grids into the line vectors.
-void copy_column(const std::int32_t* prev, const std::int32_t* cur, std::int32_t band_offset,
+void copy_column(const std::int32_t* prev, const std::int32_t* cur, std::int64_t band_offset,
                  std::int32_t rows, std::int32_t ncols, std::int32_t col, std::int32_t* out_prev,
                  std::int32_t* out_cur) {
   for (std::int32_t r = 0; r < rows; ++r) {
-    const std::int32_t at = band_offset + r * ncols + col;
+    const std::int64_t at = band_offset + r * ncols + col;
     out_cur[r] = cur[at];
     out_prev[r] = prev[at];
   }
@@ -44,12 +44,13 @@ void select_bands(const std::int32_t* prev, const std::int32_t* cur, std::int32_
                   std::int32_t n_win_w, std::int32_t band_rows, std::int32_t* out_prev,
                   std::int32_t* out_cur) {
   for (std::int32_t b = 0; b < n_win_h; ++b) {
-    const std::int32_t offset = b * band_rows * n_win_w;
+    // 64-bit: the exported selection takes any number of bands.
+    const std::int64_t offset = std::int64_t{b} * band_rows * n_win_w;
     transpose_band(cur + offset, band_rows, n_win_w, cvector_out_working_memory);
     const std::int32_t col =
         find_vector_2x5(cvector_out_working_memory, band_rows, n_win_w, 0, kDarkMean);
-    copy_column(prev, cur, offset, band_rows, n_win_w, col, out_prev + b * band_rows,
-                out_cur + b * band_rows);
+    copy_column(prev, cur, offset, band_rows, n_win_w, col, out_prev + std::int64_t{b} * band_rows,
+                out_cur + std::int64_t{b} * band_rows);
   }
 }
 
@@ -77,7 +78,7 @@ void vector_selection_2x5(const std::int32_t* prev, const std::int32_t* cur, std
   // every band is checked before anything is written.
   for (std::int32_t b = 0; n_win_w == 1 && b < n_win_h; ++b) {
     std::int64_t sum = 0;  // 64-bit: bandHeight values of 32 bits
-    for (std::int32_t r = 0; r < bandHeight; ++r) sum += cur[b * bandHeight + r];
+    for (std::int32_t r = 0; r < bandHeight; ++r) sum += cur[std::int64_t{b} * bandHeight + r];
     if (fx::low32(sum / bandHeight) <= 0) {
       LogRefusalFlk("vector_selection_2x5",
                     "band %d of a single column chooses column 1, past "
