@@ -176,13 +176,16 @@ void exhaust_search_fine(std::int32_t* cur, std::int32_t* prev, std::int64_t* cu
   // (a candidate only changes which of them meet).
   static std::int32_t cur_log[kMaxWorkLen];
   static std::int32_t prev_log[kMaxWorkLen];
-  static std::uint8_t cur_valid[kMaxWorkLen];
-  static std::uint8_t prev_valid[kMaxWorkLen];
+  static std::int32_t cur_valid[kMaxWorkLen];  // all ones where valid, else 0
+  static std::int32_t prev_valid[kMaxWorkLen];
+  std::uint32_t wide = 0;  // non-zero once a sample lies outside [-2^30, 2^30)
   for (std::int32_t i = 0; i < len; ++i) {
     cur_log[i] = flicker_compand(cur[i]);
     prev_log[i] = flicker_compand(prev[i]);
-    cur_valid[i] = valid(curMask, i) ? 1 : 0;
-    prev_valid[i] = valid(prevMask, i) ? 1 : 0;
+    cur_valid[i] = valid(curMask, i) ? -1 : 0;
+    prev_valid[i] = valid(prevMask, i) ? -1 : 0;
+    wide |= (static_cast<std::uint32_t>(cur[i]) + (1u << 30)) >> 31;
+    wide |= (static_cast<std::uint32_t>(prev[i]) + (1u << 30)) >> 31;
   }
   const std::int32_t from = lo < 0 ? 0 : lo;
 
@@ -204,16 +207,29 @@ void exhaust_search_fine(std::int32_t* cur, std::int32_t* prev, std::int64_t* cu
     }
     const std::int32_t* __restrict c = cur + cur_off;
     const std::int32_t* __restrict p = prev + prev_off;
-    const std::uint8_t* __restrict cv = cur_valid + cur_off;
-    const std::uint8_t* __restrict pv = prev_valid + prev_off;
+    const std::int32_t* __restrict cv = cur_valid + cur_off;
+    const std::int32_t* __restrict pv = prev_valid + prev_off;
     const std::int32_t to = hi < overlap ? hi : overlap;
     std::int32_t count = 0;
     std::int64_t cost = 0;  // 64-bit: up to 1000 differences of 32-bit values
-    for (std::int32_t j = from; j < to; ++j) {
-      const std::int32_t both = cv[j] & pv[j];
-      const std::int64_t d = std::int64_t{c[j]} - p[j];
-      cost += both != 0 ? (d < 0 ? -d : d) : 0;
-      count += both;
+    if (wide == 0) {
+      // Samples within +-2^30: each difference and its magnitude fit 32 bits, so the loop
+      // vectorises; only the sum needs 64.
+      std::uint64_t sum = 0;
+      for (std::int32_t j = from; j < to; ++j) {
+        const std::int32_t both = cv[j] & pv[j];
+        const std::int32_t d = c[j] - p[j];
+        sum += static_cast<std::uint32_t>((d < 0 ? -d : d) & both);
+        count -= both;
+      }
+      cost = static_cast<std::int64_t>(sum);
+    } else {
+      for (std::int32_t j = from; j < to; ++j) {
+        const std::int32_t both = cv[j] & pv[j];
+        const std::int64_t d = std::int64_t{c[j]} - p[j];
+        cost += both != 0 ? (d < 0 ? -d : d) : 0;
+        count -= both;
+      }
     }
     if (better(count, cost, best_count, best_cost)) {
       bestIndex = k;
