@@ -119,8 +119,9 @@ void Correlate(const W* work, std::int32_t n, Out* y, const std::int32_t* h, std
       // sums do not depend on their order, so the outputs are those of the loop below.
       static W acc[kFilterWorkSize];
       W* __restrict a = acc;
-      for (std::int32_t i = 0; i < n; ++i) a[i] = 0;
-      for (std::int32_t t = 0; t < taps; ++t) {
+      // The first tap initialises the sums (taps >= 1 here).
+      for (std::int32_t i = 0; i < n; ++i) a[i] = fx::wrap_mul32(h[0], work[i]);
+      for (std::int32_t t = 1; t < taps; ++t) {
         const W tap = h[t];
         const W* __restrict src = work + t * d;
         for (std::int32_t i = 0; i < n; ++i) a[i] = MulAdd(a[i], tap, src[i]);
@@ -168,8 +169,8 @@ bool CorrelateNarrow(const std::int64_t* work, std::int32_t len, std::int32_t n,
   std::int32_t* __restrict x = narrow;
   std::int32_t* __restrict a = acc;
   for (std::int32_t i = 0; i < len; ++i) x[i] = static_cast<std::int32_t>(work[i]);
-  for (std::int32_t i = 0; i < n; ++i) a[i] = 0;
-  for (std::int32_t t = 0; t < taps; ++t) {
+  for (std::int32_t i = 0; i < n; ++i) a[i] = fx::wrap_mul32(h[0], x[i]);
+  for (std::int32_t t = 1; t < taps; ++t) {
     const std::int32_t tap = h[t];
     const std::int32_t* __restrict src = x + t * d;
     for (std::int32_t i = 0; i < n; ++i) a[i] = MulAdd(a[i], tap, src[i]);
