@@ -107,6 +107,39 @@ void Extend(const In* x, std::int32_t n, W* work, const Layout& layout, Border b
   }
 }
 
+// a[i] (+)= tap x src[i] in wrapping 32-bit words. The filters' taps are mostly +-1 and powers
+// of two, and the baseline ISA has no 32-bit vector multiply: those taps add, subtract or shift
+// instead (the same words, wrapping included).
+template <bool kFirst, typename Scale>
+void AccumulateAs(std::int32_t* __restrict a, const std::int32_t* __restrict src, std::int32_t n,
+                  Scale scale) {
+  for (std::int32_t i = 0; i < n; ++i) {
+    a[i] = kFirst ? scale(src[i]) : fx::wrap_add32(a[i], scale(src[i]));
+  }
+}
+
+template <bool kFirst>
+void Accumulate(std::int32_t* __restrict a, const std::int32_t* __restrict src, std::int32_t n,
+                std::int32_t tap) {
+  if (tap == 1) return AccumulateAs<kFirst>(a, src, n, [](std::int32_t v) { return v; });
+  if (tap == -1) {
+    return AccumulateAs<kFirst>(a, src, n, [](std::int32_t v) { return fx::wrap_neg32(v); });
+  }
+  if (tap > 0 && (tap & (tap - 1)) == 0) {
+    const int k = fx::bit_count(static_cast<std::uint64_t>(tap)) - 1;
+    return AccumulateAs<kFirst>(a, src, n, [k](std::int32_t v) { return fx::wrap_shl32(v, k); });
+  }
+  AccumulateAs<kFirst>(a, src, n, [tap](std::int32_t v) { return fx::wrap_mul32(tap, v); });
+}
+
+// Wrapping sums a[i] = sum_t h[t] * x[i + t * d] over taps >= 1 taps; wrapping sums do not
+// depend on their order, so these are the words of a per-output loop.
+void Sums32(const std::int32_t* x, std::int32_t n, std::int32_t* a, const std::int32_t* h,
+            std::int32_t taps, std::int32_t d) {
+  Accumulate<true>(a, x, n, h[0]);
+  for (std::int32_t t = 1; t < taps; ++t) Accumulate<false>(a, x + t * d, n, h[t]);
+}
+
 // y[k] = round(sum_t h[t] * work[i + t * d], s) for i = k * step; a correlation (taps in table
 // order on increasing positions).
 template <typename W, typename Out>
@@ -119,13 +152,7 @@ void Correlate(const W* work, std::int32_t n, Out* y, const std::int32_t* h, std
       // sums do not depend on their order, so the outputs are those of the loop below.
       static W acc[kFilterWorkSize];
       W* __restrict a = acc;
-      // The first tap initialises the sums (taps >= 1 here).
-      for (std::int32_t i = 0; i < n; ++i) a[i] = fx::wrap_mul32(h[0], work[i]);
-      for (std::int32_t t = 1; t < taps; ++t) {
-        const W tap = h[t];
-        const W* __restrict src = work + t * d;
-        for (std::int32_t i = 0; i < n; ++i) a[i] = MulAdd(a[i], tap, src[i]);
-      }
+      Sums32(work, n, a, h, taps, d);
       if (s == 0) {
         for (std::int32_t i = 0; i < n; ++i) y[i] = static_cast<Out>(a[i]);
       } else {
@@ -169,12 +196,7 @@ bool CorrelateNarrow(const std::int64_t* work, std::int32_t len, std::int32_t n,
   std::int32_t* __restrict x = narrow;
   std::int32_t* __restrict a = acc;
   for (std::int32_t i = 0; i < len; ++i) x[i] = static_cast<std::int32_t>(work[i]);
-  for (std::int32_t i = 0; i < n; ++i) a[i] = fx::wrap_mul32(h[0], x[i]);
-  for (std::int32_t t = 1; t < taps; ++t) {
-    const std::int32_t tap = h[t];
-    const std::int32_t* __restrict src = x + t * d;
-    for (std::int32_t i = 0; i < n; ++i) a[i] = MulAdd(a[i], tap, src[i]);
-  }
+  Sums32(x, n, a, h, taps, d);
   if (s == 0) {
     for (std::int32_t i = 0; i < n; ++i) y[i] = a[i];
   } else {
