@@ -123,6 +123,40 @@ std::int32_t exhaust_search(std::int32_t* cur, std::int32_t* prev, std::int64_t*
   std::int32_t best_shift = 0;
   std::int32_t best_count = 0;
   std::int32_t best_cost = 0;
+  // Shifts read positions up to upper + r (past the decimated count they see whatever the
+  // scratch holds, as the per-pair test does). Within the scratch, the validity of each position
+  // is taken once as a 32-bit mask, and every shift's sums run branch-free in 32-bit lanes.
+  const std::int64_t reach = std::int64_t{upper} + r + 1;
+  if (upper > margin && r >= 0 && reach <= kMaxFullLen) {
+    static std::int32_t cur_valid[kMaxFullLen];
+    static std::int32_t prev_valid[kMaxFullLen];
+    for (std::int32_t i = 0; i < reach; ++i) {
+      cur_valid[i] = valid(cm, i) ? -1 : 0;
+      prev_valid[i] = valid(pm, i) ? -1 : 0;
+    }
+    for (std::int32_t s = -r - 1; s <= r; ++s) {
+      const std::int32_t cur_off = s < 0 ? 0 : s;
+      const std::int32_t prev_off = s < 0 ? -s : 0;
+      const std::int32_t* __restrict c = cd + cur_off;
+      const std::int32_t* __restrict p = pd + prev_off;
+      const std::int32_t* __restrict cv = cur_valid + cur_off;
+      const std::int32_t* __restrict pv = prev_valid + prev_off;
+      std::int32_t count = 0;
+      std::int32_t cost = 0;
+      for (std::int32_t j = margin + 1; j < upper; ++j) {
+        const std::int32_t both = cv[j] & pv[j];
+        count = fx::wrap_sub32(count, both);
+        cost = fx::wrap_add32(cost, fx::wrap_abs32(fx::wrap_sub32(c[j], p[j])) & both);
+      }
+      if (better(count, cost, best_count, best_cost)) {
+        best_shift = s;
+        best_count = count;
+        best_cost = cost;
+      }
+    }
+    unreliable = (best_cost == 0 || best_count == 0) ? 1 : 0;
+    return fx::wrap_shl32(best_shift, decShift);
+  }
   // One step further on the negative side than on the positive: -R - 1 .. R.
   for (std::int32_t s = -r - 1; s <= r; ++s) {
     std::int32_t count = 0;
