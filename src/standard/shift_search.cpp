@@ -123,6 +123,40 @@ std::int32_t exhaust_search(std::int32_t* cur, std::int32_t* prev, std::int64_t*
   std::int32_t best_shift = 0;
   std::int32_t best_count = 0;
   std::int32_t best_cost = 0;
+  // Shifts read positions up to upper + r (past the decimated count they see whatever the
+  // scratch holds, as the per-pair test does). Within the scratch, the validity of each position
+  // is taken once as a 32-bit mask, and every shift's sums run branch-free in 32-bit lanes.
+  const std::int64_t reach = std::int64_t{upper} + r + 1;
+  if (upper > margin && r >= 0 && reach <= kMaxFullLen) {
+    static std::int32_t cur_valid[kMaxFullLen];
+    static std::int32_t prev_valid[kMaxFullLen];
+    for (std::int32_t i = 0; i < reach; ++i) {
+      cur_valid[i] = valid(cm, i) ? -1 : 0;
+      prev_valid[i] = valid(pm, i) ? -1 : 0;
+    }
+    for (std::int32_t s = -r - 1; s <= r; ++s) {
+      const std::int32_t cur_off = s < 0 ? 0 : s;
+      const std::int32_t prev_off = s < 0 ? -s : 0;
+      const std::int32_t* __restrict c = cd + cur_off;
+      const std::int32_t* __restrict p = pd + prev_off;
+      const std::int32_t* __restrict cv = cur_valid + cur_off;
+      const std::int32_t* __restrict pv = prev_valid + prev_off;
+      std::int32_t count = 0;
+      std::int32_t cost = 0;
+      for (std::int32_t j = margin + 1; j < upper; ++j) {
+        const std::int32_t both = cv[j] & pv[j];
+        count = fx::wrap_sub32(count, both);
+        cost = fx::wrap_add32(cost, fx::wrap_abs32(fx::wrap_sub32(c[j], p[j])) & both);
+      }
+      if (better(count, cost, best_count, best_cost)) {
+        best_shift = s;
+        best_count = count;
+        best_cost = cost;
+      }
+    }
+    unreliable = (best_cost == 0 || best_count == 0) ? 1 : 0;
+    return fx::wrap_shl32(best_shift, decShift);
+  }
   // One step further on the negative side than on the positive: -R - 1 .. R.
   for (std::int32_t s = -r - 1; s <= r; ++s) {
     std::int32_t count = 0;
@@ -172,6 +206,23 @@ void exhaust_search_fine(std::int32_t* cur, std::int32_t* prev, std::int64_t* cu
       (std::int64_t{fullLen} - 12 - (std::int64_t{abs_coarse} << preShift)) >> preShift);
   const std::int32_t out_mask = (std::int32_t{1} << outShift) - 1;
 
+  // Candidate-independent work once per call: the companded samples and the masks' validity
+  // (a candidate only changes which of them meet).
+  static std::int32_t cur_log[kMaxWorkLen];
+  static std::int32_t prev_log[kMaxWorkLen];
+  static std::int32_t cur_valid[kMaxWorkLen];  // all ones where valid, else 0
+  static std::int32_t prev_valid[kMaxWorkLen];
+  std::uint32_t wide = 0;  // non-zero once a sample lies outside [-2^30, 2^30)
+  for (std::int32_t i = 0; i < len; ++i) {
+    cur_log[i] = flicker_compand(cur[i]);
+    prev_log[i] = flicker_compand(prev[i]);
+    cur_valid[i] = valid(curMask, i) ? -1 : 0;
+    prev_valid[i] = valid(prevMask, i) ? -1 : 0;
+    wide |= (static_cast<std::uint32_t>(cur[i]) + (1u << 30)) >> 31;
+    wide |= (static_cast<std::uint32_t>(prev[i]) + (1u << 30)) >> 31;
+  }
+  const std::int32_t from = lo < 0 ? 0 : lo;
+
   std::int32_t best_count = 0;
   std::int64_t best_cost = 0;
   for (std::int32_t k = 0; k < candidates; ++k) {
@@ -180,20 +231,38 @@ void exhaust_search_fine(std::int32_t* cur, std::int32_t* prev, std::int64_t* cu
     outLen[k] = outShift == 0 ? overlap : (overlap + out_mask) >> outShift;
     outVec[k] = cvector_out_test_working_memory + k * kMaxWorkLen;
     std::int32_t* out = outVec[k];
-    const std::int32_t* c = s >= 0 ? cur + s : cur;
-    const std::int32_t* p = s >= 0 ? prev : prev - s;
-    const std::int64_t* cm = s >= 0 ? curMask + s : curMask;
-    const std::int64_t* pm = s >= 0 ? prevMask : prevMask - s;
+    const std::int32_t cur_off = s >= 0 ? s : 0;
+    const std::int32_t prev_off = s >= 0 ? 0 : -s;
+    const std::int32_t step = out_mask + 1;
+    std::int32_t written = 0;
+    // Log ratio on clamped samples; the cost below sees the raw, unclamped ones.
+    for (std::int32_t j = 0; j < overlap; j += step) {
+      out[written++] = cur_log[j + cur_off] - prev_log[j + prev_off];
+    }
+    const std::int32_t* __restrict c = cur + cur_off;
+    const std::int32_t* __restrict p = prev + prev_off;
+    const std::int32_t* __restrict cv = cur_valid + cur_off;
+    const std::int32_t* __restrict pv = prev_valid + prev_off;
+    const std::int32_t to = hi < overlap ? hi : overlap;
     std::int32_t count = 0;
     std::int64_t cost = 0;  // 64-bit: up to 1000 differences of 32-bit values
-    std::int32_t written = 0;
-    for (std::int32_t j = 0; j < overlap; ++j) {
-      // Log ratio on clamped samples; the cost below sees the raw, unclamped ones.
-      if ((j & out_mask) == 0) out[written++] = flicker_compand(c[j]) - flicker_compand(p[j]);
-      if (j >= lo && j < hi && valid(cm, j) && valid(pm, j)) {
+    if (wide == 0) {
+      // Samples within +-2^30: each difference and its magnitude fit 32 bits, so the loop
+      // vectorises; only the sum needs 64.
+      std::uint64_t sum = 0;
+      for (std::int32_t j = from; j < to; ++j) {
+        const std::int32_t both = cv[j] & pv[j];
+        const std::int32_t d = c[j] - p[j];
+        sum += static_cast<std::uint32_t>((d < 0 ? -d : d) & both);
+        count -= both;
+      }
+      cost = static_cast<std::int64_t>(sum);
+    } else {
+      for (std::int32_t j = from; j < to; ++j) {
+        const std::int32_t both = cv[j] & pv[j];
         const std::int64_t d = std::int64_t{c[j]} - p[j];
-        cost += d < 0 ? -d : d;
-        ++count;
+        cost += both != 0 ? (d < 0 ? -d : d) : 0;
+        count -= both;
       }
     }
     if (better(count, cost, best_count, best_cost)) {
