@@ -30,14 +30,17 @@ TEST_F(LibraryTest, NoStateYetReportsZero) {
   EXPECT_EQ(test_next_frame(kWorked, 9, 1, 14), 0);
 }
 
-TEST_F(SequentialTest, FirstPushLandsAtOneAndTheRingSaturatesAt150) {
-  test_next_frame_2x5(nullptr, 9, 0, 14, 5);
+TEST_F(SequentialTest, TheRingSaturatesAt150AndTheSumWalksBackAcrossItsStart) {
+  test_next_frame_2x5(nullptr, 9, 1, 3, 0);
   EXPECT_EQ(g_queueHead, 1);
   EXPECT_EQ(g_queueCount, 1);
-  for (int i = 2; i <= 150; ++i) test_next_frame_2x5(nullptr, 9, 0, 14, 5);
+  for (int i = 2; i <= 148; ++i) test_next_frame_2x5(nullptr, 9, 1, 3, 0);
+  test_next_frame_2x5(nullptr, 9, 1, 3, 3000);  // slot 149, the ring's last
+  test_next_frame_2x5(nullptr, 9, 1, 3, 0);     // slot 0
   EXPECT_EQ(g_queueHead, 0);
   EXPECT_EQ(g_queueCount, 150);
-  test_next_frame_2x5(nullptr, 9, 0, 14, 5);
+  // Slot 1: the newest three are slots 1, 0 and 149, and 3000 / 256 rounds to 12 > T = 8.
+  EXPECT_EQ(test_next_frame_2x5(nullptr, 9, 1, 3, 0), 3);
   EXPECT_EQ(g_queueHead, 1);
   EXPECT_EQ(g_queueCount, 150);
 }

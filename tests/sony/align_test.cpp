@@ -52,7 +52,8 @@ TEST(SonyShift, InterpolatesTruncatesAndRepeatsTheEdge) {
       {ramp, 1, 0, {0, 0, 0, 0, 12}},   // every division by 0 gives 0; the edge is a copy
       {ramp, 2, -1, ramp},              // den -1: q = -2, no remainder, nothing read outside
       {ramp, 41, 4, {12, 12, 12, 12, 12}},  // the whole vector or more only repeats the edge
-      {ramp, -19, 4, {0, 0, 0, 0, 0}}};
+      {ramp, -19, 4, {0, 0, 0, 0, 0}},
+      {{7}, 3, 4, {7}}};  // a single sample is its own edge
   for (const Case& c : cases) {
     Vec in = c.in, out(in.size(), 12345);
     subpixel_shift_vec_SONY(in.data(), out.data(), static_cast<std::int32_t>(in.size()), c.shift,
