@@ -239,30 +239,34 @@ void exhaust_search_fine(std::int32_t* cur, std::int32_t* prev, std::int64_t* cu
     for (std::int32_t j = 0; j < overlap; j += step) {
       out[written++] = cur_log[j + cur_off] - prev_log[j + prev_off];
     }
-    const std::int32_t* __restrict c = cur + cur_off;
-    const std::int32_t* __restrict p = prev + prev_off;
-    const std::int32_t* __restrict cv = cur_valid + cur_off;
-    const std::int32_t* __restrict pv = prev_valid + prev_off;
     const std::int32_t to = hi < overlap ? hi : overlap;
     std::int32_t count = 0;
     std::int64_t cost = 0;  // 64-bit: up to 1000 differences of 32-bit values
-    if (wide == 0) {
-      // Samples within +-2^30: each difference and its magnitude fit 32 bits, so the loop
-      // vectorises; only the sum needs 64.
-      std::uint64_t sum = 0;
-      for (std::int32_t j = from; j < to; ++j) {
-        const std::int32_t both = cv[j] & pv[j];
-        const std::int32_t d = c[j] - p[j];
-        sum += static_cast<std::uint32_t>((d < 0 ? -d : d) & both);
-        count -= both;
-      }
-      cost = static_cast<std::int64_t>(sum);
-    } else {
-      for (std::int32_t j = from; j < to; ++j) {
-        const std::int32_t both = cv[j] & pv[j];
-        const std::int64_t d = std::int64_t{c[j]} - p[j];
-        cost += both != 0 ? (d < 0 ? -d : d) : 0;
-        count -= both;
+    // Only a cost window that holds samples forms pointers into them (an empty window may come
+    // with no arrays at all).
+    if (from < to) {
+      const std::int32_t* __restrict c = cur + cur_off;
+      const std::int32_t* __restrict p = prev + prev_off;
+      const std::int32_t* __restrict cv = cur_valid + cur_off;
+      const std::int32_t* __restrict pv = prev_valid + prev_off;
+      if (wide == 0) {
+        // Samples within +-2^30: each difference and its magnitude fit 32 bits, so the loop
+        // vectorises; only the sum needs 64.
+        std::uint64_t sum = 0;
+        for (std::int32_t j = from; j < to; ++j) {
+          const std::int32_t both = cv[j] & pv[j];
+          const std::int32_t d = c[j] - p[j];
+          sum += static_cast<std::uint32_t>((d < 0 ? -d : d) & both);
+          count -= both;
+        }
+        cost = static_cast<std::int64_t>(sum);
+      } else {
+        for (std::int32_t j = from; j < to; ++j) {
+          const std::int32_t both = cv[j] & pv[j];
+          const std::int64_t d = std::int64_t{c[j]} - p[j];
+          cost += both != 0 ? (d < 0 ? -d : d) : 0;
+          count -= both;
+        }
       }
     }
     if (better(count, cost, best_count, best_cost)) {

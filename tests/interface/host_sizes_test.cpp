@@ -99,6 +99,16 @@ INSTANTIATE_TEST_SUITE_P(
         HostSizeCase{"CoarseSearchEmptyWindow", [] { return CoarseSearch(0, 32, 0); }, 1},
         HostSizeCase{"FineSearchHugeHalfSpan", [] { return FineSearch(INT_MAX, 128, 0); }, 7},
         HostSizeCase{"FineSearchLowestFullLength", [] { return FineSearch(1, INT_MIN, 0); }, 7},
+        // No samples and no arrays: the candidates shifted by 1..3 form no pointer into them.
+        HostSizeCase{"FineSearchEmptyWindowWithoutArrays",
+                     [] {
+                       std::int32_t best = 7;
+                       exhaust_search_fine(nullptr, nullptr, nullptr, nullptr, 0, 0, 1, 1, 1, 128,
+                                           2, best, cvector_out_test_ptr_array,
+                                           cvector_out_test_length_working_memory);
+                       return best;
+                     },
+                     7},
         // The rounding term of a 64-bit energy within 2^(k-1) of the top wraps, as the energies
         // themselves do: (2^63 - 6 + 8) wraps to -2^63 + 2, and >> 4 is -2^59.
         HostSizeCase{"RoundingShiftNearTheTopWraps",
