@@ -81,7 +81,8 @@ void flickerDespikeAdaptive_2x5(std::int32_t* input, std::int32_t* output, std::
   if (levels == 1) {
     // Clip strong first differences instead of deleting them.
     for (std::int32_t i = 0; i < n; ++i) {
-      if (fx::wrap_abs32(h1[i]) >= threshold) h1[i] = h1[i] > 0 ? threshold : -threshold;
+      if (fx::wrap_abs32(h1[i]) >= threshold)
+        h1[i] = h1[i] > 0 ? threshold : fx::wrap_neg32(threshold);
     }
     analysis32(l1, n, l1r, flicker_filter_s, 2, 2, 1, 0);
     convolve_synthesis(h1, n, h2r, flicker_filter_q, 4, 3, 1, 0);

@@ -4,6 +4,7 @@
 // the answer the library always gave. Found by the fuzz targets in fuzz/.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <climits>
 #include <cstdint>
 #include <functional>
@@ -13,6 +14,7 @@
 #include "fixed_point.h"
 #include "standard/standard.h"
 #include "support.h"
+#include "twobyfive/twobyfive.h"
 
 namespace {
 
@@ -109,6 +111,16 @@ INSTANTIATE_TEST_SUITE_P(
                        return best;
                      },
                      7},
+        // The lowest threshold clips every first difference to -2^31 (its negation wraps); the
+        // eight odd synthesis taps of a constant -2^31 sum to 0 in 32 bits: the middle stays 77.
+        HostSizeCase{"TwoByFiveDespikeLowestThreshold",
+                     [] {
+                       std::int32_t in[40], out[40];
+                       std::fill(in, in + 40, 77);
+                       flickerDespikeAdaptive_2x5(in, out, 40, 1, INT_MIN);
+                       return out[20];
+                     },
+                     77},
         // The rounding term of a 64-bit energy within 2^(k-1) of the top wraps, as the energies
         // themselves do: (2^63 - 6 + 8) wraps to -2^63 + 2, and >> 4 is -2^59.
         HostSizeCase{"RoundingShiftNearTheTopWraps",
