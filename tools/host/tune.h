@@ -79,6 +79,9 @@ struct TuneOptions {
   // Where each threshold sits between the lowest within the budget (0) and the highest that
   // detects as many training runs within 5 and within 10 frames (1).
   double threshold_margin = 0.0;
+  // Score units added to each threshold after that: the lowest threshold within the budget sits
+  // right at the training runs' worst calm frames, and unseen scenes have worse ones.
+  std::int32_t threshold_headroom = 0;
 };
 
 struct TuneReport {
@@ -94,6 +97,28 @@ FlkExtPara Tune(const std::vector<LabelledFrame>& frames, const FlkExtPara& base
 
 // The report as a few readable lines.
 void PrintTuneReport(const TuneReport& report, std::ostream& out);
+
+// The frequency sets a tuning search tries: the base's own first, then sets that keep 100 Hz and
+// 120 Hz at indices 3 and 4 (the scored features) and move the seven comparison frequencies
+// further from them. A band that leaks into its neighbouring candidates (zHDR's every-other-row
+// sampling does so strongly: 130 Hz carries 70 % of a 120 Hz band) raises the mean it is measured
+// against, and its z stays small however strong the band.
+std::vector<std::array<std::int32_t, 9>> FrequencySets(const FlkExtPara& base);
+
+struct FrequencyTrial {
+  std::array<std::int32_t, 9> freq{};
+  FlkExtPara tuning{};
+  TuneReport report;
+  std::int64_t frames = 0;
+};
+
+// Labels the matrix's runs with each frequency set in turn, fits a tuning to each and returns the
+// index of the trial whose held-out runs switch within 10 frames most often (as a share), among
+// those whose held-out false switches are no more than the compiled-in tuning's (the first trial's
+// defaults, so the base should carry the compiled-in frequencies); the first trial on a tie.
+std::size_t TuneFrequencies(const EvalMatrix& matrix, const FlkExtPara& base,
+                            const TuneOptions& options, std::vector<FrequencyTrial>* trials,
+                            const EvalProgress& progress = {});
 
 // Labelled frames from the simulator. A training run: one scene, one state under test, a fixed
 // exposure (the host's: it keeps that state's exposure while no switch is confirmed).

@@ -22,6 +22,9 @@ struct TuneCommandOptions {
   std::optional<std::int32_t> type;
   double budget = TuneOptions{}.false_switch_budget;
   double margin = TuneOptions{}.threshold_margin;
+  std::int32_t headroom = TuneOptions{}.threshold_headroom;
+  bool search_frequencies = false;
+  bool zhdr_only = false;
   FlkExtPara base = FlkDefaultExtPara();
 };
 
@@ -37,6 +40,7 @@ int RunTune(const TuneCommandOptions& o, CliIo& io) {
   std::vector<EvalCell> cells;
   for (EvalCell& c : matrix.cells) {
     if (o.type && c.sensor.type != *o.type) continue;
+    if (o.zhdr_only && !c.sensor.zhdr) continue;
     if (o.seeds) {
       const auto n = static_cast<std::size_t>(*o.seeds);
       for (std::uint32_t s = 1; c.seeds.size() < n; ++s) c.seeds.push_back(c.seeds.back() + s);
@@ -45,7 +49,10 @@ int RunTune(const TuneCommandOptions& o, CliIo& io) {
     for (std::uint32_t& s : c.seeds) s += static_cast<std::uint32_t>(o.seed_offset);
     cells.push_back(std::move(c));
   }
-  if (cells.empty()) throw UsageError("--type: no cell of the matrix is of that family");
+  if (cells.empty()) throw UsageError("--type, --zhdr: no cell of the matrix is of that family");
+  // A zHDR fit is a tuning for zHDR statistics.
+  FlkExtPara base = o.base;
+  if (o.zhdr_only) base.is_zhdr = 1;
   matrix.cells = std::move(cells);
 
   bool drawn = false;
@@ -56,23 +63,45 @@ int RunTune(const TuneCommandOptions& o, CliIo& io) {
            << "/" << total << " runs" << std::flush;
     drawn = true;
   };
-  std::vector<LabelledFrame> frames;
-  Evaluate(matrix, &o.base, bar, &frames);
-  if (drawn) io.err << "\r\033[K" << std::flush;
-
   TuneOptions options;
   options.false_switch_budget = o.budget;
   options.threshold_margin = o.margin;
-  TuneReport report;
-  const FlkExtPara tuning = Tune(frames, o.base, options, &report);
-
+  options.threshold_headroom = o.headroom;
+  std::vector<FrequencyTrial> trials;
+  std::size_t chosen = 0;
+  if (o.search_frequencies) {
+    chosen = TuneFrequencies(matrix, base, options, &trials, bar);
+  } else {
+    std::vector<LabelledFrame> frames;
+    Evaluate(matrix, &base, bar, &frames);
+    FrequencyTrial& trial = trials.emplace_back();
+    trial.frames = static_cast<std::int64_t>(frames.size());
+    trial.tuning = Tune(frames, base, options, &trial.report);
+  }
+  if (drawn) io.err << "\r\033[K" << std::flush;
+  const FrequencyTrial& best = trials[chosen];
   OutputSink sink(o.output, io.out);
-  sink.Write(FormatExtPara(tuning));
+  sink.Write(FormatExtPara(best.tuning));
   sink.Commit();
   // The report goes where the tuning does not.
   std::ostream& text = sink.is_standard_output() ? io.err : io.out;
-  text << "kestrel-flicker tune: " << matrix.cells.size() << " cells, " << frames.size()
+  text << "kestrel-flicker tune: " << matrix.cells.size() << " cells, " << best.frames
        << " labelled frames, budget " << o.budget << " false switches a frame\n";
+  if (o.search_frequencies) {
+    for (std::size_t i = 0; i < trials.size(); ++i) {
+      const TuneReport& r = trials[i].report;
+      text << (i == chosen ? "* " : "  ") << "frequencies";
+      for (std::int32_t f : trials[i].freq) text << " " << f;
+      text << ": held out " << r.held_out[0].within10 + r.held_out[1].within10 << "/"
+           << r.held_out[0].positive_runs + r.held_out[1].positive_runs
+           << " runs within 10 frames, "
+           << r.held_out[0].false_switches + r.held_out[1].false_switches << " false switches\n";
+    }
+  }
+  // The compiled-in tuning's figures come from the frames of its own frequencies.
+  TuneReport report = best.report;
+  for (std::int32_t state = 0; state < 2; ++state)
+    report.held_out_defaults[state] = trials[0].report.held_out_defaults[state];
   PrintTuneReport(report, text);
   return 0;
 }
@@ -96,6 +125,12 @@ void RegisterTune(Cli& cli) {
             "false switches allowed per training frame under steady light or the own mains");
   AddNumber(app, "--margin", o->margin, 0.0, 1.0,
             "threshold from the lowest within budget (0) toward the highest as fast (1)");
+  AddInt(app, "--headroom", o->headroom, 0, 1000,
+         "score units added to each threshold, a margin for scenes unlike the training runs");
+  app->add_flag("--zhdr", o->zhdr_only, "fit the zHDR cells only, a tuning for zHDR statistics");
+  app->add_flag("--search-frequencies", o->search_frequencies,
+                "also try wider sets of comparison frequencies; keep the one whose held-out runs "
+                "switch soonest without more false switches than the compiled-in tuning");
   AddExtParaOption(app, o->base);
 }
 
