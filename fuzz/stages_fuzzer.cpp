@@ -7,6 +7,8 @@
 //   shift search  find_peaks, exhaust_search, exhaust_search_fine (len <= 1000, fullLen about
 //                 len << preShift, masks one entry a sample, as the alignment passes them)
 //   filter bank   the five convolution kernels (any taps, lengths, dilations and shifts)
+//   alignment     align_flicker, align_flicker_SONY_subpixel, align_flicker_subpixel_2x5 on
+//                 frames of totalLength samples split into any windows
 // Lengths outside a contract are still tried where the stage promises to refuse them (n < 1,
 // n > 2000, a count past the tables).
 #include <fuzzer/FuzzedDataProvider.h>
@@ -202,6 +204,52 @@ void FilterBank(FuzzedDataProvider& in, int which) {
   }
 }
 
+// The tables of one family's INIT (the standard ones serve every stage but the sub-pixel
+// alignments, whose log table has its own family's size), rebuilt only when the family changes.
+void TablesOf(std::int32_t type) {
+  static std::int32_t built = FLK_SENSOR_STANDARD;  // LLVMFuzzerInitialize's INIT
+  if (built == type) return;
+  FlkInitPara para{type, 2000, type == FLK_SENSOR_STANDARD ? 1000 : 2000,
+                   64,   24e6, type == FLK_SENSOR_2X5 ? 4 : 0,
+                   0};
+  SendCmdFlk(CMD_INIT, &para, nullptr);
+  built = type;
+}
+
+// The alignment stages read totalLength samples of each frame; a frame past what a stage
+// accepts gets a one-sample array, and must be refused without being read.
+void Alignment(FuzzedDataProvider& in, int which) {
+  const std::int32_t windows = in.ConsumeBool() ? in.ConsumeIntegralInRange<std::int32_t>(-1, 12)
+                                                : in.ConsumeIntegral<std::int32_t>();
+  const std::int32_t length = in.ConsumeBool() ? in.ConsumeIntegralInRange<std::int32_t>(-2, 2100)
+                                               : in.ConsumeIntegral<std::int32_t>();
+  const std::int32_t total = in.ConsumeBool() ? in.ConsumeIntegralInRange<std::int32_t>(0, 2100)
+                                              : in.ConsumeIntegral<std::int32_t>();
+  const std::size_t size = total >= 0 && total <= 20000 ? static_cast<std::size_t>(total) : 1;
+  // Statistics of a plausible level with fuzzed detail, or raw values.
+  const bool raw = in.ConsumeBool();
+  std::vector<std::int32_t> cur = Samples<std::int32_t>(in, size);
+  std::vector<std::int32_t> prev = Samples<std::int32_t>(in, size);
+  if (!raw) {
+    for (std::size_t i = 0; i < size; ++i) {
+      cur[i] = 4000 + (cur[i] & 1023);
+      prev[i] = 4000 + (prev[i] & 1023);
+    }
+  }
+  std::int32_t freq_out[9] = {};
+  std::int32_t ae = 0, flag = 0;
+  TablesOf(which);  // FLK_SENSOR_STANDARD, FLK_SENSOR_SONY, FLK_SENSOR_2X5
+  if (which == 0) {
+    align_flicker(cur.data(), prev.data(), windows, length, total, freq_out, ae, flag);
+  } else if (which == 1) {
+    align_flicker_SONY_subpixel(cur.data(), prev.data(), windows, length, 0, total, freq_out, ae,
+                                flag);
+  } else {
+    align_flicker_subpixel_2x5(cur.data(), prev.data(), windows, length, 0, total, freq_out, ae,
+                               flag);
+  }
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
@@ -215,15 +263,18 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   FuzzedDataProvider in(data, size);
-  const int stage = in.ConsumeIntegralInRange<int>(0, 17);
+  const int stage = in.ConsumeIntegralInRange<int>(0, 20);
+  if (stage < 18) TablesOf(FLK_SENSOR_STANDARD);
   if (stage < 3) {
     Despike(in, stage);
   } else if (stage < 10) {
     Frequency(in, stage - 3);
   } else if (stage < 13) {
     ShiftSearch(in, stage - 10);
-  } else {
+  } else if (stage < 18) {
     FilterBank(in, stage - 13);
+  } else {
+    Alignment(in, stage - 18);
   }
   return 0;
 }

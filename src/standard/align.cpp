@@ -37,8 +37,10 @@ namespace {
 
 constexpr std::int32_t kFullWindowSize = 2000;  // cvector_*_full_working_memory
 constexpr std::int32_t kPackedSize = 2000;      // the despiked vectors
-constexpr std::int32_t kNotAligned = -100;      // winOffset of a window taken unaligned
-constexpr std::int32_t kFineCandidates = 7;     // fine search: coarse - 3 .. coarse + 3
+// The exposure check reads the whole frame: at most every window at its longest.
+constexpr std::int32_t kMaxFrameSamples = kMaxWindows * kFullWindowSize;
+constexpr std::int32_t kNotAligned = -100;   // winOffset of a window taken unaligned
+constexpr std::int32_t kFineCandidates = 7;  // fine search: coarse - 3 .. coarse + 3
 constexpr std::int32_t kFineHalfSpan = 2;
 constexpr std::int32_t kPreShift = 1;        // working vectors are at half resolution
 constexpr std::int32_t kCoarseDecShift = 2;  // the coarse search decimates by 4 more
@@ -54,8 +56,9 @@ std::int32_t window_samples(std::int32_t w, std::int32_t windowLength, std::int3
 // Log-ratio samples of a window of lw samples: ceil(m / 2) with m = ceil(lw / 2).
 std::int32_t ratio_samples(std::int32_t lw) {
   if (lw < 1) return 0;
-  const std::int32_t m = (lw + 1) >> 1;
-  return (m + 1) >> 1;
+  // 64-bit: a direct caller's window may be as long as int32 allows.
+  const std::int64_t m = (std::int64_t{lw} + 1) >> 1;
+  return static_cast<std::int32_t>((m + 1) >> 1);
 }
 
 // The 5-tap smoothing (1 4 6 4 1) at every second sample, x mirrored as x[1], x[0] | x | x[n-1],
@@ -124,7 +127,7 @@ void align_flicker(std::int32_t* curStats, std::int32_t* prevStats, std::int32_t
   alignFlag = 1;
 
   // The driver only passes geometry that fits; other callers are held to the same bounds.
-  std::int32_t packed_bound = 0;
+  std::int64_t packed_bound = 0;  // 64-bit: up to 11 windows of any length
   for (std::int32_t w = 0; w < numWindows && w <= kMaxWindows; ++w) {
     packed_bound += ratio_samples(window_samples(w, windowLength, totalLength));
   }
@@ -134,10 +137,12 @@ void align_flicker(std::int32_t* curStats, std::int32_t* prevStats, std::int32_t
     return;
   }
   if (numWindows > kMaxWindows || windowLength > kFullWindowSize || packed_bound > kPackedSize ||
-      packed_bound > g_flkTabW) {
+      packed_bound > g_flkTabW || totalLength > kMaxFrameSamples) {
     LogRefusalFlk("align_flicker",
-                  "%d windows of %d samples (at most %d of %d, %d log-ratio samples, table row %d)",
-                  numWindows, windowLength, kMaxWindows, kFullWindowSize, kPackedSize, g_flkTabW);
+                  "%d windows of %d samples in %d (at most %d of %d, %d log-ratio samples, table "
+                  "row %d, %d samples a frame)",
+                  numWindows, windowLength, totalLength, kMaxWindows, kFullWindowSize, kPackedSize,
+                  g_flkTabW, kMaxFrameSamples);
     aeStable = 0;
     return;
   }

@@ -42,6 +42,9 @@ bool geometry_fits(std::int32_t windows, std::int32_t window_length, std::int32_
   if (windows < 0 || windows > kMaxWindows || window_length < 0 || total < 0) return false;
   if (total > kDespikeSize || total > g_flkTabW) return false;
   if (windows == 0) return true;
+  // Every window after the first starts its segment kOverlap samples before its base: shorter
+  // windows would start it before the frame.
+  if (windows > 1 && window_length < kOverlap) return false;
   const std::int64_t last_length = total - std::int64_t{windows - 1} * window_length;
   if (last_length < 0) return false;
   // Segment lengths: window 0 borrows 2 on the right, middle windows 2 on each side, the last 2 on
@@ -133,8 +136,8 @@ void align_flicker_subpixel_2x5(std::int32_t* curStats, std::int32_t* prevStats,
   for (std::int32_t k = 0; k < 9; ++k) freq_out[k] = 0;
   if (!geometry_fits(numWindows, windowLength, totalLength)) {
     LogRefusalFlk("align_flicker_subpixel_2x5",
-                  "%d windows of %d rows in a frame of %d rows (limits 10 windows, 2000 rows, "
-                  "2000-sample segments, table width %d, tables built)",
+                  "%d windows of %d rows in a frame of %d rows (limits 10 windows, 2 rows a window "
+                  "when several, 2000 rows, 2000-sample segments, table width %d, tables built)",
                   numWindows, windowLength, totalLength, g_flkTabW);
     aeStable = 0;
     return;

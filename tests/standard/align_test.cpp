@@ -3,6 +3,9 @@
 // the strict spread tolerance.
 #include <gtest/gtest.h>
 
+#include <climits>
+#include <tuple>
+
 #include <cstdint>
 #include <string>
 #include <utility>
@@ -142,12 +145,21 @@ TEST_F(AlignTest, PerfectMatchIsFlat) {
   EXPECT_EQ(Align(same, same, 1, 400), Lines{"window 1 is flat\n"});
 }
 
-TEST_F(AlignTest, RefusesMoreWindowsThanItRecords) {
-  EXPECT_EQ(Align(V(1100, 1000000), V(1100, 1000000), 11, 100),
-            Lines{"[align_flicker] refused: 11 windows of 100 samples (at most 10 of 2000, 2000 "
-                  "log-ratio samples, table row 500)"});
-  EXPECT_EQ(Flags(), std::pair(0, 1));
-  EXPECT_EQ(freq_out_, V(9, 0));
+// More windows than recorded, a window so long that its samples' sum passes 32 bits, a frame
+// longer than every window at its longest.
+TEST_F(AlignTest, RefusesGeometryPastItsRecords) {
+  const std::tuple<std::int32_t, std::int32_t, std::size_t, const char*> cases[] = {
+      {11, 100, 1100, "11 windows of 100 samples in 1100"},
+      {3, INT32_MAX, 1100, "3 windows of 2147483647 samples in 1100"},
+      {1, 100, 20001, "1 windows of 100 samples in 20001"}};
+  for (const auto& [windows, length, total, what] : cases) {
+    EXPECT_EQ(Align(V(total, 1000000), V(total, 1000000), windows, length),
+              Lines{std::string("[align_flicker] refused: ") + what +
+                    " (at most 10 of 2000, 2000 log-ratio samples, table row 500, 20000 samples a "
+                    "frame)"});
+    EXPECT_EQ(Flags(), std::pair(0, 1));
+    EXPECT_EQ(freq_out_, V(9, 0));
+  }
 }
 
 }  // namespace

@@ -125,6 +125,48 @@ TEST_F(ZhdrSelectionTest, CountAtThresholdDisqualifiesAndSelection3IsColumn1OddR
   EXPECT_EQ((V{out_cur[0], out_cur[15], out_prev[15]}), (V{1001, 1031, 5031}));
 }
 
+// Every one of the eight counts disqualifies at exactly t: counter X at 10 in both columns of its
+// exposure, the same counter of the other exposure at 10 in column 0, so the other exposure's
+// column 1 is the only candidate left. Column 0 is the brightest: had a count of t passed, the
+// sequences would have chosen it.
+struct CountAtThreshold {
+  const char* name;
+  std::int32_t* x;
+  std::int32_t* y;
+  const char* trace;
+};
+
+class ZhdrCountTest : public ZhdrTest, public testing::WithParamInterface<CountAtThreshold> {};
+
+TEST_P(ZhdrCountTest, CountOfExactlyTDisqualifies) {
+  const CountAtThreshold& c = GetParam();
+  c.x[0] = c.x[1] = 10;
+  c.y[0] = 10;
+  W cur = Ramp();
+  for (int r = 0; r < 16; ++r) cur[r * 2] = 900000;
+  EXPECT_EQ(Select(cur, 1), c.trace);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    EachCount, ZhdrCountTest,
+    testing::Values(CountAtThreshold{"LeSatPrev", ZHDR_LE_SAT_PREV, ZHDR_SE_SAT_PREV,
+                                     "zHDR_vector_selection: 3 \n"},
+                    CountAtThreshold{"LeSatCurr", ZHDR_LE_SAT_CURR, ZHDR_SE_SAT_CURR,
+                                     "zHDR_vector_selection: 3 \n"},
+                    CountAtThreshold{"LeNoiPrev", ZHDR_LE_NOI_PREV, ZHDR_SE_NOI_PREV,
+                                     "zHDR_vector_selection: 3 \n"},
+                    CountAtThreshold{"LeNoiCurr", ZHDR_LE_NOI_CURR, ZHDR_SE_NOI_CURR,
+                                     "zHDR_vector_selection: 3 \n"},
+                    CountAtThreshold{"SeSatPrev", ZHDR_SE_SAT_PREV, ZHDR_LE_SAT_PREV,
+                                     "zHDR_vector_selection: 2 \n"},
+                    CountAtThreshold{"SeSatCurr", ZHDR_SE_SAT_CURR, ZHDR_LE_SAT_CURR,
+                                     "zHDR_vector_selection: 2 \n"},
+                    CountAtThreshold{"SeNoiPrev", ZHDR_SE_NOI_PREV, ZHDR_LE_NOI_PREV,
+                                     "zHDR_vector_selection: 2 \n"},
+                    CountAtThreshold{"SeNoiCurr", ZHDR_SE_NOI_CURR, ZHDR_LE_NOI_CURR,
+                                     "zHDR_vector_selection: 2 \n"}),
+    [](const testing::TestParamInfo<CountAtThreshold>& i) { return i.param.name; });
+
 TEST_F(ZhdrSelectionTest, NoneFlaggedTakesSmallestValue) {
   ZHDR_LE_NOI_PREV[0] = ZHDR_LE_NOI_PREV[1] = ZHDR_SE_NOI_PREV[0] = ZHDR_SE_NOI_PREV[1] = 10;
   ZHDR_LE_SAT_CURR[0] = 30;  // candidate 0: max(10, 30)

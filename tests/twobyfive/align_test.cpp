@@ -135,8 +135,8 @@ TEST_F(TwoByFiveAlign, RejectionsAndRefusalsLeaveTheScore) {
   EXPECT_EQ(log.Lines(), std::vector<std::string>{"frame AE unstable\n"});
   cur[0] -= 1;
   EXPECT_EQ(check_AE_stable_2x5(10, cur.data(), prev.data()), 1);
-  const std::tuple<int, int, int> refused[] = {
-      {11, 10, 110}, {2, 1000, 2001}, {1, 1999, 1999}, {3, 100, 150}};
+  const std::tuple<int, int, int> refused[] = {{11, 10, 110}, {2, 1000, 2001}, {1, 1999, 1999},
+                                               {3, 100, 150}, {2, 1, 1999},    {3, 0, 40}};
   for (const auto& [windows, length, total] : refused) {
     log.Clear();
     Align(std::vector<std::int32_t>(total, 64000), std::vector<std::int32_t>(total, 64000), windows,
@@ -147,11 +147,17 @@ TEST_F(TwoByFiveAlign, RejectionsAndRefusalsLeaveTheScore) {
   EXPECT_EQ(ae_, 0);
   EXPECT_EQ(score_, 777);
   EXPECT_EQ(std::count(freq_, freq_ + 9, 0), 9);
-  // A single window spans the frame whatever its nominal length.
-  log.Clear();
-  Align(std::vector<std::int32_t>(40, 64000), std::vector<std::int32_t>(40, 64000), 1, 0);
-  EXPECT_TRUE(log.Lines().empty());
-  EXPECT_EQ(ae_, 1);
+  // A single window spans the frame whatever its nominal length; a segment of exactly 2000
+  // samples (the window and its borrowed 2) fits. Several windows of 1 sample would start the
+  // second one's segment before the frame (refused above).
+  for (const auto& [windows, length, total] :
+       {std::tuple{1, 0, 40}, std::tuple{1, 1998, 1998}, std::tuple{2, 2, 2000}}) {
+    log.Clear();
+    Align(std::vector<std::int32_t>(total, 64000), std::vector<std::int32_t>(total, 64000), windows,
+          length);
+    EXPECT_TRUE(log.Lines().empty()) << windows << " x " << length;
+    EXPECT_EQ(ae_, 1);
+  }
 }
 
 }  // namespace
