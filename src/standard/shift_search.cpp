@@ -124,8 +124,8 @@ std::int32_t exhaust_search(std::int32_t* cur, std::int32_t* prev, std::int64_t*
   std::int32_t best_count = 0;
   std::int32_t best_cost = 0;
   // Shifts read positions up to upper + r (past the decimated count they see whatever the
-  // scratch holds, as the per-pair test does). Within the scratch, the validity of each position
-  // is taken once as a 32-bit mask, and every shift's sums run branch-free in 32-bit lanes.
+  // scratch holds). The validity of each position is taken once as a 32-bit mask, and every
+  // shift's sums run branch-free in 32-bit lanes.
   const std::int64_t reach = std::int64_t{upper} + r + 1;
   if (upper > margin && r >= 0 && reach <= kMaxFullLen) {
     static std::int32_t cur_valid[kMaxFullLen];
@@ -157,31 +157,11 @@ std::int32_t exhaust_search(std::int32_t* cur, std::int32_t* prev, std::int64_t*
     unreliable = (best_cost == 0 || best_count == 0) ? 1 : 0;
     return fx::wrap_shl32(best_shift, decShift);
   }
-  // One step further on the negative side than on the positive: -R - 1 .. R.
-  for (std::int32_t s = -r - 1; s <= r; ++s) {
-    std::int32_t count = 0;
-    std::int32_t cost = 0;  // 32-bit as the pair count; wraps only on absurd inputs
-    if (upper > margin) {
-      const std::int32_t cur_off = s < 0 ? 0 : s;
-      const std::int32_t prev_off = s < 0 ? -s : 0;
-      for (std::int32_t j = margin + 1; j < upper; ++j) {
-        const std::int32_t ci = j + cur_off;
-        const std::int32_t pi = j + prev_off;
-        if (valid(cm, ci) && valid(pm, pi)) {
-          ++count;
-          cost = fx::wrap_add32(cost, fx::wrap_abs32(fx::wrap_sub32(cd[ci], pd[pi])));
-        }
-      }
-    }
-    if (better(count, cost, best_count, best_cost)) {
-      best_shift = s;
-      best_count = count;
-      best_cost = cost;
-    }
-  }
-  // A perfect match is taken for flat or saturated data, not for success.
-  unreliable = (best_cost == 0 || best_count == 0) ? 1 : 0;
-  return fx::wrap_shl32(best_shift, decShift);
+  // No pair to compare: the window is no longer than its margins, so every shift scores a count
+  // of 0 and none beats the initial shift 0. (The scratch check cannot fail here: with fullLen
+  // and range at most 2000, upper + r stays below fullLen >> (preShift + decShift) + 2.)
+  unreliable = 1;
+  return 0;
 }
 
 void exhaust_search_fine(std::int32_t* cur, std::int32_t* prev, std::int64_t* curMask,
