@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Reference comparison: many varied scenes of every sensor family run through SendCmdFlk and
-// everything observable is folded into one digest per scene, compared with digests.txt.
+// everything observable (results, logs, tables, every exported working memory, the caller's
+// rewritten grids) is folded into one digest per scene, compared with digests.txt.
 //
 // The frames come from an integer-only generator in this file (a splitmix64 stream and a
 // parabolic sine), so the digests depend on nothing but the library: no libm, no host simulator.
@@ -20,9 +21,12 @@
 #include <vector>
 
 #include "decision/decision.h"
+#include "filterbank/filterbank.h"
 #include "kestrel/flicker.h"
+#include "sony/sony.h"
 #include "standard/standard.h"
 #include "support.h"
+#include "twobyfive/twobyfive.h"
 
 namespace {
 
@@ -47,6 +51,10 @@ struct Digest {
   template <typename T>
   void Value(T v) {
     Bytes(&v, sizeof v);
+  }
+  template <typename T, std::size_t N>
+  void Array(const T (&a)[N]) {
+    Bytes(a, sizeof a);
   }
 };
 Digest* g_digest = nullptr;
@@ -108,6 +116,75 @@ std::vector<T> Frame(const Scene& sc, const Light& L, std::int32_t rows, std::in
   return grid;
 }
 
+// Every exported working memory after a frame: the contract keeps them identical, not only the
+// results.
+void WorkingMemories(Digest& d) {
+  d.Array(g_scoreQueue);
+  d.Array(convolve_analysis_working_memory_32);
+  d.Array(convolve_analysis_working_memory_64);
+  d.Array(convolve_synthesis_working_memory_32);
+  d.Array(convolve_synthesis_working_memory_64);
+  d.Array(ovector_out_tmp_working_memory);
+  d.Array(cvector_out_tmp_working_memory);
+  d.Array(flicker_despike_working_memory_h1_sony);
+  d.Array(flicker_despike_working_memory_l1_sony);
+  d.Array(flicker_despike_working_memory_h2_sony);
+  d.Array(flicker_despike_working_memory_l2_sony);
+  d.Array(flicker_despike_working_memory_h2r_sony);
+  d.Array(flicker_despike_working_memory_l2r_sony);
+  d.Array(flicker_despike_working_memory_l1r_sony);
+  d.Array(line_prev_working_memory);
+  d.Array(line_curr_working_memory);
+  d.Array(cvector_current_full_working_memory);
+  d.Array(cvector_prev_full_working_memory);
+  d.Array(cvector_current_working_memory);
+  d.Array(cvector_prev_working_memory);
+  d.Array(grad_current_working_memory);
+  d.Array(grad_prev_working_memory);
+  d.Array(avector_out_working_memory);
+  d.Array(cvector_out_working_memory);
+  d.Array(ovector_out_working_memory);
+  d.Array(cvector_out1_working_memory);
+  d.Array(ovector_out1_working_memory);
+  d.Array(cvector_current_down_working_memory);
+  d.Array(cvector_prev_down_working_memory);
+  d.Array(cvector_out_test_working_memory);
+  d.Array(cvector_out_test_length_working_memory);
+  d.Array(flicker_despike_working_memory_input1);
+  d.Array(flicker_despike_working_memory_h1);
+  d.Array(flicker_despike_working_memory_l1);
+  d.Array(flicker_despike_working_memory_h2);
+  d.Array(flicker_despike_working_memory_l2);
+  d.Array(flicker_despike_working_memory_h3);
+  d.Array(flicker_despike_working_memory_l3);
+  d.Array(flicker_despike_working_memory_h_tmp);
+  d.Array(flicker_despike_working_memory_h_mask);
+  d.Array(flicker_despike_working_memory_h3r);
+  d.Array(flicker_despike_working_memory_h2r);
+  d.Array(flicker_despike_working_memory_l3r);
+  d.Array(flicker_despike_working_memory_l2r);
+  d.Array(flicker_despike_working_memory_l1r);
+  d.Array(ZHDR_LE_SAT_PREV);
+  d.Array(ZHDR_LE_SAT_CURR);
+  d.Array(ZHDR_SE_SAT_PREV);
+  d.Array(ZHDR_SE_SAT_CURR);
+  d.Array(ZHDR_LE_NOI_PREV);
+  d.Array(ZHDR_LE_NOI_CURR);
+  d.Array(ZHDR_SE_NOI_PREV);
+  d.Array(ZHDR_SE_NOI_CURR);
+  d.Array(ZHDR_LE_SE_SELECT);
+  d.Array(vec_log_curr_working_memory);
+  d.Array(vec_log_prev_working_memory);
+  d.Array(vec_laplace_curr_working_memory);
+  d.Array(vec_nonAlign_working_memory);
+  d.Array(vec_align1_working_memory);
+  d.Array(vec_align2_working_memory);
+  d.Array(seg_prev_log_shift_working_memory);
+  d.Array(seg_laplace_prev_working_memory);
+  d.Array(flicker_despike_working_memory_l2r_32bit);
+  d.Array(flicker_despike_working_memory_h1r);
+}
+
 template <typename T>
 std::string RunScene(const Scene& sc, Digest& d) {
   std::uint64_t s = sc.seed * 0x2545F4914F6CDD1Dull;
@@ -153,6 +230,17 @@ std::string RunScene(const Scene& sc, Digest& d) {
   SendCmdFlk(CMD_SET_LOG_LEVEL, &all, nullptr);
   SendCmdFlk(CMD_SET_EXT_PARA, &ext, nullptr);
   SendCmdFlk(CMD_INIT, &init, nullptr);
+  // The tables INIT built.
+  d.Value(g_flkTabW);
+  d.Value(g_valuMax);
+  if (g_flkTab1 != nullptr && g_flkTab2 != nullptr && g_flkCompTab != nullptr) {
+    d.Bytes(g_flkTab1, 9 * sizeof(std::int32_t) * static_cast<std::size_t>(g_flkTabW));
+    d.Bytes(g_flkTab2, 9 * sizeof(std::int32_t) * static_cast<std::size_t>(g_flkTabW));
+    // SONY's log table has an entry per statistic, the others one per 4096.
+    const std::size_t entries = sc.type == 1 ? static_cast<std::size_t>(g_valuMax) + 2
+                                             : static_cast<std::size_t>(g_valuMax + 8192) >> 12;
+    d.Bytes(g_flkCompTab, sizeof(std::int32_t) * entries);
+  }
   std::int32_t state = static_cast<std::int32_t>(Pick(s, 0, 1));
   SendCmdFlk(CMD_SET_STATE, &state, nullptr);
   if (sc.type == 0) {
@@ -180,9 +268,7 @@ std::string RunScene(const Scene& sc, Digest& d) {
     SendCmdFlk(CMD_DETECT, &para, &result);
     codes += static_cast<char>('0' + (result & 7));
     d.Value(result);
-    d.Bytes(line_prev_working_memory, sizeof line_prev_working_memory);
-    d.Bytes(line_curr_working_memory, sizeof line_curr_working_memory);
-    d.Bytes(g_scoreQueue, sizeof g_scoreQueue);
+    WorkingMemories(d);
     d.Value(g_queueHead);
     d.Value(g_queueCount);
     d.Bytes(p.data(), p.size() * sizeof(T));
@@ -250,6 +336,10 @@ std::string DigestsPath() {
 }
 
 TEST(Reference, EveryFamilyMatchesTheRecordedDigests) {
+  // At load the fine search's slot pointers already name its ten slots.
+  for (std::int32_t i = 0; i < 10; ++i) {
+    EXPECT_EQ(cvector_out_test_ptr_array[i], cvector_out_test_working_memory + 1000 * i) << i;
+  }
   kestrel_test::ResetLibraryState();
   std::map<std::string, std::string> expected;
   {

@@ -35,9 +35,11 @@ TEST(TwoByFiveDespike, ConstantsStepsBelowTheThresholdAndModeThree) {
   for (std::int32_t levels : {1, 2}) EXPECT_EQ(Despike(Step(0, 224), levels), Step(0, 224));
   std::vector<std::int32_t> in(40);
   for (int i = 0; i < 40; ++i) in[i] = i % 2 ? 13 : -13;
+  flicker_despike_working_memory_l2r_32bit[40] = 12345;  // past n: never written
   const auto out = Despike(in, 3);
   EXPECT_EQ(std::vector<std::int32_t>(out.begin() + 8, out.begin() + 32),
             std::vector<std::int32_t>(24, 0));
+  EXPECT_EQ(flicker_despike_working_memory_l2r_32bit[40], 12345);
 }
 
 // h1[19] = 1000 is clipped to 225, so the output misses 775 x the level-1 synthesis of an
