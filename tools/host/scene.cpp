@@ -335,16 +335,19 @@ class FrameNoise {
 // CompandStandard as a line per octave of the linear level: the segment of a level is looked up
 // from its 1/128 of full scale (the knots sit at powers of two from 1/128 on).
 struct CompandLines {
-  double offset[8];
-  double slope[8];
+  struct Line {
+    double offset, slope, slope2;  // slope2 = slope x slope, the noise's scale
+    double unused;                 // a power-of-two stride
+  };
+  Line line[8];
   std::uint8_t segment[129];
 
   CompandLines() {
     static constexpr double kCode[9] = {0, 20, 29, 42, 62, 88, 126, 180, 255};
     static constexpr double kLinear[9] = {0, 512, 1024, 2048, 4096, 8192, 16384, 32768, 65536};
     for (int i = 0; i < 8; ++i) {
-      slope[i] = (kCode[i + 1] - kCode[i]) / (kLinear[i + 1] - kLinear[i]) * 65536.0;
-      offset[i] = kCode[i] - slope[i] * kLinear[i] / 65536.0;
+      const double slope = (kCode[i + 1] - kCode[i]) / (kLinear[i + 1] - kLinear[i]) * 65536.0;
+      line[i] = {kCode[i] - slope * kLinear[i] / 65536.0, slope, slope * slope, 0.0};
     }
     for (int q = 0; q <= 128; ++q) {
       int seg = 0;
@@ -352,6 +355,9 @@ struct CompandLines {
       segment[q] = static_cast<std::uint8_t>(seg);
     }
   }
+
+  // Level in 0..1.
+  const Line& Of(double level) const { return line[segment[static_cast<int>(level * 128.0)]]; }
 };
 
 }  // namespace
@@ -433,7 +439,13 @@ void SceneSimulator::Generate(std::int32_t index, double exposure_s, Frame& fram
   const double last = static_cast<double>(profile_length_ - 1);
   const bool noisy = scene_.noise > 0.0;
 
-  // One statistics row; the family is a template argument to keep the window loop branch-free.
+  // One statistics row in passes over contiguous arrays: every group's code and noise variance,
+  // then each window's sum, its noise (drawn in window order) and its statistic. The family is a
+  // template argument to keep the loops branch-free.
+  const std::size_t groups = cols * kGroups;
+  std::vector<double> level_of(groups), variance(groups), code(groups), spread(groups);
+  std::vector<double> sum(cols), sd(cols);
+  std::vector<std::int64_t> clipped(groups), dim(groups);
   const auto render = [&]<int kType, bool kZhdr>(std::int32_t r) {
     // zHDR: every other row is the short exposure, darker by the ratio (its light integrates over
     // the shorter time, see FillRowLight).
@@ -442,57 +454,74 @@ void SceneSimulator::Generate(std::int32_t index, double exposure_s, Frame& fram
         (short_row ? level / scene_.hdr_ratio : level) * light_[static_cast<std::size_t>(r)];
     const double x = std::clamp(static_cast<double>(r) * lines + whole, 0.0, last);
     const std::size_t i0 = static_cast<std::size_t>(x);
-    const double* p0 = profiles_.data() + i0 * stride;
-    const double* p1 = i0 + 1 < static_cast<std::size_t>(profile_length_) ? p0 + stride : p0;
+    const double* __restrict p0 = profiles_.data() + i0 * stride;
+    const double* __restrict p1 =
+        i0 + 1 < static_cast<std::size_t>(profile_length_) ? p0 + stride : p0;
     std::int64_t* out = frame.grid.data() + static_cast<std::size_t>(r) * cols;
-    for (std::size_t c = 0; c < cols; ++c) {
-      // The noise of the window's sum, drawn once from the sum's distribution: independent groups
-      // add their variances; through the compand curve each group's noise is scaled by the
-      // curve's slope at its level; a clipped group has none.
-      double code[kGroups], spread[kGroups];
-      std::int64_t saturated = 0, dark = 0;
-      const double* q0 = p0 + c * kGroups;
-      const double* q1 = p1 + c * kGroups;
-      for (int k = 0; k < kGroups; ++k) {
-        const double v = (q0[k] + (q1[k] - q0[k]) * frac) * gain;
-        const double lv = std::min(v, 1.0);
-        const double sigma2 = v >= 1.0 ? 0.0 : read2 + shot2 * lv;
-        if constexpr (kZhdr) {
-          saturated += v >= 1.0 ? group_width : 0;
-          dark += v <= kNoiseFloor ? group_width : 0;
-        }
-        if constexpr (kType == 0) {
-          const int seg = compand.segment[static_cast<int>(lv * 128.0)];
-          code[k] = compand.offset[seg] + compand.slope[seg] * lv;
-          spread[k] = compand.slope[seg] * compand.slope[seg] * sigma2;
-        } else {
-          code[k] = lv;
-          spread[k] = sigma2;
-        }
+    // The noise of a window's sum is drawn once from the sum's distribution: independent groups
+    // add their variances; through the compand curve each group's noise is scaled by the curve's
+    // slope at its level; a clipped group has none. Levels and variances first (vectorised),
+    // then the compand curve's table lookups.
+    double* __restrict lv_out = level_of.data();
+    double* __restrict var_out = variance.data();
+    for (std::size_t g = 0; g < groups; ++g) {
+      const double v = (p0[g] + (p1[g] - p0[g]) * frac) * gain;
+      const double lv = std::min(v, 1.0);
+      // Both sides computed, then selected: a branch-free loop.
+      const double sigma2 = read2 + shot2 * lv;
+      lv_out[g] = lv;
+      var_out[g] = v >= 1.0 ? 0.0 : sigma2;
+      if constexpr (kZhdr) {
+        clipped[g] = v >= 1.0 ? group_width : 0;
+        dim[g] = v <= kNoiseFloor ? group_width : 0;
       }
-      // Pairwise sums: the groups are independent, the additions need not wait on each other.
-      double sum = (code[0] + code[1]) + (code[2] + code[3]);
-      const double var = (spread[0] + spread[1]) + (spread[2] + spread[3]);
-      if (noisy) sum += std::sqrt(var) * noise.Normal();
+    }
+    const double* levels = lv_out;
+    const double* variances = var_out;
+    if constexpr (kType == 0) {
+      for (std::size_t g = 0; g < groups; ++g) {
+        const CompandLines::Line& l = compand.Of(levels[g]);
+        code[g] = l.offset + l.slope * levels[g];
+        spread[g] = l.slope2 * variances[g];
+      }
+      levels = code.data();
+      variances = spread.data();
+    }
+    // Pairwise sums: the groups are independent, the additions need not wait on each other.
+    for (std::size_t c = 0; c < cols; ++c) {
+      const double* k = levels + c * kGroups;
+      const double* v = variances + c * kGroups;
+      sum[c] = (k[0] + k[1]) + (k[2] + k[3]);
+      sd[c] = std::sqrt((v[0] + v[1]) + (v[2] + v[3]));
+    }
+    if (noisy) {
+      for (std::size_t c = 0; c < cols; ++c) sum[c] += sd[c] * noise.Normal();
+    }
+    for (std::size_t c = 0; c < cols; ++c) {
       // Values are non-negative: adding a half and truncating rounds to nearest.
       if constexpr (kType == 0) {
         // Half a window of 16-bit codes (257 x the 8-bit code), scaled down for wide windows.
         std::int64_t value =
-            static_cast<std::int64_t>(code_scale * std::clamp(sum, 0.0, 255.0 * kGroups) + 0.5);
+            static_cast<std::int64_t>(code_scale * std::clamp(sum[c], 0.0, 255.0 * kGroups) + 0.5);
         value = std::min<std::int64_t>(value, 0xFFFFFF);
         if constexpr (kZhdr) {
+          std::int64_t saturated = 0, dark = 0;
+          for (int k = 0; k < kGroups; ++k) {
+            saturated += clipped[c * kGroups + k];
+            dark += dim[c * kGroups + k];
+          }
           value |= std::min<std::int64_t>(dark, 4095) << 24;
           value |= std::min<std::int64_t>(saturated, 4095) << 36;
         }
         out[c] = value;
       } else if constexpr (kType == 1) {
         // Mean 10-bit linear level of the window's line.
-        out[c] =
-            static_cast<std::int64_t>(std::clamp(sum, 0.0, 1.0 * kGroups) / kGroups * 1023.0 + 0.5);
+        out[c] = static_cast<std::int64_t>(
+            std::clamp(sum[c], 0.0, 1.0 * kGroups) / kGroups * 1023.0 + 0.5);
       } else {
         // Sum of 12-bit pixels over the block.
         out[c] = static_cast<std::int64_t>(
-            std::clamp(sum, 0.0, 1.0 * kGroups) / kGroups * sum_scale + 0.5);
+            std::clamp(sum[c], 0.0, 1.0 * kGroups) / kGroups * sum_scale + 0.5);
       }
     }
   };
