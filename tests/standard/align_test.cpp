@@ -145,6 +145,14 @@ TEST_F(AlignTest, PerfectMatchIsFlat) {
   EXPECT_EQ(Align(same, same, 1, 400), Lines{"window 1 is flat\n"});
 }
 
+// A direct caller's statistics past 2^27 are smoothed in 64 bits (16 x 2^29 would wrap in 32):
+// the smoothing of a constant is the constant.
+TEST_F(AlignTest, LargeStatisticsSmoothIn64Bits) {
+  Align(V(400, 1 << 29), V(400, 1 << 29), 1, 400);
+  EXPECT_EQ(V(cvector_current_working_memory, cvector_current_working_memory + 200),
+            V(200, 1 << 29));
+}
+
 // More windows than recorded, a window so long that its samples' sum passes 32 bits, a frame
 // longer than every window at its longest.
 TEST_F(AlignTest, RefusesGeometryPastItsRecords) {

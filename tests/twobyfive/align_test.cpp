@@ -148,10 +148,12 @@ TEST_F(TwoByFiveAlign, RejectionsAndRefusalsLeaveTheScore) {
   EXPECT_EQ(score_, 777);
   EXPECT_EQ(std::count(freq_, freq_ + 9, 0), 9);
   // A single window spans the frame whatever its nominal length; a segment of exactly 2000
-  // samples (the window and its borrowed 2) fits. Several windows of 1 sample would start the
-  // second one's segment before the frame (refused above).
+  // samples (the window and its borrowed 2) fits, first or last; two windows have no middle one;
+  // a last window may be empty. Several windows of 1 sample would start the second one's segment
+  // before the frame (refused above).
   for (const auto& [windows, length, total] :
-       {std::tuple{1, 0, 40}, std::tuple{1, 1998, 1998}, std::tuple{2, 2, 2000}}) {
+       {std::tuple{1, 0, 40}, std::tuple{1, 1998, 1998}, std::tuple{2, 2, 2000},
+        std::tuple{2, 1998, 2000}, std::tuple{2, 20, 20}}) {
     log.Clear();
     Align(std::vector<std::int32_t>(total, 64000), std::vector<std::int32_t>(total, 64000), windows,
           length);
