@@ -287,11 +287,19 @@ double NormalQuantile(double p) {
 // (one draw in 2048) it takes the exact quantile.
 struct QuantileTable {
   static constexpr int kSteps = 4096;
-  double at[kSteps + 1];
+  // The quantile at a step and the difference to the next one, side by side: a draw reads one
+  // pair.
+  struct Step {
+    double at, rise;
+  };
+  Step step[kSteps + 1];
   QuantileTable() {
+    double at[kSteps + 1];
     for (int i = 1; i < kSteps; ++i) at[i] = NormalQuantile(static_cast<double>(i) / kSteps);
     at[0] = at[1];
     at[kSteps] = at[kSteps - 1];
+    for (int i = 0; i < kSteps; ++i) step[i] = {at[i], at[i + 1] - at[i]};
+    step[kSteps] = {at[kSteps], 0.0};
   }
 };
 
@@ -311,7 +319,8 @@ class FrameNoise {
     const double x = p * QuantileTable::kSteps;
     const int i = static_cast<int>(x);
     if (i < 1 || i >= QuantileTable::kSteps - 1) return NormalQuantile(p);
-    return table_.at[i] + (table_.at[i + 1] - table_.at[i]) * (x - i);
+    const QuantileTable::Step& s = table_.step[i];
+    return s.at + s.rise * (x - i);
   }
 
  private:
@@ -356,8 +365,8 @@ struct CompandLines {
     }
   }
 
-  // Level in 0..1.
-  const Line& Of(double level) const { return line[segment[static_cast<int>(level * 128.0)]]; }
+  // The line of a level in 0..1 from its 128ths (truncated).
+  const Line& At(int q) const { return line[segment[q]]; }
 };
 
 }  // namespace
@@ -410,6 +419,8 @@ void SceneSimulator::Generate(std::int32_t index, double exposure_s, Frame& fram
     if (step.frame <= index) level *= step.factor;
   }
 
+  const double short_level = level / scene_.hdr_ratio;  // zHDR's short rows
+
   // Pixels summed into one statistic, and so the noise of one pixel group's mean.
   double pixels = 1.0;
   if (sensor_.type == 0) pixels = sensor_.window_width >> 1;
@@ -443,15 +454,17 @@ void SceneSimulator::Generate(std::int32_t index, double exposure_s, Frame& fram
   // then each window's sum, its noise (drawn in window order) and its statistic. The family is a
   // template argument to keep the loops branch-free.
   const std::size_t groups = cols * kGroups;
-  std::vector<double> level_of(groups), variance(groups), code(groups), spread(groups);
+  std::vector<double> level_of(groups), variance(groups);
+  // Standard: each group's clamped level in 128ths (Q7, truncated), the compand curve's index.
+  std::vector<std::int32_t> level_q7(groups);
   std::vector<double> sum(cols), sd(cols);
-  std::vector<std::int64_t> clipped(groups), dim(groups);
+  // zHDR: the pixels of each window at full scale and at the noise floor.
+  std::vector<std::int64_t> clipped(cols), dim(cols);
   const auto render = [&]<int kType, bool kZhdr>(std::int32_t r) {
     // zHDR: every other row is the short exposure, darker by the ratio (its light integrates over
     // the shorter time, see FillRowLight).
     const bool short_row = kZhdr && ((r % 2 == 0) != sensor_.zhdr_gle_first);
-    const double gain =
-        (short_row ? level / scene_.hdr_ratio : level) * light_[static_cast<std::size_t>(r)];
+    const double gain = (short_row ? short_level : level) * light_[static_cast<std::size_t>(r)];
     const double x = std::clamp(static_cast<double>(r) * lines + whole, 0.0, last);
     const std::size_t i0 = static_cast<std::size_t>(x);
     const double* __restrict p0 = profiles_.data() + i0 * stride;
@@ -464,35 +477,59 @@ void SceneSimulator::Generate(std::int32_t index, double exposure_s, Frame& fram
     // then the compand curve's table lookups.
     double* __restrict lv_out = level_of.data();
     double* __restrict var_out = variance.data();
-    for (std::size_t g = 0; g < groups; ++g) {
-      const double v = (p0[g] + (p1[g] - p0[g]) * frac) * gain;
-      const double lv = std::min(v, 1.0);
-      // Both sides computed, then selected: a branch-free loop.
-      const double sigma2 = read2 + shot2 * lv;
-      lv_out[g] = lv;
-      var_out[g] = v >= 1.0 ? 0.0 : sigma2;
-      if constexpr (kZhdr) {
-        clipped[g] = v >= 1.0 ? group_width : 0;
-        dim[g] = v <= kNoiseFloor ? group_width : 0;
+    std::int32_t* __restrict q_out = level_q7.data();
+    const auto group_levels = [&](auto level_at) {
+      for (std::size_t g = 0; g < groups; ++g) {
+        const double v = level_at(g);
+        const double lv = std::min(v, 1.0);
+        // Both sides computed, then selected: a branch-free loop.
+        const double sigma2 = read2 + shot2 * lv;
+        lv_out[g] = lv;
+        var_out[g] = v >= 1.0 ? 0.0 : sigma2;
+        if constexpr (kType == 0) q_out[g] = static_cast<std::int32_t>(lv * 128.0);
       }
+    };
+    if (frac == 0.0) {
+      // Whole lines of motion (or none): the interpolation adds a zero to a non-negative
+      // profile, so reading the line itself gives the same level.
+      group_levels([&](std::size_t g) { return p0[g] * gain; });
+    } else {
+      group_levels([&](std::size_t g) { return (p0[g] + (p1[g] - p0[g]) * frac) * gain; });
     }
     const double* levels = lv_out;
     const double* variances = var_out;
-    if constexpr (kType == 0) {
-      for (std::size_t g = 0; g < groups; ++g) {
-        const CompandLines::Line& l = compand.Of(levels[g]);
-        code[g] = l.offset + l.slope * levels[g];
-        spread[g] = l.slope2 * variances[g];
-      }
-      levels = code.data();
-      variances = spread.data();
-    }
     // Pairwise sums: the groups are independent, the additions need not wait on each other.
-    for (std::size_t c = 0; c < cols; ++c) {
-      const double* k = levels + c * kGroups;
-      const double* v = variances + c * kGroups;
-      sum[c] = (k[0] + k[1]) + (k[2] + k[3]);
-      sd[c] = std::sqrt((v[0] + v[1]) + (v[2] + v[3]));
+    if constexpr (kType == 0) {
+      // The compand curve's line is a lookup per group: sum the codes as they come.
+      for (std::size_t c = 0; c < cols; ++c) {
+        const double* k = levels + c * kGroups;
+        const double* v = variances + c * kGroups;
+        const std::int32_t* q = q_out + c * kGroups;
+        const CompandLines::Line& l0 = compand.At(q[0]);
+        const CompandLines::Line& l1 = compand.At(q[1]);
+        const CompandLines::Line& l2 = compand.At(q[2]);
+        const CompandLines::Line& l3 = compand.At(q[3]);
+        sum[c] = ((l0.offset + l0.slope * k[0]) + (l1.offset + l1.slope * k[1])) +
+                 ((l2.offset + l2.slope * k[2]) + (l3.offset + l3.slope * k[3]));
+        sd[c] = std::sqrt((l0.slope2 * v[0] + l1.slope2 * v[1]) +
+                          (l2.slope2 * v[2] + l3.slope2 * v[3]));
+        if constexpr (kZhdr) {
+          // The clamped level is 1 exactly when the group clips, and equals the level below the
+          // noise floor.
+          const int saturated = (k[0] >= 1.0) + (k[1] >= 1.0) + (k[2] >= 1.0) + (k[3] >= 1.0);
+          const int dark = (k[0] <= kNoiseFloor) + (k[1] <= kNoiseFloor) + (k[2] <= kNoiseFloor) +
+                           (k[3] <= kNoiseFloor);
+          clipped[c] = saturated * group_width;
+          dim[c] = dark * group_width;
+        }
+      }
+    } else {
+      for (std::size_t c = 0; c < cols; ++c) {
+        const double* k = levels + c * kGroups;
+        const double* v = variances + c * kGroups;
+        sum[c] = (k[0] + k[1]) + (k[2] + k[3]);
+        sd[c] = std::sqrt((v[0] + v[1]) + (v[2] + v[3]));
+      }
     }
     if (noisy) {
       for (std::size_t c = 0; c < cols; ++c) sum[c] += sd[c] * noise.Normal();
@@ -505,13 +542,8 @@ void SceneSimulator::Generate(std::int32_t index, double exposure_s, Frame& fram
             static_cast<std::int64_t>(code_scale * std::clamp(sum[c], 0.0, 255.0 * kGroups) + 0.5);
         value = std::min<std::int64_t>(value, 0xFFFFFF);
         if constexpr (kZhdr) {
-          std::int64_t saturated = 0, dark = 0;
-          for (int k = 0; k < kGroups; ++k) {
-            saturated += clipped[c * kGroups + k];
-            dark += dim[c * kGroups + k];
-          }
-          value |= std::min<std::int64_t>(dark, 4095) << 24;
-          value |= std::min<std::int64_t>(saturated, 4095) << 36;
+          value |= std::min<std::int64_t>(dim[c], 4095) << 24;
+          value |= std::min<std::int64_t>(clipped[c], 4095) << 36;
         }
         out[c] = value;
       } else if constexpr (kType == 1) {
