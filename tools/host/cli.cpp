@@ -322,6 +322,13 @@ void AddReportOptions(CLI::App* app, ReportOptions& o) {
   AddExtParaOption(app, o.host.tuning);
 }
 
+CLI::Option* AddMatrixOption(CLI::App* app, std::string& file) {
+  return app
+      ->add_option("--matrix", file,
+                   "scenario matrix, a JSON file (docs/evaluation-matrix.md) [built-in]")
+      ->type_name("FILE");
+}
+
 CLI::Option* AddExtParaOption(CLI::App* app, FlkExtPara& tuning) {
   return app
       ->add_option_function<std::string>(

@@ -79,6 +79,8 @@ struct ReportOptions {
 void AddReportOptions(CLI::App* app, ReportOptions& options);
 // --ext-para FILE: the tuning file read into `tuning` (a bad file is a UsageError).
 CLI::Option* AddExtParaOption(CLI::App* app, FlkExtPara& tuning);
+// --matrix FILE: the scenario matrix of evaluate and tune (empty: the built-in one).
+CLI::Option* AddMatrixOption(CLI::App* app, std::string& file);
 
 // The simulate command's options: the sensor (the family's defaults, then every option given),
 // the scene and the run.

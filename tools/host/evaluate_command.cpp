@@ -85,9 +85,7 @@ void RegisterEvaluate(Cli& cli) {
   auto o = std::make_shared<EvaluateOptions>();
   CLI::App* app = cli.AddCommand("evaluate", "detection quality over a matrix of simulated scenes",
                                  [o](CliIo& io) { return RunEvaluate(*o, io); });
-  app->add_option("--matrix", o->matrix_file,
-                  "scenario matrix, a JSON file (docs/evaluation-matrix.md) [built-in]")
-      ->type_name("FILE");
+  AddMatrixOption(app, o->matrix_file);
   app->add_option("--write-matrix", o->write_matrix,
                   "write the matrix (after --seeds) as JSON and run nothing (- standard output)")
       ->type_name("FILE");

@@ -207,11 +207,7 @@ TestOutcome ReplayTest(const std::vector<LabelledFrame>& frames, std::int32_t st
       const std::int32_t q = c < 1 ? 0 : Wrap(sum + 128) >> 8;
       if (q <= threshold) continue;
       if (positive) {
-        const std::int32_t latency = static_cast<std::int32_t>(i - begin) + 1;
-        ++out.detected;
-        out.within5 += latency <= 5;
-        out.within10 += latency <= 10;
-        out.latencies.push_back(latency);
+        out.Detected(static_cast<std::int32_t>(i - begin) + 1);
         break;
       }
       ++out.false_switches;
@@ -521,10 +517,7 @@ TestOutcome RunLibrary(const std::vector<TrainingRun>& runs, std::int32_t state,
       if (!positive && fr.counted) ++out.negative_frames;
       if (!fr.switched) continue;
       if (positive) {
-        ++out.detected;
-        out.within5 += i <= 5;
-        out.within10 += i <= 10;
-        out.latencies.push_back(i);
+        out.Detected(i);
         break;
       }
       // A false switch: the host would now expose for the wrong mains; count it and judge the

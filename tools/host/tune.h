@@ -61,6 +61,13 @@ struct TestOutcome {
   std::int32_t within5 = 0;             // switched within 5 frames after the first frame
   std::int32_t within10 = 0;            // ... within 10
   std::vector<std::int32_t> latencies;  // frames after the first frame, per detected run
+
+  void Detected(std::int32_t latency) {
+    ++detected;
+    within5 += latency <= 5;
+    within10 += latency <= 10;
+    latencies.push_back(latency);
+  }
 };
 TestOutcome ReplayTest(const std::vector<LabelledFrame>& frames, std::int32_t state,
                        const FlkExtPara& para);

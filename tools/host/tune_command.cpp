@@ -112,9 +112,7 @@ void RegisterTune(Cli& cli) {
   auto o = std::make_shared<TuneCommandOptions>();
   CLI::App* app = cli.AddCommand("tune", "fit a tuning file to labelled frames of a matrix",
                                  [o](CliIo& io) { return RunTune(*o, io); });
-  app->add_option("--matrix", o->matrix_file,
-                  "scenario matrix, a JSON file (docs/evaluation-matrix.md) [built-in]")
-      ->type_name("FILE");
+  AddMatrixOption(app, o->matrix_file);
   app->add_option("-o,--output", o->output, "the fitted tuning, JSON (- standard output) [-]")
       ->type_name("FILE");
   AddInt(app, "--type", o->type, 0, 2, "fit the cells of this sensor family only");
