@@ -56,6 +56,11 @@ TEST_F(TwoByFiveTables, WidthsAndAPhaseAdvancingOneBlockPerSample) {
                     g_flkTab2[4 * w + 37], g_flkTab1[4 * w + 255], g_flkTab2[4 * w + 255]}),
             (Values{221, 128, -175, 186, -243, -79}));
   for (int k = 0; k < 9; ++k) EXPECT_EQ(g_flkTab1[k * w] * 1000 + g_flkTab2[k * w], 255000) << k;
+  // Asked for one row, the builder fills the 70 Hz row alone.
+  Values one_cos(w, -7), one_sin(w, -7);
+  calFftTable_2x5(2000, w, 1, 24e6, one_cos.data(), one_sin.data());
+  EXPECT_EQ((Values{one_cos[10], one_sin[10], one_cos[37], one_sin[37]}),
+            (Values{238, 91, 54, 249}));
 }
 
 // Absurd geometry frees the tables and refuses, after the flow line; 524414 pixels still fit,
