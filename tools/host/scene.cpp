@@ -450,60 +450,67 @@ void SceneSimulator::Generate(std::int32_t index, double exposure_s, Frame& fram
   const double last = static_cast<double>(profile_length_ - 1);
   const bool noisy = scene_.noise > 0.0;
 
-  // One statistics row in passes over contiguous arrays: every group's code and noise variance,
-  // then each window's sum, its noise (drawn in window order) and its statistic. The family is a
-  // template argument to keep the loops branch-free.
+  // A block of statistics rows in passes over contiguous arrays: every group's level and noise
+  // variance, each window's code sum and spread, its noise (drawn in row and window order) and its
+  // statistic. A block's arrays stay in the first-level cache and its windows are consecutive in
+  // the grid, so only the first pass pays anything per row. The family is a template argument to
+  // keep the loops branch-free.
+  constexpr std::int32_t kBlockRows = 32;
   const std::size_t groups = cols * kGroups;
-  std::vector<double> level_of(groups), variance(groups);
+  const std::size_t block_groups = groups * kBlockRows;
+  const std::size_t block_windows = cols * kBlockRows;
+  std::vector<double> level_of(block_groups), variance(block_groups);
   // Standard: each group's clamped level in 128ths (Q7, truncated), the compand curve's index.
-  std::vector<std::int32_t> level_q7(groups);
-  std::vector<double> sum(cols), sd(cols);
+  std::vector<std::int32_t> level_q7(block_groups);
+  std::vector<double> sum(block_windows), sd(block_windows);
   // zHDR: the pixels of each window at full scale and at the noise floor.
-  std::vector<std::int64_t> clipped(cols), dim(cols);
-  const auto render = [&]<int kType, bool kZhdr>(std::int32_t r) {
-    // zHDR: every other row is the short exposure, darker by the ratio (its light integrates over
-    // the shorter time, see FillRowLight).
-    const bool short_row = kZhdr && ((r % 2 == 0) != sensor_.zhdr_gle_first);
-    const double gain = (short_row ? short_level : level) * light_[static_cast<std::size_t>(r)];
-    const double x = std::clamp(static_cast<double>(r) * lines + whole, 0.0, last);
-    const std::size_t i0 = static_cast<std::size_t>(x);
-    const double* __restrict p0 = profiles_.data() + i0 * stride;
-    const double* __restrict p1 =
-        i0 + 1 < static_cast<std::size_t>(profile_length_) ? p0 + stride : p0;
-    std::int64_t* out = frame.grid.data() + static_cast<std::size_t>(r) * cols;
+  std::vector<std::int64_t> clipped(block_windows), dim(block_windows);
+  const auto render = [&]<int kType, bool kZhdr>(std::int32_t first, std::int32_t count) {
+    double* __restrict lv_out = level_of.data();
+    double* __restrict var_out = variance.data();
+    std::int32_t* __restrict q_out = level_q7.data();
     // The noise of a window's sum is drawn once from the sum's distribution: independent groups
     // add their variances; through the compand curve each group's noise is scaled by the curve's
     // slope at its level; a clipped group has none. Levels and variances first (vectorised),
     // then the compand curve's table lookups.
-    double* __restrict lv_out = level_of.data();
-    double* __restrict var_out = variance.data();
-    std::int32_t* __restrict q_out = level_q7.data();
-    const auto group_levels = [&](auto level_at) {
-      for (std::size_t g = 0; g < groups; ++g) {
-        const double v = level_at(g);
-        const double lv = std::min(v, 1.0);
-        // Both sides computed, then selected: a branch-free loop.
-        const double sigma2 = read2 + shot2 * lv;
-        lv_out[g] = lv;
-        var_out[g] = v >= 1.0 ? 0.0 : sigma2;
-        if constexpr (kType == 0) q_out[g] = static_cast<std::int32_t>(lv * 128.0);
+    for (std::int32_t b = 0; b < count; ++b) {
+      const std::int32_t r = first + b;
+      // zHDR: every other row is the short exposure, darker by the ratio (its light integrates
+      // over the shorter time, see FillRowLight).
+      const bool short_row = kZhdr && ((r % 2 == 0) != sensor_.zhdr_gle_first);
+      const double gain = (short_row ? short_level : level) * light_[static_cast<std::size_t>(r)];
+      const double x = std::clamp(static_cast<double>(r) * lines + whole, 0.0, last);
+      const std::size_t i0 = static_cast<std::size_t>(x);
+      const double* __restrict p0 = profiles_.data() + i0 * stride;
+      const double* __restrict p1 =
+          i0 + 1 < static_cast<std::size_t>(profile_length_) ? p0 + stride : p0;
+      const std::size_t at = static_cast<std::size_t>(b) * groups;
+      const auto group_levels = [&](auto level_at) {
+        for (std::size_t g = 0; g < groups; ++g) {
+          const double v = level_at(g);
+          const double lv = std::min(v, 1.0);
+          // Both sides computed, then selected: a branch-free loop.
+          const double sigma2 = read2 + shot2 * lv;
+          lv_out[at + g] = lv;
+          var_out[at + g] = v >= 1.0 ? 0.0 : sigma2;
+          if constexpr (kType == 0) q_out[at + g] = static_cast<std::int32_t>(lv * 128.0);
+        }
+      };
+      if (frac == 0.0) {
+        // Whole lines of motion (or none): the interpolation adds a zero to a non-negative
+        // profile, so reading the line itself gives the same level.
+        group_levels([&](std::size_t g) { return p0[g] * gain; });
+      } else {
+        group_levels([&](std::size_t g) { return (p0[g] + (p1[g] - p0[g]) * frac) * gain; });
       }
-    };
-    if (frac == 0.0) {
-      // Whole lines of motion (or none): the interpolation adds a zero to a non-negative
-      // profile, so reading the line itself gives the same level.
-      group_levels([&](std::size_t g) { return p0[g] * gain; });
-    } else {
-      group_levels([&](std::size_t g) { return (p0[g] + (p1[g] - p0[g]) * frac) * gain; });
     }
-    const double* levels = lv_out;
-    const double* variances = var_out;
+    const std::size_t windows = static_cast<std::size_t>(count) * cols;
     // Pairwise sums: the groups are independent, the additions need not wait on each other.
     if constexpr (kType == 0) {
       // The compand curve's line is a lookup per group: sum the codes as they come.
-      for (std::size_t c = 0; c < cols; ++c) {
-        const double* k = levels + c * kGroups;
-        const double* v = variances + c * kGroups;
+      for (std::size_t c = 0; c < windows; ++c) {
+        const double* k = lv_out + c * kGroups;
+        const double* v = var_out + c * kGroups;
         const std::int32_t* q = q_out + c * kGroups;
         const CompandLines::Line& l0 = compand.At(q[0]);
         const CompandLines::Line& l1 = compand.At(q[1]);
@@ -524,17 +531,18 @@ void SceneSimulator::Generate(std::int32_t index, double exposure_s, Frame& fram
         }
       }
     } else {
-      for (std::size_t c = 0; c < cols; ++c) {
-        const double* k = levels + c * kGroups;
-        const double* v = variances + c * kGroups;
+      for (std::size_t c = 0; c < windows; ++c) {
+        const double* k = lv_out + c * kGroups;
+        const double* v = var_out + c * kGroups;
         sum[c] = (k[0] + k[1]) + (k[2] + k[3]);
         sd[c] = std::sqrt((v[0] + v[1]) + (v[2] + v[3]));
       }
     }
     if (noisy) {
-      for (std::size_t c = 0; c < cols; ++c) sum[c] += sd[c] * noise.Normal();
+      for (std::size_t c = 0; c < windows; ++c) sum[c] += sd[c] * noise.Normal();
     }
-    for (std::size_t c = 0; c < cols; ++c) {
+    std::int64_t* out = frame.grid.data() + static_cast<std::size_t>(first) * cols;
+    for (std::size_t c = 0; c < windows; ++c) {
       // Values are non-negative: adding a half and truncating rounds to nearest.
       if constexpr (kType == 0) {
         // Half a window of 16-bit codes (257 x the 8-bit code), scaled down for wide windows.
@@ -557,15 +565,16 @@ void SceneSimulator::Generate(std::int32_t index, double exposure_s, Frame& fram
       }
     }
   };
-  for (std::int32_t r = 0; r < rows; ++r) {
+  for (std::int32_t first = 0; first < rows; first += kBlockRows) {
+    const std::int32_t count = std::min(kBlockRows, rows - first);
     if (sensor_.type == 1) {
-      render.template operator()<1, false>(r);
+      render.template operator()<1, false>(first, count);
     } else if (sensor_.type == 2) {
-      render.template operator()<2, false>(r);
+      render.template operator()<2, false>(first, count);
     } else if (sensor_.zhdr) {
-      render.template operator()<0, true>(r);
+      render.template operator()<0, true>(first, count);
     } else {
-      render.template operator()<0, false>(r);
+      render.template operator()<0, false>(first, count);
     }
   }
 }
