@@ -58,10 +58,12 @@ constexpr std::int64_t rshift_round64(std::int64_t v, int k) {
   return wrap_add64(v, v >= 0 ? half : half - 1) >> k;
 }
 // The same in 32 bits; the rounding addition wraps like the rest of 32-bit band arithmetic.
-constexpr std::int32_t rshift_round32(std::int32_t v, int k) {
-  if (k <= 0) return v;
+constexpr std::int32_t rshift_round32_positive(std::int32_t v, int k) {  // k >= 1
   const std::int32_t half = std::int32_t{1} << (k - 1);
   return wrap_add32(v, v >= 0 ? half : half - 1) >> k;
+}
+constexpr std::int32_t rshift_round32(std::int32_t v, int k) {
+  return k <= 0 ? v : rshift_round32_positive(v, k);
 }
 // v / 256, rounded half away from zero: the common "round8" of the despike rebuild.
 constexpr std::int64_t round8_64(std::int64_t v) {

@@ -95,19 +95,32 @@ struct FlkFrameScorer {
         static_cast<std::uint32_t>(k) > n - 1 ? n - 1 : static_cast<std::uint32_t>(k);
     return TermsOf(f[j], m);
   }
+  // The deviation of fk from m, clamped, in Q8. The shift is 32-bit on purpose: d = +2^23
+  // becomes INT32_MIN, so a saturated positive deviation scores as a large negative one.
+  static std::int32_t DeviationQ8(std::int32_t fk, std::int32_t m) {
+    const std::int32_t d = fx::clamp32(fx::wrap_sub32(fk, m), -kDeviationClamp, kDeviationClamp);
+    return fx::wrap_shl32(d, 8);
+  }
+  std::int32_t ScoreAt(std::int32_t z) const {
+    return fx::wrap_sub32(fx::wrap_add32(fx::wrap_sub32(own[3], other[3]), LikelihoodTerm(z, own)),
+                          LikelihoodTerm(z, other));
+  }
   // Terms of the scored feature's value fk against the divisor m.
   FlkScoreTerms TermsOf(std::int32_t fk, std::int32_t m) const {
-    const std::int32_t d = fx::clamp32(fx::wrap_sub32(fk, m), -kDeviationClamp, kDeviationClamp);
-    // The shift is 32-bit on purpose: d = +2^23 becomes INT32_MIN, so a saturated positive
-    // deviation scores as a large negative one.
-    const std::int32_t z = fx::div_trunc(fx::wrap_shl32(d, 8), m);
+    const std::int32_t z = fx::div_trunc(DeviationQ8(fk, m), m);
     FlkScoreTerms terms{};
     terms.z = z;
     terms.t_own = LikelihoodTerm(z, own);
     terms.t_other = LikelihoodTerm(z, other);
-    terms.score = fx::wrap_sub32(fx::wrap_add32(fx::wrap_sub32(own[3], other[3]), terms.t_own),
-                                 terms.t_other);
+    terms.score = ScoreAt(z);
     return terms;
+  }
+  // TermsOf(fk, m).score for m >= 1, the quotient taken in double precision: the dividend is a
+  // 32-bit integer and m < 2^31, so the truncated double quotient is the integer one (an error
+  // below 2^-53 of the quotient cannot cross an integer). A loop of these vectorises; integer
+  // division does not.
+  std::int32_t ScoreOf(std::int32_t fk, std::int32_t m) const {
+    return ScoreAt(static_cast<std::int32_t>(static_cast<double>(DeviationQ8(fk, m)) / m));
   }
   std::int32_t operator()(const std::int32_t* f, std::uint32_t n) const {
     const std::int32_t mean = OtherMean(f, n, k);

@@ -5,6 +5,7 @@
 #ifndef KESTREL_STANDARD_H
 #define KESTREL_STANDARD_H
 
+#include <cmath>
 #include <cstdint>
 
 #include "decision/decision.h"
@@ -265,6 +266,47 @@ bool flicker_choice_energy_bounds(const FlkChoiceHalf& low, const FlkChoiceHalf&
   return flicker_scale_shift(upper, headroom) == p;
 }
 
+// Features of `n` choices sharing the high half (sums high_re, high_im, length high_length) at
+// one frequency, when every sum fits in 32 bits and every component stays within 2^25 (the caller
+// checks). The component is the sum itself (kComponent 0), its rounding shift by s (1, in 32
+// bits) or its Q7 average trunc(128 x sum / length) (2); the squares, their sum and the energy's
+// rounding shift by p are computed in double precision, where each is an integer below 2^53 and
+// so exact (the average's quotient too: an error below 2^-53 of a quotient whose numerator is
+// below 2^53 cannot cross an integer; the shift is a multiplication by 2^-p of a non-negative
+// value, truncated). Each feature is added, clamped, to the choice's `sum` of all nine. Several
+// choices to a vector, and no 64-bit multiply or shift, which the baseline vector units lack.
+template <int kComponent, bool kRoundEnergies>
+void flicker_narrow_features(const std::int32_t* __restrict low_re,
+                             const std::int32_t* __restrict low_im,
+                             const double* __restrict low_length, std::int32_t high_re,
+                             std::int32_t high_im, double high_length, std::int32_t s,
+                             std::int32_t p, std::uint32_t n, std::int32_t* __restrict out,
+                             std::int32_t* __restrict sum) {
+  const double half = kRoundEnergies ? std::ldexp(1.0, p - 1) : 0.0;
+  const double scale = kRoundEnergies ? std::ldexp(1.0, -p) : 1.0;
+  for (std::uint32_t i = 0; i < n; ++i) {
+    std::int32_t re = low_re[i] + high_re;
+    std::int32_t im = low_im[i] + high_im;
+    if constexpr (kComponent == 1) {
+      re = fx::rshift_round32_positive(re, s);
+      im = fx::rshift_round32_positive(im, s);
+    } else if constexpr (kComponent == 2) {
+      // The lengths come divided by 128 (exact, as is their sum): x / (length / 128) is the
+      // correctly rounded 128 x / length.
+      const double length = low_length[i] + high_length;
+      re = static_cast<std::int32_t>(re / length);
+      im = static_cast<std::int32_t>(im / length);
+    }
+    const double dre = re;
+    const double dim = im;
+    double e = dre * dre + dim * dim;
+    if constexpr (kRoundEnergies) e = (e + half) * scale;
+    out[i] = static_cast<std::int32_t>(e);
+    sum[i] = fx::wrap_add32(
+        sum[i], fx::clamp32(out[i], -FlkFrameScorer::kFeatureClamp, FlkFrameScorer::kFeatureClamp));
+  }
+}
+
 // Choice q = hi x low.count + lo in increasing q. component(sum, length) gives the value whose
 // square enters the energy; the nine energies of every choice are scaled by the common shift of
 // the largest of all (from `largest`) and scored; the first choice scoring strictly above
@@ -330,36 +372,104 @@ void flicker_pick_choice(const FlkChoiceHalf& low, const FlkChoiceHalf& high, Co
   constexpr std::uint32_t kBlock = 243;
   std::int32_t features[9][kBlock];
   std::int32_t sums[kBlock];
+  std::int32_t scores[kBlock];
+  static constexpr std::int32_t no_feature[kBlock] = {};  // subtracted when no feature is scored
   const FlkFrameScorer scorer;
   constexpr std::int32_t kClamp = FlkFrameScorer::kFeatureClamp;
   const bool exclude = scorer.k >= 0 && scorer.k < 9;
   const std::int32_t j = static_cast<std::uint32_t>(scorer.k) > 8u ? 8 : scorer.k;
+  // The narrow path, on 32-bit copies of the low half's sums, when the half-sums stay within a
+  // limit L (real frames: about 2^26): a choice's sum within 2L <= 2^30. A rounding shift
+  // (s <= 30, its term within 2^29 more) takes L = 2^(24 + s) up to 2^29, its components within
+  // 2^25; an average over at least min_length samples takes L = 2^17 x min_length up to 2^29,
+  // its components within 128 x 2L / min_length = 2^25. Energies then stay below 2^51 (with
+  // p <= 52 their rounding term below 2^51 too), and with the headroom at most 29 a feature,
+  // below 2^(headroom + 1), fits the 32-bit conversion.
+  std::int32_t low_re32[9][kBlock];
+  std::int32_t low_im32[9][kBlock];
+  constexpr std::int64_t kWide = std::int64_t{1} << 29;
+  std::int32_t narrow_kind = -1;
+  std::int64_t limit = 0;
+  if (low.length == nullptr && bound_shift >= 0 && bound_shift <= 30) {
+    narrow_kind = bound_shift > 0 ? 1 : 0;
+    limit = bound_shift < 5 ? std::int64_t{1} << (24 + bound_shift) : kWide;
+  } else if (low.length != nullptr && min_length > 0) {
+    narrow_kind = 2;
+    limit = min_length < 4096 ? min_length << 17 : kWide;
+  }
+  const auto within = [limit](const std::int64_t* v, std::uint32_t count) {
+    bool inside = true;
+    for (std::uint32_t i = 0; i < count; ++i) inside = inside && v[i] < limit && v[i] > -limit;
+    return inside;
+  };
+  const bool narrow = narrow_kind >= 0 && headroom <= 29 && p <= 52 && nl <= kBlock &&
+                      within(low.re, 9 * nl) && within(low.im, 9 * nl) && within(high.re, 9 * nh) &&
+                      within(high.im, 9 * nh);
+  double low_length[kBlock];
+  if (narrow) {
+    for (std::int32_t k = 0; k < 9; ++k) {
+      for (std::uint32_t i = 0; i < nl; ++i) {
+        low_re32[k][i] = fx::low32(low.re[k * nl + i]);
+        low_im32[k][i] = fx::low32(low.im[k * nl + i]);
+      }
+    }
+    if (narrow_kind == 2) {
+      for (std::uint32_t i = 0; i < nl; ++i) low_length[i] = low.length[i] / 128.0;
+    }
+  }
+  const auto narrow_features = [&](std::int32_t k, std::uint32_t hi, std::uint32_t first,
+                                   std::uint32_t n, std::int32_t* out, std::int32_t* sum) {
+    const std::int32_t* lr = low_re32[k] + first;
+    const std::int32_t* li = low_im32[k] + first;
+    const double* ll = low_length + first;
+    const std::int32_t hr = fx::low32(high.re[k * nh + hi]);
+    const std::int32_t him = fx::low32(high.im[k * nh + hi]);
+    const double hl = low.length == nullptr ? 0.0 : high.length[hi] / 128.0;
+    const std::int32_t s = bound_shift;
+    switch (narrow_kind * 2 + (p > 0 ? 1 : 0)) {
+      case 0:
+        return flicker_narrow_features<0, false>(lr, li, ll, hr, him, hl, s, p, n, out, sum);
+      case 1:
+        return flicker_narrow_features<0, true>(lr, li, ll, hr, him, hl, s, p, n, out, sum);
+      case 2:
+        return flicker_narrow_features<1, false>(lr, li, ll, hr, him, hl, s, p, n, out, sum);
+      case 3:
+        return flicker_narrow_features<1, true>(lr, li, ll, hr, him, hl, s, p, n, out, sum);
+      case 4:
+        return flicker_narrow_features<2, false>(lr, li, ll, hr, him, hl, s, p, n, out, sum);
+      default:
+        return flicker_narrow_features<2, true>(lr, li, ll, hr, him, hl, s, p, n, out, sum);
+    }
+  };
   for (std::uint32_t hi = 0; hi < nh; ++hi) {
     for (std::uint32_t first = 0; first < nl; first += kBlock) {
       const std::uint32_t n = nl - first < kBlock ? nl - first : kBlock;
+      for (std::uint32_t i = 0; i < n; ++i) sums[i] = 0;
       for (std::int32_t k = 0; k < 9; ++k) {
         std::int32_t* __restrict out = features[k];
+        if (narrow) {
+          narrow_features(k, hi, first, n, out, sums);
+          continue;
+        }
         for (std::uint32_t i = 0; i < n; ++i) {
           const std::int64_t e = energy(k, hi, first + i, length_of(hi, first + i));
           out[i] = fx::low32(p > 0 ? fx::rshift_round64(e, p) : e);
+          sums[i] = fx::wrap_add32(sums[i], fx::clamp32(out[i], -kClamp, kClamp));
         }
       }
-      for (std::uint32_t i = 0; i < n; ++i) sums[i] = 0;
-      for (std::int32_t k = 0; k < 9; ++k) {
-        const std::int32_t* __restrict f = features[k];
-        for (std::uint32_t i = 0; i < n; ++i) {
-          sums[i] = fx::wrap_add32(sums[i], fx::clamp32(f[i], -kClamp, kClamp));
-        }
-      }
+      // Every score first (a vectorised pass), then the first strictly above the best.
+      const std::int32_t* __restrict excluded = exclude ? features[scorer.k] : no_feature;
+      const std::int32_t* __restrict scored = features[j];
       for (std::uint32_t i = 0; i < n; ++i) {
-        std::int32_t others = sums[i];
-        if (exclude)
-          others = fx::wrap_sub32(others, fx::clamp32(features[scorer.k][i], -kClamp, kClamp));
+        const std::int32_t others =
+            fx::wrap_sub32(sums[i], fx::clamp32(excluded[i], -kClamp, kClamp));
         const std::int32_t mean =
             static_cast<std::int32_t>(static_cast<std::uint32_t>(others) / 8u);
-        const std::int32_t score = scorer.TermsOf(features[j][i], mean > 1 ? mean : 1).score;
-        if (score > best_score) {
-          best_score = score;
+        scores[i] = scorer.ScoreOf(scored[i], mean > 1 ? mean : 1);
+      }
+      for (std::uint32_t i = 0; i < n; ++i) {
+        if (scores[i] > best_score) {
+          best_score = scores[i];
           for (std::int32_t k = 0; k < 9; ++k) freq_out[k] = features[k][i];
         }
       }

@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <ostream>
+#include <random>
 #include <vector>
 
 #include "decision/decision.h"
@@ -64,6 +65,36 @@ TEST_F(LibraryTest, FeatureIndexThreeInState50ScoresThe100HzFeature) {
   freq_feature_index[0] = 3;
   const std::int32_t f[9] = {100, 100, 100, 356, 100, 100, 100, 100, 100};
   EXPECT_EQ(get_current_llr(f, 9), 91);
+}
+
+// The choice search scores with a double-precision quotient: the same score as the integer
+// division for every divisor from 1, at the clamps, the deliberate INT32_MIN shift and with
+// tables whose slopes wrap.
+TEST(FrameScorer, DoubleQuotientScoresAsTheIntegerOne) {
+  FlkFrameScorer scorer;
+  const std::vector<std::vector<std::int32_t>> tables = {
+      {0, 381, 749, 288}, {655, -0x7fffffff, 0x7fffffff, -5}, {INT32_MIN, 1 << 20, -(1 << 20), 0}};
+  const std::vector<std::int32_t> values = {
+      INT32_MIN, INT32_MIN + 1, -0x800001, -0x800000, -1,       0,        1,
+      2,         255,           0x7fffff,  0x800000,  0x800001, INT32_MAX};
+  std::mt19937 rng(11);
+  for (std::size_t t = 0; t < tables.size(); ++t) {
+    for (int i = 0; i < 4; ++i) {
+      scorer.own[i] = tables[t][i];
+      scorer.other[i] = tables[(t + 1) % tables.size()][i];
+    }
+    std::vector<std::int32_t> fks = values;
+    std::vector<std::int32_t> ms = {1, 2, 3, 7, 8, 255, 65537, 0x800000, 1 << 30, INT32_MAX};
+    for (int r = 0; r < 200; ++r) {
+      fks.push_back(static_cast<std::int32_t>(rng()) >> (rng() % 32));
+      ms.push_back(1 + static_cast<std::int32_t>(rng() % 0x7fffffffu >> (rng() % 31)));
+    }
+    for (const std::int32_t fk : fks) {
+      for (const std::int32_t m : ms) {
+        ASSERT_EQ(scorer.ScoreOf(fk, m), scorer.TermsOf(fk, m).score) << fk << " / " << m;
+      }
+    }
+  }
 }
 
 }  // namespace

@@ -5,6 +5,7 @@
 
 #include <array>
 #include <cstdint>
+#include <random>
 #include <string>
 #include <utility>
 #include <vector>
@@ -153,5 +154,85 @@ TEST_F(FrequencyTest, RobustRefusesLayoutsOutsideTheTables) {
   EXPECT_EQ(log.Lines().size(), 4u);
   EXPECT_TRUE(log.Contains("[flicker_compute_freq_robust] refused: 17 segments above 16"));
 }
+
+// Features of the narrow choice search (32-bit sums, double-precision squares, quotients and
+// rounding) against the 64-bit arithmetic, over the sums the narrow path admits: up to its limit
+// for each component (the sum, its rounding shift by s, its Q7 average over a length) and energy
+// shifts p that keep the features below 2^30, as the common scale does.
+struct NarrowCase {
+  const char* name;
+  int component;
+  std::int32_t s;
+  std::int32_t p;
+  std::int64_t limit;  // half-sums within +-limit
+};
+
+class NarrowFeatures : public ::testing::TestWithParam<NarrowCase> {};
+
+TEST_P(NarrowFeatures, EqualTheWideArithmetic) {
+  const NarrowCase& c = GetParam();
+  std::mt19937_64 rng(5);
+  const auto draw = [&](std::int64_t limit) -> std::int32_t {
+    const int bits = static_cast<int>(rng() % 31);
+    const std::int64_t top = std::min<std::int64_t>(limit - 1, (std::int64_t{1} << bits));
+    const std::int64_t v = static_cast<std::int64_t>(rng() % static_cast<std::uint64_t>(top + 1));
+    return static_cast<std::int32_t>(rng() % 2 ? -v : v);
+  };
+  int checked = 0;
+  for (int trial = 0; trial < 20000; ++trial) {
+    const bool edge = trial < 64;  // the limits themselves, both signs
+    const std::int32_t lre =
+        edge ? static_cast<std::int32_t>((trial & 1 ? 1 : -1) * (c.limit - 1)) : draw(c.limit);
+    const std::int32_t lim =
+        edge ? static_cast<std::int32_t>((trial & 2 ? 1 : -1) * (c.limit - 1)) : draw(c.limit);
+    const std::int32_t hre =
+        edge ? static_cast<std::int32_t>((trial & 4 ? 1 : -1) * (c.limit - 1)) : draw(c.limit);
+    const std::int32_t him = draw(c.limit);
+    // Lengths of at least 4096 samples in all (the limits above assume it for the average).
+    const std::int32_t llen = 1 + static_cast<std::int32_t>(rng() % 50000);
+    const std::int32_t hlen = 4096 + static_cast<std::int32_t>(rng() % (edge ? 1 : 1 << 29));
+    const auto component = [&](std::int64_t sum) -> std::int64_t {
+      if (c.component == 1) return fx::rshift_round64(sum, c.s);
+      if (c.component == 2) return fx::div_trunc<std::int64_t>(sum * 128, llen + hlen);
+      return sum;
+    };
+    const std::int64_t re = component(std::int64_t{lre} + hre);
+    const std::int64_t im = component(std::int64_t{lim} + him);
+    const std::int64_t wide = fx::rshift_round64(re * re + im * im, c.p);
+    if (wide >= (std::int64_t{1} << 30)) continue;  // the common scale keeps features below
+    std::int32_t out = -1;
+    std::int32_t sum = 7;
+    const double lq = llen / 128.0;
+    const double hq = hlen / 128.0;
+    const auto run = [&]<int kComponent>() {
+      if (c.p > 0) {
+        flicker_narrow_features<kComponent, true>(&lre, &lim, &lq, hre, him, hq, c.s, c.p, 1, &out,
+                                                  &sum);
+      } else {
+        flicker_narrow_features<kComponent, false>(&lre, &lim, &lq, hre, him, hq, c.s, c.p, 1, &out,
+                                                   &sum);
+      }
+    };
+    if (c.component == 0) run.template operator()<0>();
+    if (c.component == 1) run.template operator()<1>();
+    if (c.component == 2) run.template operator()<2>();
+    ASSERT_EQ(out, wide) << lre << " " << lim << " " << hre << " " << him;
+    ASSERT_EQ(sum, 7 + std::min<std::int64_t>(wide, FlkFrameScorer::kFeatureClamp));
+    ++checked;
+  }
+  EXPECT_GT(checked, 1000);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Limits, NarrowFeatures,
+    ::testing::Values(NarrowCase{"PlainSums", 0, 0, 22, std::int64_t{1} << 24},
+                      NarrowCase{"PlainSmall", 0, 0, 0, 1 << 14},
+                      NarrowCase{"ShiftByOne", 1, 1, 21, std::int64_t{1} << 25},
+                      NarrowCase{"ShiftByNine", 1, 9, 14, std::int64_t{1} << 29},
+                      NarrowCase{"ShiftByThirty", 1, 30, 0, std::int64_t{1} << 29},
+                      NarrowCase{"AverageCoarse", 2, 0, 20, std::int64_t{1} << 29},
+                      NarrowCase{"AverageFine", 2, 0, 0, std::int64_t{1} << 29},
+                      NarrowCase{"LargestShift", 1, 5, 52, std::int64_t{1} << 29}),
+    [](const ::testing::TestParamInfo<NarrowCase>& info) { return info.param.name; });
 
 }  // namespace
