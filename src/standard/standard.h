@@ -273,17 +273,16 @@ bool flicker_choice_energy_bounds(const FlkChoiceHalf& low, const FlkChoiceHalf&
 // rounding shift by p are computed in double precision, where each is an integer below 2^53 and
 // so exact (the average's quotient too: an error below 2^-53 of a quotient whose numerator is
 // below 2^53 cannot cross an integer; the shift is a multiplication by 2^-p of a non-negative
-// value, truncated). Each feature is added, clamped, to the choice's `sum` of all nine. Several
+// value, truncated: `half` = 2^(p-1) and `scale` = 2^-p). Each feature is added, clamped, to the
+// choice's `sum` of all nine. Several
 // choices to a vector, and no 64-bit multiply or shift, which the baseline vector units lack.
 template <int kComponent, bool kRoundEnergies>
 void flicker_narrow_features(const std::int32_t* __restrict low_re,
                              const std::int32_t* __restrict low_im,
                              const double* __restrict low_length, std::int32_t high_re,
-                             std::int32_t high_im, double high_length, std::int32_t s,
-                             std::int32_t p, std::uint32_t n, std::int32_t* __restrict out,
+                             std::int32_t high_im, double high_length, std::int32_t s, double half,
+                             double scale, std::uint32_t n, std::int32_t* __restrict out,
                              std::int32_t* __restrict sum) {
-  const double half = kRoundEnergies ? std::ldexp(1.0, p - 1) : 0.0;
-  const double scale = kRoundEnergies ? std::ldexp(1.0, -p) : 1.0;
   for (std::uint32_t i = 0; i < n; ++i) {
     std::int32_t re = low_re[i] + high_re;
     std::int32_t im = low_im[i] + high_im;
@@ -417,6 +416,9 @@ void flicker_pick_choice(const FlkChoiceHalf& low, const FlkChoiceHalf& high, Co
       for (std::uint32_t i = 0; i < nl; ++i) low_length[i] = low.length[i] / 128.0;
     }
   }
+  // The energy's rounding shift by p as a multiplication: its half and 2^-p.
+  const double half = p > 0 ? std::ldexp(1.0, p - 1) : 0.0;
+  const double scale = std::ldexp(1.0, -p);
   const auto narrow_features = [&](std::int32_t k, std::uint32_t hi, std::uint32_t first,
                                    std::uint32_t n, std::int32_t* out, std::int32_t* sum) {
     const std::int32_t* lr = low_re32[k] + first;
@@ -428,17 +430,23 @@ void flicker_pick_choice(const FlkChoiceHalf& low, const FlkChoiceHalf& high, Co
     const std::int32_t s = bound_shift;
     switch (narrow_kind * 2 + (p > 0 ? 1 : 0)) {
       case 0:
-        return flicker_narrow_features<0, false>(lr, li, ll, hr, him, hl, s, p, n, out, sum);
+        return flicker_narrow_features<0, false>(lr, li, ll, hr, him, hl, s, half, scale, n, out,
+                                                 sum);
       case 1:
-        return flicker_narrow_features<0, true>(lr, li, ll, hr, him, hl, s, p, n, out, sum);
+        return flicker_narrow_features<0, true>(lr, li, ll, hr, him, hl, s, half, scale, n, out,
+                                                sum);
       case 2:
-        return flicker_narrow_features<1, false>(lr, li, ll, hr, him, hl, s, p, n, out, sum);
+        return flicker_narrow_features<1, false>(lr, li, ll, hr, him, hl, s, half, scale, n, out,
+                                                 sum);
       case 3:
-        return flicker_narrow_features<1, true>(lr, li, ll, hr, him, hl, s, p, n, out, sum);
+        return flicker_narrow_features<1, true>(lr, li, ll, hr, him, hl, s, half, scale, n, out,
+                                                sum);
       case 4:
-        return flicker_narrow_features<2, false>(lr, li, ll, hr, him, hl, s, p, n, out, sum);
+        return flicker_narrow_features<2, false>(lr, li, ll, hr, him, hl, s, half, scale, n, out,
+                                                 sum);
       default:
-        return flicker_narrow_features<2, true>(lr, li, ll, hr, him, hl, s, p, n, out, sum);
+        return flicker_narrow_features<2, true>(lr, li, ll, hr, him, hl, s, half, scale, n, out,
+                                                sum);
     }
   };
   for (std::uint32_t hi = 0; hi < nh; ++hi) {

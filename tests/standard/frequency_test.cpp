@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <array>
+#include <cmath>
 #include <cstdint>
 #include <random>
 #include <string>
@@ -204,13 +205,15 @@ TEST_P(NarrowFeatures, EqualTheWideArithmetic) {
     std::int32_t sum = 7;
     const double lq = llen / 128.0;
     const double hq = hlen / 128.0;
+    const double half = c.p > 0 ? std::ldexp(1.0, c.p - 1) : 0.0;
+    const double scale = std::ldexp(1.0, -c.p);
     const auto run = [&]<int kComponent>() {
       if (c.p > 0) {
-        flicker_narrow_features<kComponent, true>(&lre, &lim, &lq, hre, him, hq, c.s, c.p, 1, &out,
-                                                  &sum);
+        flicker_narrow_features<kComponent, true>(&lre, &lim, &lq, hre, him, hq, c.s, half, scale,
+                                                  1, &out, &sum);
       } else {
-        flicker_narrow_features<kComponent, false>(&lre, &lim, &lq, hre, him, hq, c.s, c.p, 1, &out,
-                                                   &sum);
+        flicker_narrow_features<kComponent, false>(&lre, &lim, &lq, hre, him, hq, c.s, half, scale,
+                                                   1, &out, &sum);
       }
     };
     if (c.component == 0) run.template operator()<0>();
