@@ -226,6 +226,21 @@ TEST_P(NarrowFeatures, EqualTheWideArithmetic) {
   EXPECT_GT(checked, 1000);
 }
 
+// Half-sums of 3 x 2^29 add up past 32 bits: the search takes the 64-bit path. The component
+// (3 x 2^30) / 2^9 = 3 x 2^21 squares to 9 x 2^42, the common shift is 24 (headroom 21) and the
+// feature 9 x 2^18.
+TEST(NarrowFeatures, SumsPastTheLimitTakeTheWidePath) {
+  std::int64_t re[9] = {std::int64_t{3} << 29};
+  std::int64_t im[9] = {};
+  const FlkChoiceHalf half{re, im, nullptr, 1};
+  Features out = All(-1);
+  std::int32_t best = INT32_MIN;
+  flicker_pick_choice(
+      half, half, [](std::int64_t sum, std::int32_t) { return fx::rshift_round64(sum, 9); }, 9, 0,
+      21, out.data(), best);
+  EXPECT_EQ(out, (Features{2359296, 0, 0, 0, 0, 0, 0, 0, 0}));
+}
+
 INSTANTIATE_TEST_SUITE_P(
     Limits, NarrowFeatures,
     ::testing::Values(NarrowCase{"PlainSums", 0, 0, 22, std::int64_t{1} << 24},
