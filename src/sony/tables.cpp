@@ -24,6 +24,50 @@ std::int32_t table_top(std::int32_t window_width, std::int32_t s) {
   return fx::low32((half * 1024 - half) >> s);
 }
 
+// Log-table entries trunc(scale x log10(x) + 0.5) for rising x at a log10 per 1/256 of x's range
+// instead of one per entry. From an anchor a, log10(x) continues as log10(a) + ln(1 + u) / ln 10
+// with u = (x - a) / a below 2^-8 and ln(1 + u) to four terms: the series' error (u^5 / 5) and the
+// rounding, libm's own included, stay below 1e-8 of an entry. Only a value within kGuard of a whole
+// number could truncate differently, and there the entry is taken from the direct expression: the
+// table is the direct expression's, entry for entry.
+class LogEntries {
+ public:
+  explicit LogEntries(double scale) : scale_(scale), slope_(scale * 0.43429448190325182) {}
+
+  std::int32_t operator()(std::int64_t x) {
+    last_x_ = x;
+    if (x < kFirstAnchor) return flicker_trunc_entry(Direct(x));
+    if (x < anchor_ || x > anchor_end_) {
+      anchor_ = x;
+      anchor_end_ = x + (x >> 8);
+      inverse_ = 1.0 / static_cast<double>(x);
+      at_anchor_ = Direct(x);
+    }
+    const double u = static_cast<double>(x - anchor_) * inverse_;
+    const double y = at_anchor_ + slope_ * (u * (1.0 - u * (0.5 - u * (1.0 / 3.0 - u * 0.25))));
+    const auto below = static_cast<std::int32_t>(y - kGuard);
+    if (below == static_cast<std::int32_t>(y + kGuard)) return below;
+    return flicker_trunc_entry(Direct(x));
+  }
+
+  // The last entry's value before truncation, as the direct expression gives it.
+  double Last() const { return Direct(last_x_); }
+
+ private:
+  static constexpr std::int64_t kFirstAnchor = 1024;  // below it, anchors would come every entry
+  static constexpr double kGuard = 1e-6;
+
+  double Direct(std::int64_t x) const { return scale_ * std::log10(static_cast<double>(x)) + 0.5; }
+
+  double scale_;
+  double slope_;  // scale / ln 10
+  std::int64_t anchor_ = 0;
+  std::int64_t anchor_end_ = -1;
+  double inverse_ = 0.0;
+  double at_anchor_ = 0.0;
+  std::int64_t last_x_ = 0;
+};
+
 }  // namespace
 
 void flicker_init_SONY(std::int32_t line_length, std::int32_t column_length,
@@ -106,19 +150,36 @@ double calCompTable_SONY(std::int32_t window_width, std::int32_t* table, std::in
     thr[i] = fx::wrap_mul32(half, kKnot[i]) >> shift;
     base[i + 1] = fx::wrap_shl32(half, 8 + (i + 1) - shift);  // the linear value doubles a knot
   }
-  double last = 0.0;
-  for (std::int32_t i = 0; i <= top; ++i) {
-    const std::int64_t v = std::int64_t{i} + 1;
-    std::int32_t seg = 0;
+  LogEntries entries(scale);
+  std::int32_t seg = 0;
+  std::int64_t v = 1;
+  const std::int64_t last_v = std::int64_t{top} + 1;
+  while (v <= last_v) {
+    // An entry's segment is the first whose threshold it does not pass. The earlier segments'
+    // thresholds are below v and stay below as v grows, so the segment holds up to its own
+    // threshold, in order or not (a 32-bit wrap of half x knot breaks the order for direct
+    // callers).
     while (seg < 7 && v > thr[seg]) ++seg;
+    const std::int64_t end = seg < 7 && thr[seg] < last_v ? thr[seg] : last_v;
+    // from is below v, so the quotient is of positive values and is carried from entry to entry
+    // instead of divided anew.
     const std::int64_t from = seg == 0 ? 0 : thr[seg - 1];
     // Slope 512 x 2^(seg - 1) per segment width (512 for the first two segments).
     const std::int64_t gain = std::int64_t{512} << (seg == 0 ? 0 : seg - 1);
-    const std::int64_t x = base[seg] + (gain * (v - from)) / kWidth[seg];
-    last = scale * std::log10(static_cast<double>(x)) + 0.5;
-    table[i + 1] = flicker_trunc_entry(last);
+    const std::int64_t width = kWidth[seg];
+    const std::int64_t step_q = gain / width, step_r = gain % width;
+    std::int64_t q = gain * (v - from) / width, r = gain * (v - from) % width;
+    for (; v <= end; ++v) {
+      table[v] = entries(base[seg] + q);
+      q += step_q;
+      r += step_r;
+      if (r >= width) {
+        r -= width;
+        ++q;
+      }
+    }
   }
-  return last;
+  return entries.Last();
 }
 
 void calFftTable_SONY(std::int32_t line_length, std::int32_t width, std::int32_t count, double pclk,

@@ -49,6 +49,35 @@ TEST_F(SonyTables, LogEntriesAtKnotsAndEnds) {
   }
 }
 
+// Whole tables, digested (FNV-1a over the 32-bit entries) as the per-entry log10 expression built
+// them: the series between anchors and the guard must give the same table entry for entry.
+TEST(SonyLogTable, WholeTablesAsTheDirectExpressionBuiltThem) {
+  struct Case {
+    std::int32_t window_width, shift;
+    std::size_t entries;
+    std::uint64_t digest;
+    double last;  // the last entry before truncation
+  };
+  const Case cases[] = {
+      {2, 0, 1025, 0x31b3f4de602fa922u, 65545.230027837},
+      {300, 0, 153452, 0x16270690bf5392a0u, 37129.809063427},
+      {1024, 2, 130946, 0x2d2c878bfc922db5u, 38649.377365321},
+      {4096, 3, 261890, 0xe34607ca6471b70au, 42509.705638533},
+      {65536, 4, 2095106, 0x2cd58d038c3140aau, 53620.047759952},
+      {100000, 9, 99904, 0x19ccbce6dca13072u, 44901.261738350},
+      {1, 0, 2, 0x08567407b52879f1u, 27668.097028393},   // half 0: every threshold 0
+      {2, 5, 33, 0x003fbb822daa081du, 45237.648038260},  // an entry at a knot's threshold
+  };
+  for (const Case& c : cases) {
+    std::vector<std::int32_t> table(c.entries);
+    EXPECT_NEAR(calCompTable_SONY(c.window_width, table.data(), c.shift), c.last, 1e-6);
+    std::uint64_t digest = 14695981039346656037u;
+    for (const std::int32_t e : table)
+      digest = (digest ^ static_cast<std::uint32_t>(e)) * 1099511628211u;
+    EXPECT_EQ(digest, c.digest) << c.window_width << " >> " << c.shift;
+  }
+}
+
 TEST_F(SonyTables, TrigonometricRowsAtLineInstants) {
   flicker_init_SONY(3000, 1080, 2, 180e6);  // one line = 3000 / 180 MHz
   const std::int32_t w = g_flkTabW;
