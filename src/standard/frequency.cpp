@@ -7,11 +7,31 @@
 #include "fixed_point.h"
 #include "interface/interface.h"
 
+namespace {
+constexpr std::int32_t kExactSumLength = 12000;
+}  // namespace
+
 void flicker_partial_sums(const std::int32_t* signal, std::int32_t length, std::int32_t k,
                           std::int32_t column, std::int64_t& re, std::int64_t& im) {
   const std::int32_t* cos_row = g_flkTab1 + k * g_flkTabW + column;
   const std::int32_t* sin_row = g_flkTab2 + k * g_flkTabW + column;
-  // 64-bit: 32-bit samples times entries of at most 255, over at most 12000 samples.
+  if (length <= kExactSumLength) {
+    // A 32-bit sample times an entry of at most 255 is below 2^39 in size, and up to 12000 of
+    // them sum below 2^53: every partial sum, in whatever order, is an integer a double holds
+    // exactly, so the sums may be reordered into vectors (the baseline ISA has no 64-bit
+    // multiply, but two doubles to a vector).
+    double c = 0.0;
+    double s = 0.0;
+#pragma omp simd reduction(+ : c, s)
+    for (std::int32_t n = 0; n < length; ++n) {
+      const double x = signal[n];
+      c += x * cos_row[n];
+      s += x * sin_row[n];
+    }
+    re = static_cast<std::int64_t>(c);
+    im = static_cast<std::int64_t>(s);
+    return;
+  }
   std::int64_t c = 0;
   std::int64_t s = 0;
   for (std::int32_t n = 0; n < length; ++n) {

@@ -11,6 +11,7 @@
 #include <utility>
 #include <vector>
 
+#include "sony/sony.h"
 #include "standard/standard.h"
 #include "support.h"
 
@@ -94,6 +95,30 @@ TEST_F(FrequencyTest, SignalLongerThanTheTablesIsRefused) {
   EXPECT_EQ(Compute(V(501, 3)), All(-1));
   EXPECT_TRUE(
       log.Contains("[flicker_compute_freq] refused: 501 samples beyond the table width 500"));
+}
+
+// The correlation sums at their largest: 12000 samples of the extreme 32-bit values, signed as the
+// cosine row so every product adds, sum to about 2^52 and must come out to the last unit.
+TEST_F(FrequencyTest, PartialSumsExactAtTheLongestSignalOfExtremeSamples) {
+  flicker_init_SONY(3000, 12000, 2, 180e6);  // W = 12032
+  struct Case {
+    std::int32_t k, column, length;
+    std::int64_t re, im;
+  };
+  const Case cases[] = {{4, 0, 12000, 4183057627161480, 0},
+                        {4, 1, 11999, 4182510018831495, 0},
+                        {3, 0, 12000, 4183298145330000, 85899345900},
+                        {3, 1, 11999, 4182750537000015, 85899345900}};
+  for (const Case& c : cases) {
+    V signal(12000);
+    for (std::int32_t n = 0; n < 12000; ++n) {
+      signal[n] = g_flkTab1[c.k * g_flkTabW + n] >= 0 ? INT32_MAX : INT32_MIN;
+    }
+    std::int64_t re = 0, im = 0;
+    flicker_partial_sums(signal.data() + c.column, c.length, c.k, c.column, re, im);
+    EXPECT_EQ(re, c.re) << c.k << " " << c.column;
+    EXPECT_EQ(im, c.im) << c.k << " " << c.column;
+  }
 }
 
 // The signal after bridging the junctions the offsets mark.
