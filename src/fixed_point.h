@@ -28,6 +28,11 @@ constexpr std::int32_t wrap_neg32(std::int32_t a) {
 constexpr std::int32_t wrap_abs32(std::int32_t a) {
   return a < 0 ? wrap_neg32(a) : a;
 }
+// |a - b| exactly, as an unsigned value (below 2^32), without forming a 64-bit difference.
+constexpr std::uint32_t abs_diff32(std::int32_t a, std::int32_t b) {
+  return a > b ? static_cast<std::uint32_t>(a) - static_cast<std::uint32_t>(b)
+               : static_cast<std::uint32_t>(b) - static_cast<std::uint32_t>(a);
+}
 // a << k in 32 bits, bits shifted out are lost (k in 0..31).
 constexpr std::int32_t wrap_shl32(std::int32_t a, int k) {
   return static_cast<std::int32_t>(static_cast<std::uint32_t>(a) << k);

@@ -208,12 +208,12 @@ void align_flicker_SONY_subpixel(std::int32_t* curStats, std::int32_t* prevStats
     for (std::int32_t s = -kMaxShift; s <= kMaxShift; ++s) {
       subpixel_shift_vec_SONY(prev_log, prev_shifted, n, s, kShiftDen);
       convolve_Laplacian_filter_SONY(prev_shifted, lap_prev, n);
-      // At most 1000 rows x 2650: the cost fits 32 bits.
+      // At most 1000 rows x 2650: the cost fits 32 bits. The difference is taken unsigned
+      // (exact, and it vectorises where a 64-bit one would not).
       std::int32_t cost = 0;
       for (std::int32_t i = 0; i < n; ++i) {
-        std::int64_t d = std::int64_t{lap_prev[i]} - lap_cur[i];
-        if (d < 0) d = -d;
-        cost += d < kCostClip ? static_cast<std::int32_t>(d) : kCostClip;
+        const std::uint32_t d = fx::abs_diff32(lap_prev[i], lap_cur[i]);
+        cost += d < std::uint32_t{kCostClip} ? static_cast<std::int32_t>(d) : kCostClip;
       }
       // Ties go to the later shift, for the best and for the second best.
       if (cost <= best_cost) {
