@@ -56,6 +56,33 @@ bool geometry_fits(std::int32_t windows, std::int32_t window_length, std::int32_
   return first <= segment_size && middle <= segment_size && last <= segment_size;
 }
 
+// A shift of s eighths takes its samples from one of eight sequences: the segment itself (whole
+// shifts) or its blend with the next sample at weight w/8 (w = 1..7), read from an offset. The
+// rows the cost scores never reach the edge samples a shift repeats, nor the Laplacian's end
+// rows, so the Laplacian of the shifted segment there is the blend's Laplacian at the same
+// offset. Each blend and its Laplacian is built once per window instead of once per shift.
+struct ShiftTable {
+  std::int32_t blend[kShiftDen][2000];      // [0] unused: whole shifts read the segment
+  std::int32_t laplacian[kShiftDen][2000];  // [0]: the segment's own
+};
+ShiftTable g_shift_table;
+
+// Where shift s reads: sequence w from index j + offset for row j.
+struct ShiftSource {
+  std::int32_t w;
+  std::int32_t offset;
+};
+ShiftSource shift_source(std::int32_t s) {
+  const std::int32_t a = s < 0 ? -s : s;
+  const std::int32_t q = a / kShiftDen;
+  const std::int32_t r = a % kShiftDen;
+  if (s >= 0) return {r, q};
+  // Backward shifts repeat the first q + 1 samples (q for whole shifts) and blend with the
+  // weights swapped.
+  if (r != 0) return {kShiftDen - r, -(q + 1)};
+  return {0, -q};
+}
+
 }  // namespace
 
 void convolve_Laplacian_filter_2x5(std::int32_t* in, std::int32_t* out, std::int32_t n) {
@@ -173,18 +200,37 @@ void align_flicker_subpixel_2x5(std::int32_t* curStats, std::int32_t* prevStats,
     const std::int32_t* const log_curr = vec_log_curr_working_memory + start;
     const std::int32_t* const log_prev = vec_log_prev_working_memory + start;
 
+    // The table holds when every shift keeps rows to score away from the segment's ends.
+    const bool tabulated = seg_len >= 2 * (range / kShiftDen + 1) + 8;
+    if (tabulated) {
+      std::int32_t* const prev = const_cast<std::int32_t*>(log_prev);  // only read
+      convolve_Laplacian_filter_2x5(prev, g_shift_table.laplacian[0], seg_len);
+      for (std::int32_t w = 1; w < kShiftDen; ++w) {
+        subpixel_shift_vec_2x5(log_prev, g_shift_table.blend[w], seg_len, w, kShiftDen);
+        convolve_Laplacian_filter_2x5(g_shift_table.blend[w], g_shift_table.laplacian[w], seg_len);
+      }
+    }
     std::int32_t best_cost = INT32_MAX;
     std::int32_t second_cost = INT32_MAX;
     for (std::int32_t s = -range; s <= range; ++s) {
-      subpixel_shift_vec_2x5(log_prev, seg_prev_log_shift_working_memory, seg_len, s, kShiftDen);
-      convolve_Laplacian_filter_2x5(seg_prev_log_shift_working_memory,
-                                    seg_laplace_prev_working_memory, seg_len);
       const std::int32_t lost_left = s < 0 ? lost_samples(s) : 0;
       const std::int32_t lost_right = s > 0 ? lost_samples(s) : 0;
       const std::int32_t first = 2 + lost_left;
       const std::int32_t scored = seg_len - 4 - lost_left - lost_right;
+      // Row j of the shifted segment and of its Laplacian, from first on.
+      const std::int32_t* shifted = seg_prev_log_shift_working_memory + first;
+      const std::int32_t* laplacian = seg_laplace_prev_working_memory + first;
+      if (tabulated) {
+        const ShiftSource src = shift_source(s);
+        shifted = (src.w == 0 ? log_prev : g_shift_table.blend[src.w]) + src.offset + first;
+        laplacian = g_shift_table.laplacian[src.w] + src.offset + first;
+      } else {
+        subpixel_shift_vec_2x5(log_prev, seg_prev_log_shift_working_memory, seg_len, s, kShiftDen);
+        convolve_Laplacian_filter_2x5(seg_prev_log_shift_working_memory,
+                                      seg_laplace_prev_working_memory, seg_len);
+      }
       const std::int32_t cost = laplace_diff_avg_2x5(
-          seg_laplace_prev_working_memory + first, vec_laplace_curr_working_memory + start + first,
+          const_cast<std::int32_t*>(laplacian), vec_laplace_curr_working_memory + start + first,
           scored, kCostClip, kCostScaleShift);
       std::int32_t* target = nullptr;
       if (cost <= best_cost) {  // ties go to the later shift
@@ -202,10 +248,17 @@ void align_flicker_subpixel_2x5(std::int32_t* curStats, std::int32_t* prevStats,
         target = vec_align2_working_memory;
       }
       if (target != nullptr) {
-        for (std::int32_t j = first; j < first + scored; ++j) {
-          target[start + j] = log_curr[j] - seg_prev_log_shift_working_memory[j];
+        for (std::int32_t j = 0; j < scored; ++j) {
+          target[start + first + j] = log_curr[first + j] - shifted[j];
         }
       }
+    }
+    if (tabulated) {
+      // The scratch of the last shift, as shifting and filtering shift by shift leaves it.
+      subpixel_shift_vec_2x5(log_prev, seg_prev_log_shift_working_memory, seg_len, range,
+                             kShiftDen);
+      convolve_Laplacian_filter_2x5(seg_prev_log_shift_working_memory,
+                                    seg_laplace_prev_working_memory, seg_len);
     }
   }
 
