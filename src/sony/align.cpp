@@ -145,6 +145,98 @@ bool offsets_spread(const std::int32_t* offsets, std::int32_t n) {
   return fx::wrap_sub32(hi, lo) >= fx::wrap_mul32(3, flicker_search_range);
 }
 
+// A shift of s quarter samples reads the window (whole shifts) or its blend with the next sample
+// at weight w/4 (w = 1..3) from an offset, and repeats the first or last sample past it. Away from
+// the ends, the Laplacian of the shifted window is the blend's Laplacian at the same offset; each
+// blend and its Laplacian is built once per window instead of once per shift, and only the few
+// rows near the ends are filtered per shift.
+struct ShiftTable {
+  std::int32_t blend[kShiftDen][kSonyMaxWindowRows];  // [0] unused: whole shifts read the window
+  std::int32_t laplacian[kShiftDen][kSonyMaxWindowRows];  // [0]: the window's own
+};
+ShiftTable g_shift_table;
+constexpr std::int32_t kMinTabulatedRows = 16;
+constexpr std::int32_t kEndRows = 8;  // a slice whose Laplacian holds every row the table does not
+
+void tabulate_shifts(std::int32_t* window, std::int32_t n) {
+  convolve_Laplacian_filter_SONY(window, g_shift_table.laplacian[0], n);
+  for (std::int32_t w = 1; w < kShiftDen; ++w) {
+    subpixel_shift_vec_SONY(window, g_shift_table.blend[w], n, w, kShiftDen);
+    convolve_Laplacian_filter_SONY(g_shift_table.blend[w], g_shift_table.laplacian[w], n);
+  }
+}
+
+// Row j of the window shifted by s: the sequence at j + offset, the window's first or last sample
+// where that falls outside.
+class ShiftedWindow {
+ public:
+  ShiftedWindow(const std::int32_t* window, std::int32_t n, std::int32_t s)
+      : window_(window), n_(n) {
+    const std::int32_t a = s < 0 ? -s : s;
+    const std::int32_t q = a / kShiftDen;
+    const std::int32_t r = a % kShiftDen;
+    // Backward shifts repeat q + 1 leading samples (q for whole shifts), blending with the
+    // weights swapped.
+    const std::int32_t w = s >= 0 || r == 0 ? r : kShiftDen - r;
+    offset_ = s >= 0 ? q : -(q + (r != 0 ? 1 : 0));
+    sequence_ = w == 0 ? window : g_shift_table.blend[w];
+    laplacian_ = g_shift_table.laplacian[w];
+  }
+  std::int32_t At(std::int32_t j) const {
+    const std::int32_t k = j + offset_;
+    return k < 0 ? window_[0] : (k >= n_ ? window_[n_ - 1] : sequence_[k]);
+  }
+  // dst[i] = cur[i] - row i, 32-bit wrapping.
+  void SubtractFrom(const std::int32_t* cur, std::int32_t* dst) const {
+    const std::int32_t lead = fx::clamp32(-offset_, 0, n_);     // rows before the window's start
+    const std::int32_t end = fx::clamp32(n_ - offset_, 0, n_);  // rows up to its end
+    for (std::int32_t i = 0; i < lead; ++i) dst[i] = fx::wrap_sub32(cur[i], window_[0]);
+    const std::int32_t* const row = sequence_ + offset_;
+    for (std::int32_t i = lead; i < end; ++i) dst[i] = fx::wrap_sub32(cur[i], row[i]);
+    for (std::int32_t i = end; i < n_; ++i) dst[i] = fx::wrap_sub32(cur[i], window_[n_ - 1]);
+  }
+  // Rows whose Laplacian the table holds: every tap reads the sequence, away from its ends.
+  std::int32_t FirstInner() const { return 2 + (offset_ < 0 ? -offset_ : 0); }
+  std::int32_t LastInner() const { return n_ - 3 - (offset_ > 0 ? offset_ : 0); }
+  // The Laplacian of row i, for i from FirstInner() to LastInner().
+  const std::int32_t* Laplacian() const { return laplacian_ + offset_; }
+
+ private:
+  const std::int32_t* window_;
+  const std::int32_t* sequence_;
+  const std::int32_t* laplacian_;
+  std::int32_t n_;
+  std::int32_t offset_;
+};
+
+std::int32_t clipped_difference(std::int32_t a, std::int32_t b) {
+  const std::uint32_t d = fx::abs_diff32(a, b);
+  return d < std::uint32_t{kCostClip} ? static_cast<std::int32_t>(d) : kCostClip;
+}
+
+// The cost of a tabulated shift: the table's rows, and the end rows filtered from two slices of
+// the shifted window (a slice's Laplacian equals the whole window's up to two rows from the cut).
+std::int32_t tabulated_cost(const ShiftedWindow& shifted, const std::int32_t* lap_cur,
+                            std::int32_t n) {
+  std::int32_t head[kEndRows], tail[kEndRows], lap_head[kEndRows], lap_tail[kEndRows];
+  for (std::int32_t j = 0; j < kEndRows; ++j) {
+    head[j] = shifted.At(j);
+    tail[j] = shifted.At(n - kEndRows + j);
+  }
+  convolve_Laplacian_filter_SONY(head, lap_head, kEndRows);
+  convolve_Laplacian_filter_SONY(tail, lap_tail, kEndRows);
+  const std::int32_t first = shifted.FirstInner();
+  const std::int32_t last = shifted.LastInner();
+  std::int32_t cost = 0;
+  for (std::int32_t i = 0; i < first; ++i) cost += clipped_difference(lap_head[i], lap_cur[i]);
+  const std::int32_t* const lap = shifted.Laplacian();
+  for (std::int32_t i = first; i <= last; ++i) cost += clipped_difference(lap[i], lap_cur[i]);
+  for (std::int32_t i = last + 1; i < n; ++i) {
+    cost += clipped_difference(lap_tail[i - (n - kEndRows)], lap_cur[i]);
+  }
+  return cost;
+}
+
 }  // namespace
 
 std::int32_t check_AE_stable_SONY(std::int32_t n, std::int32_t* curStats, std::int32_t* prevStats) {
@@ -203,33 +295,47 @@ void align_flicker_SONY_subpixel(std::int32_t* curStats, std::int32_t* prevStats
     for (std::int32_t i = 0; i < n; ++i) {
       avector_out_working_memory[base + i] = fx::wrap_sub32(cur_log[i], prev_log[i]);
     }
+    const bool tabulated = n >= kMinTabulatedRows;
+    if (tabulated) tabulate_shifts(prev_log, n);
     std::int32_t best_cost = 2147483647;
     std::int32_t second_cost = 2147483647;
     for (std::int32_t s = -kMaxShift; s <= kMaxShift; ++s) {
-      subpixel_shift_vec_SONY(prev_log, prev_shifted, n, s, kShiftDen);
-      convolve_Laplacian_filter_SONY(prev_shifted, lap_prev, n);
-      // At most 1000 rows x 2650: the cost fits 32 bits. The difference is taken unsigned
-      // (exact, and it vectorises where a 64-bit one would not).
+      const ShiftedWindow view(prev_log, n, s);
       std::int32_t cost = 0;
-      for (std::int32_t i = 0; i < n; ++i) {
-        const std::uint32_t d = fx::abs_diff32(lap_prev[i], lap_cur[i]);
-        cost += d < std::uint32_t{kCostClip} ? static_cast<std::int32_t>(d) : kCostClip;
+      if (tabulated) {
+        cost = tabulated_cost(view, lap_cur, n);
+      } else {
+        subpixel_shift_vec_SONY(prev_log, prev_shifted, n, s, kShiftDen);
+        convolve_Laplacian_filter_SONY(prev_shifted, lap_prev, n);
+        // At most 1000 rows x 2650: the cost fits 32 bits.
+        for (std::int32_t i = 0; i < n; ++i) cost += clipped_difference(lap_prev[i], lap_cur[i]);
       }
       // Ties go to the later shift, for the best and for the second best.
+      std::int32_t* target = nullptr;
       if (cost <= best_cost) {
         for (std::int32_t i = 0; i < n; ++i) second[base + i] = best[base + i];
-        for (std::int32_t i = 0; i < n; ++i) {
-          best[base + i] = fx::wrap_sub32(cur_log[i], prev_shifted[i]);
-        }
+        target = best;
         win_offset[w] = s;
         second_cost = best_cost;
         best_cost = cost;
       } else if (cost <= second_cost) {
-        for (std::int32_t i = 0; i < n; ++i) {
-          second[base + i] = fx::wrap_sub32(cur_log[i], prev_shifted[i]);
-        }
+        target = second;
         second_cost = cost;
       }
+      if (target != nullptr) {
+        if (tabulated) {
+          view.SubtractFrom(cur_log, target + base);
+        } else {
+          for (std::int32_t i = 0; i < n; ++i) {
+            target[base + i] = fx::wrap_sub32(cur_log[i], prev_shifted[i]);
+          }
+        }
+      }
+    }
+    if (tabulated) {
+      // The scratch of the last shift, as shifting and filtering shift by shift leaves it.
+      subpixel_shift_vec_SONY(prev_log, prev_shifted, n, kMaxShift, kShiftDen);
+      convolve_Laplacian_filter_SONY(prev_shifted, lap_prev, n);
     }
   }
 
