@@ -107,37 +107,74 @@ void Extend(const In* x, std::int32_t n, W* work, const Layout& layout, Border b
   }
 }
 
-// a[i] (+)= tap x src[i] in wrapping 32-bit words. The filters' taps are mostly +-1 and powers
-// of two, and the baseline ISA has no 32-bit vector multiply: those taps add, subtract or shift
-// instead (the same words, wrapping included).
-template <bool kFirst, typename Scale>
-void AccumulateAs(std::int32_t* __restrict a, const std::int32_t* __restrict src, std::int32_t n,
-                  Scale scale) {
+// a[i] (+)= tap x v[i] in wrapping 32-bit words, where v[i] is x1[i], or x1[i] +- x2[i] for a
+// pair of taps of equal or opposite weight. The filters' taps are mostly +-1 and powers of two,
+// and the baseline ISA has no 32-bit vector multiply: those taps add, subtract or shift instead
+// (the same words, wrapping included).
+enum class Fold { kNone, kSum, kDifference };
+
+template <bool kFirst, Fold kFold, typename Scale>
+void AccumulateAs(std::int32_t* __restrict a, const std::int32_t* __restrict x1,
+                  const std::int32_t* __restrict x2, std::int32_t n, Scale scale) {
   for (std::int32_t i = 0; i < n; ++i) {
-    a[i] = kFirst ? scale(src[i]) : fx::wrap_add32(a[i], scale(src[i]));
+    std::int32_t v = x1[i];
+    if constexpr (kFold == Fold::kSum) v = fx::wrap_add32(v, x2[i]);
+    if constexpr (kFold == Fold::kDifference) v = fx::wrap_sub32(v, x2[i]);
+    a[i] = kFirst ? scale(v) : fx::wrap_add32(a[i], scale(v));
   }
 }
 
-template <bool kFirst>
-void Accumulate(std::int32_t* __restrict a, const std::int32_t* __restrict src, std::int32_t n,
-                std::int32_t tap) {
-  if (tap == 1) return AccumulateAs<kFirst>(a, src, n, [](std::int32_t v) { return v; });
+template <bool kFirst, Fold kFold>
+void Accumulate(std::int32_t* __restrict a, const std::int32_t* x1, const std::int32_t* x2,
+                std::int32_t n, std::int32_t tap) {
+  if (tap == 0 && !kFirst) return;
+  if (tap == 1) return AccumulateAs<kFirst, kFold>(a, x1, x2, n, [](std::int32_t v) { return v; });
   if (tap == -1) {
-    return AccumulateAs<kFirst>(a, src, n, [](std::int32_t v) { return fx::wrap_neg32(v); });
+    return AccumulateAs<kFirst, kFold>(a, x1, x2, n,
+                                       [](std::int32_t v) { return fx::wrap_neg32(v); });
   }
   if (tap > 0 && (tap & (tap - 1)) == 0) {
     const int k = fx::bit_count(static_cast<std::uint64_t>(tap)) - 1;
-    return AccumulateAs<kFirst>(a, src, n, [k](std::int32_t v) { return fx::wrap_shl32(v, k); });
+    return AccumulateAs<kFirst, kFold>(a, x1, x2, n,
+                                       [k](std::int32_t v) { return fx::wrap_shl32(v, k); });
   }
-  AccumulateAs<kFirst>(a, src, n, [tap](std::int32_t v) { return fx::wrap_mul32(tap, v); });
+  AccumulateAs<kFirst, kFold>(a, x1, x2, n,
+                              [tap](std::int32_t v) { return fx::wrap_mul32(tap, v); });
 }
 
 // Wrapping sums a[i] = sum_t h[t] * x[i + t * d] over taps >= 1 taps; wrapping sums do not
-// depend on their order, so these are the words of a per-output loop.
+// depend on their order, so these are the words of a per-output loop. The smoothing filters are
+// symmetric and the detail ones antisymmetric: h[t] x (x1 +- x2) for each mirrored pair of taps
+// is the same word as the two products summed, in half the passes and multiplies.
 void Sums32(const std::int32_t* x, std::int32_t n, std::int32_t* a, const std::int32_t* h,
             std::int32_t taps, std::int32_t d) {
-  Accumulate<true>(a, x, n, h[0]);
-  for (std::int32_t t = 1; t < taps; ++t) Accumulate<false>(a, x + t * d, n, h[t]);
+  bool symmetric = true;
+  bool antisymmetric = true;
+  for (std::int32_t t = 0; t < taps; ++t) {
+    symmetric = symmetric && h[t] == h[taps - 1 - t];
+    antisymmetric = antisymmetric && h[t] == fx::wrap_neg32(h[taps - 1 - t]);
+  }
+  if (taps < 2 || !(symmetric || antisymmetric)) {
+    Accumulate<true, Fold::kNone>(a, x, nullptr, n, h[0]);
+    for (std::int32_t t = 1; t < taps; ++t) {
+      Accumulate<false, Fold::kNone>(a, x + t * d, nullptr, n, h[t]);
+    }
+    return;
+  }
+  const std::int32_t last = taps - 1;
+  if (symmetric) {
+    Accumulate<true, Fold::kSum>(a, x, x + last * d, n, h[0]);
+    for (std::int32_t t = 1; t < taps / 2; ++t) {
+      Accumulate<false, Fold::kSum>(a, x + t * d, x + (last - t) * d, n, h[t]);
+    }
+  } else {
+    Accumulate<true, Fold::kDifference>(a, x, x + last * d, n, h[0]);
+    for (std::int32_t t = 1; t < taps / 2; ++t) {
+      Accumulate<false, Fold::kDifference>(a, x + t * d, x + (last - t) * d, n, h[t]);
+    }
+  }
+  // The middle tap of an odd count (0 in an antisymmetric filter, and then skipped).
+  if (taps % 2 == 1) Accumulate<false, Fold::kNone>(a, x + (taps / 2) * d, nullptr, n, h[taps / 2]);
 }
 
 // y[k] = round(sum_t h[t] * work[i + t * d], s) for i = k * step; a correlation (taps in table

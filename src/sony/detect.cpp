@@ -190,9 +190,10 @@ std::int32_t flicker_choose_column(std::int32_t* cols, std::int32_t len, std::in
     // Sign swings across the dead band between neighbouring rows; a zero breaks a swing.
     std::int32_t swings = 0;
     for (std::int32_t i = 1; i < len; ++i) {
-      if ((col[i - 1] < neg_thr && col[i] > thr) || (col[i - 1] > thr && col[i] < neg_thr)) {
-        ++swings;
-      }
+      // Non-short-circuit tests, so the loop vectorises.
+      const bool rise = (col[i - 1] < neg_thr) & (col[i] > thr);
+      const bool fall = (col[i - 1] > thr) & (col[i] < neg_thr);
+      swings += static_cast<std::int32_t>(rise | fall);
     }
     count[c] = swings;
   }
