@@ -2,6 +2,8 @@
 // The filter bank's kernels: border extension, dilated correlation, rounding shift.
 #include "filterbank/filterbank.h"
 
+#include <type_traits>
+
 #include "fixed_point.h"
 
 std::int32_t convolve_analysis_working_memory_32[kFilterWorkSize];
@@ -80,6 +82,11 @@ void Extend(const In* x, std::int32_t n, W* work, const Layout& layout, Border b
   for (std::int32_t j = 0; j < n; ++j) work[P + j] = static_cast<W>(x[j]);
   switch (border) {
     case Border::kSymmetric:
+      if (P <= n && Q <= n) {  // the usual case: no mirror index leaves the signal
+        for (std::int32_t m = 0; m < P; ++m) work[P - 1 - m] = static_cast<W>(x[m]);
+        for (std::int32_t m = 0; m < Q; ++m) work[P + n + m] = static_cast<W>(x[n - 1 - m]);
+        break;
+      }
       for (std::int32_t m = 0; m < P; ++m) work[P - 1 - m] = static_cast<W>(x[Inside(m, n)]);
       for (std::int32_t m = 0; m < Q; ++m) {
         work[P + n + m] = static_cast<W>(x[Inside(n - 1 - m, n)]);
@@ -187,6 +194,14 @@ void Correlate(const W* work, std::int32_t n, Out* y, const std::int32_t* h, std
       // Every output at once, tap by tap: contiguous loops the compiler vectorises (32-bit only:
       // the baseline ISA has no 64-bit vector multiply, and the scalar form is cheaper). Wrapping
       // sums do not depend on their order, so the outputs are those of the loop below.
+      if constexpr (std::is_same_v<Out, std::int32_t>) {
+        // 32-bit outputs are summed in place: y never overlaps the extended copy it reads.
+        Sums32(work, n, y, h, taps, d);
+        if (s != 0) {
+          for (std::int32_t i = 0; i < n; ++i) y[i] = RoundShift(y[i], s);
+        }
+        return;
+      }
       static W acc[kFilterWorkSize];
       W* __restrict a = acc;
       Sums32(work, n, a, h, taps, d);
