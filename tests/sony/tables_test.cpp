@@ -94,6 +94,7 @@ TEST_F(SonyTables, TrigonometricRowsAtLineInstants) {
 TEST_F(SonyTables, LogsTimingUnderTheFlowFlagAndTheClampOnceForWideWindows) {
   LogCapture log;
   flicker_init_SONY(3000, 1080, 511, 180e6);
+  flicker_init_SONY(3000, 1080, 2, 180e6);  // the narrowest window with a half
   EXPECT_TRUE(log.Lines().empty());
   g_logFlow = 1;
   flicker_init_SONY(3000, 1080, 512, 180000000.9);
