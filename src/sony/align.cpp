@@ -191,15 +191,15 @@ class ShiftedWindow {
     const std::int32_t lead = fx::clamp32(-offset_, 0, n_);     // rows before the window's start
     const std::int32_t end = fx::clamp32(n_ - offset_, 0, n_);  // rows up to its end
     for (std::int32_t i = 0; i < lead; ++i) dst[i] = fx::wrap_sub32(cur[i], window_[0]);
-    const std::int32_t* const row = sequence_ + offset_;
-    for (std::int32_t i = lead; i < end; ++i) dst[i] = fx::wrap_sub32(cur[i], row[i]);
+    const std::int32_t* const row = sequence_ + (lead + offset_);  // row `lead` onwards
+    for (std::int32_t i = lead; i < end; ++i) dst[i] = fx::wrap_sub32(cur[i], row[i - lead]);
     for (std::int32_t i = end; i < n_; ++i) dst[i] = fx::wrap_sub32(cur[i], window_[n_ - 1]);
   }
   // Rows whose Laplacian the table holds: every tap reads the sequence, away from its ends.
   std::int32_t FirstInner() const { return 2 + (offset_ < 0 ? -offset_ : 0); }
   std::int32_t LastInner() const { return n_ - 3 - (offset_ > 0 ? offset_ : 0); }
-  // The Laplacian of row i, for i from FirstInner() to LastInner().
-  const std::int32_t* Laplacian() const { return laplacian_ + offset_; }
+  // The Laplacian from row FirstInner() on (a pointer into the table, never before it).
+  const std::int32_t* InnerLaplacian() const { return laplacian_ + (FirstInner() + offset_); }
 
  private:
   const std::int32_t* window_;
@@ -229,8 +229,10 @@ std::int32_t tabulated_cost(const ShiftedWindow& shifted, const std::int32_t* la
   const std::int32_t last = shifted.LastInner();
   std::int32_t cost = 0;
   for (std::int32_t i = 0; i < first; ++i) cost += clipped_difference(lap_head[i], lap_cur[i]);
-  const std::int32_t* const lap = shifted.Laplacian();
-  for (std::int32_t i = first; i <= last; ++i) cost += clipped_difference(lap[i], lap_cur[i]);
+  const std::int32_t* const lap = shifted.InnerLaplacian();
+  for (std::int32_t i = first; i <= last; ++i) {
+    cost += clipped_difference(lap[i - first], lap_cur[i]);
+  }
   for (std::int32_t i = last + 1; i < n; ++i) {
     cost += clipped_difference(lap_tail[i - (n - kEndRows)], lap_cur[i]);
   }

@@ -222,8 +222,9 @@ void align_flicker_subpixel_2x5(std::int32_t* curStats, std::int32_t* prevStats,
       const std::int32_t* laplacian = seg_laplace_prev_working_memory + first;
       if (tabulated) {
         const ShiftSource src = shift_source(s);
-        shifted = (src.w == 0 ? log_prev : g_shift_table.blend[src.w]) + src.offset + first;
-        laplacian = g_shift_table.laplacian[src.w] + src.offset + first;
+        // offset + first is at least 2: no pointer before a sequence's start is formed.
+        shifted = (src.w == 0 ? log_prev : g_shift_table.blend[src.w]) + (src.offset + first);
+        laplacian = g_shift_table.laplacian[src.w] + (src.offset + first);
       } else {
         subpixel_shift_vec_2x5(log_prev, seg_prev_log_shift_working_memory, seg_len, s, kShiftDen);
         convolve_Laplacian_filter_2x5(seg_prev_log_shift_working_memory,
