@@ -172,15 +172,10 @@ class ShiftedWindow {
  public:
   ShiftedWindow(const std::int32_t* window, std::int32_t n, std::int32_t s)
       : window_(window), n_(n) {
-    const std::int32_t a = s < 0 ? -s : s;
-    const std::int32_t q = a / kShiftDen;
-    const std::int32_t r = a % kShiftDen;
-    // Backward shifts repeat q + 1 leading samples (q for whole shifts), blending with the
-    // weights swapped.
-    const std::int32_t w = s >= 0 || r == 0 ? r : kShiftDen - r;
-    offset_ = s >= 0 ? q : -(q + (r != 0 ? 1 : 0));
-    sequence_ = w == 0 ? window : g_shift_table.blend[w];
-    laplacian_ = g_shift_table.laplacian[w];
+    const FlkShiftSource source = flicker_shift_source(s, kShiftDen);
+    offset_ = source.offset;
+    sequence_ = source.weight == 0 ? window : g_shift_table.blend[source.weight];
+    laplacian_ = g_shift_table.laplacian[source.weight];
   }
   std::int32_t At(std::int32_t j) const {
     const std::int32_t k = j + offset_;

@@ -57,6 +57,22 @@ void convolve_Laplacian_filter_SONY(std::int32_t* in, std::int32_t* out, std::in
 // Shifts a vector by shift/den samples with linear interpolation and edge repetition.
 void subpixel_shift_vec_SONY(std::int32_t* in, std::int32_t* out, std::int32_t n,
                              std::int32_t shift, std::int32_t den);
+// Where a shift of s / den samples (den > 0) reads the input: row j is row j + offset of the
+// input shifted by weight / den (weight 0: the input itself), away from the repeated edge samples.
+// Backward shifts repeat q + 1 leading samples (q for whole shifts) and blend with the weights
+// swapped. The alignments tabulate the den sequences once per window on this.
+struct FlkShiftSource {
+  std::int32_t weight;
+  std::int32_t offset;
+};
+inline FlkShiftSource flicker_shift_source(std::int32_t s, std::int32_t den) {
+  const std::int32_t a = s < 0 ? -s : s;
+  const std::int32_t q = a / den;
+  const std::int32_t r = a % den;
+  if (s >= 0) return {r, q};
+  if (r != 0) return {den - r, -(q + 1)};
+  return {0, -q};
+}
 std::int32_t check_AE_stable_SONY(std::int32_t n, std::int32_t* curStats, std::int32_t* prevStats);
 void check_alignment_SONY(std::int32_t* offsets, std::int32_t n, std::int32_t,
                           std::int32_t& alignFlag);

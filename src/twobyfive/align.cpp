@@ -60,28 +60,13 @@ bool geometry_fits(std::int32_t windows, std::int32_t window_length, std::int32_
 // shifts) or its blend with the next sample at weight w/8 (w = 1..7), read from an offset. The
 // rows the cost scores never reach the edge samples a shift repeats, nor the Laplacian's end
 // rows, so the Laplacian of the shifted segment there is the blend's Laplacian at the same
-// offset. Each blend and its Laplacian is built once per window instead of once per shift.
+// offset (flicker_shift_source). Each blend and its Laplacian is built once per window instead
+// of once per shift.
 struct ShiftTable {
   std::int32_t blend[kShiftDen][2000];      // [0] unused: whole shifts read the segment
   std::int32_t laplacian[kShiftDen][2000];  // [0]: the segment's own
 };
 ShiftTable g_shift_table;
-
-// Where shift s reads: sequence w from index j + offset for row j.
-struct ShiftSource {
-  std::int32_t w;
-  std::int32_t offset;
-};
-ShiftSource shift_source(std::int32_t s) {
-  const std::int32_t a = s < 0 ? -s : s;
-  const std::int32_t q = a / kShiftDen;
-  const std::int32_t r = a % kShiftDen;
-  if (s >= 0) return {r, q};
-  // Backward shifts repeat the first q + 1 samples (q for whole shifts) and blend with the
-  // weights swapped.
-  if (r != 0) return {kShiftDen - r, -(q + 1)};
-  return {0, -q};
-}
 
 }  // namespace
 
@@ -221,10 +206,11 @@ void align_flicker_subpixel_2x5(std::int32_t* curStats, std::int32_t* prevStats,
       const std::int32_t* shifted = seg_prev_log_shift_working_memory + first;
       const std::int32_t* laplacian = seg_laplace_prev_working_memory + first;
       if (tabulated) {
-        const ShiftSource src = shift_source(s);
+        const FlkShiftSource src = flicker_shift_source(s, kShiftDen);
         // offset + first is at least 2: no pointer before a sequence's start is formed.
-        shifted = (src.w == 0 ? log_prev : g_shift_table.blend[src.w]) + (src.offset + first);
-        laplacian = g_shift_table.laplacian[src.w] + (src.offset + first);
+        shifted =
+            (src.weight == 0 ? log_prev : g_shift_table.blend[src.weight]) + (src.offset + first);
+        laplacian = g_shift_table.laplacian[src.weight] + (src.offset + first);
       } else {
         subpixel_shift_vec_2x5(log_prev, seg_prev_log_shift_working_memory, seg_len, s, kShiftDen);
         convolve_Laplacian_filter_2x5(seg_prev_log_shift_working_memory,
