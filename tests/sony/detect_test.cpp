@@ -25,6 +25,10 @@ TEST(SonyToneCurve, TenBitsToTenBitsInPlace) {
   SGG_adaptive_SONY(v.data(), v.data(), 13, 7, 10);  // no knots below 8 bits: refused
   EXPECT_EQ(v[1], 10);
   EXPECT_EQ(log.Lines().size(), 1u);
+  Vec top = {1023, 512};
+  SGG_adaptive_SONY(top.data(), top.data(), 2, 10, 30);  // the widest output: accepted
+  EXPECT_NE(top, (Vec{1023, 512}));
+  EXPECT_EQ(log.Lines().size(), 1u);
 }
 
 TEST(SonyColumnChoice, PicksTheExpectedColumn) {

@@ -177,6 +177,7 @@ TEST_F(FrequencyTest, RobustRefusesLayoutsOutsideTheTables) {
   EXPECT_EQ(Robust(Tone(4), Tone(3), {300, 201}), All(-1));
   EXPECT_EQ(Robust(Tone(4), Tone(3), V(17, 1)), All(-1));
   EXPECT_EQ(Robust(V(501, 3), V(501, 3), {500, 1}), All(-1));  // one sample past the width
+  EXPECT_NE(Robust(Tone(4), Tone(3), V(16, 1)), All(-1));      // 16 segments: accepted
   EXPECT_EQ(log.Lines().size(), 4u);
   EXPECT_TRUE(log.Contains("[flicker_compute_freq_robust] refused: 17 segments above 16"));
 }
