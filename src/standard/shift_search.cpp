@@ -43,11 +43,24 @@ std::int32_t lowpass_decimate(const std::int32_t* x, std::int32_t len, std::int3
     buf[kFilterHalf + len + m] = x[fx::clamp32(len - 1 - m, 0, len - 1)];
   }
   std::int32_t count = 0;
+  // The low-pass is symmetric (as built): each mirrored pair of taps takes one multiply of the
+  // pair's sum. 64-bit: 24-bit statistics times a tap sum of 256.
+  const std::int32_t* h = flicker_filter_s1;
+  bool symmetric = true;
+  for (std::int32_t k = 0; k < kFilterHalf; ++k)
+    symmetric = symmetric && h[k] == h[2 * kFilterHalf - k];
   for (std::int32_t i = 0; i < len; i += step) {
-    // 64-bit: 24-bit statistics times a tap sum of 256.
-    std::int64_t acc = 0;
-    for (std::int32_t k = 0; k <= 2 * kFilterHalf; ++k) {
-      acc += std::int64_t{flicker_filter_s1[k]} * buf[i + k];
+    const std::int32_t* window = buf + i;
+    std::int64_t acc = std::int64_t{h[kFilterHalf]} * window[kFilterHalf];
+    if (symmetric) {
+      for (std::int32_t k = 0; k < kFilterHalf; ++k) {
+        acc += std::int64_t{h[k]} * (std::int64_t{window[k]} + window[2 * kFilterHalf - k]);
+      }
+    } else {
+      for (std::int32_t k = 0; k < kFilterHalf; ++k) {
+        acc += std::int64_t{h[k]} * window[k] +
+               std::int64_t{h[2 * kFilterHalf - k]} * window[2 * kFilterHalf - k];
+      }
     }
     out[count++] = fx::low32(fx::rshift_round64(acc, 8));
   }
