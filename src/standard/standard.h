@@ -419,6 +419,15 @@ void flicker_pick_choice(const FlkChoiceHalf& low, const FlkChoiceHalf& high, Co
   // The energy's rounding shift by p as a multiplication: its half and 2^-p.
   const double half = p > 0 ? std::ldexp(1.0, p - 1) : 0.0;
   const double scale = std::ldexp(1.0, -p);
+  // The kernel for the component and for whether the energies are shifted, chosen once.
+  using NarrowKernel =
+      void (*)(const std::int32_t*, const std::int32_t*, const double*, std::int32_t, std::int32_t,
+               double, std::int32_t, double, double, std::uint32_t, std::int32_t*, std::int32_t*);
+  static constexpr NarrowKernel kKernels[3][2] = {
+      {flicker_narrow_features<0, false>, flicker_narrow_features<0, true>},
+      {flicker_narrow_features<1, false>, flicker_narrow_features<1, true>},
+      {flicker_narrow_features<2, false>, flicker_narrow_features<2, true>}};
+  const NarrowKernel kernel = narrow ? kKernels[narrow_kind][p > 0 ? 1 : 0] : nullptr;
   const auto narrow_features = [&](std::int32_t k, std::uint32_t hi, std::uint32_t first,
                                    std::uint32_t n, std::int32_t* out, std::int32_t* sum) {
     const std::int32_t* lr = low_re32[k] + first;
@@ -427,27 +436,7 @@ void flicker_pick_choice(const FlkChoiceHalf& low, const FlkChoiceHalf& high, Co
     const std::int32_t hr = fx::low32(high.re[k * nh + hi]);
     const std::int32_t him = fx::low32(high.im[k * nh + hi]);
     const double hl = low.length == nullptr ? 0.0 : high.length[hi] / 128.0;
-    const std::int32_t s = bound_shift;
-    switch (narrow_kind * 2 + (p > 0 ? 1 : 0)) {
-      case 0:
-        return flicker_narrow_features<0, false>(lr, li, ll, hr, him, hl, s, half, scale, n, out,
-                                                 sum);
-      case 1:
-        return flicker_narrow_features<0, true>(lr, li, ll, hr, him, hl, s, half, scale, n, out,
-                                                sum);
-      case 2:
-        return flicker_narrow_features<1, false>(lr, li, ll, hr, him, hl, s, half, scale, n, out,
-                                                 sum);
-      case 3:
-        return flicker_narrow_features<1, true>(lr, li, ll, hr, him, hl, s, half, scale, n, out,
-                                                sum);
-      case 4:
-        return flicker_narrow_features<2, false>(lr, li, ll, hr, him, hl, s, half, scale, n, out,
-                                                 sum);
-      default:
-        return flicker_narrow_features<2, true>(lr, li, ll, hr, him, hl, s, half, scale, n, out,
-                                                sum);
-    }
+    kernel(lr, li, ll, hr, him, hl, bound_shift, half, scale, n, out, sum);
   };
   for (std::uint32_t hi = 0; hi < nh; ++hi) {
     for (std::uint32_t first = 0; first < nl; first += kBlock) {
