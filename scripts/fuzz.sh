@@ -7,7 +7,8 @@
 #   KESTREL_FUZZ_SECONDS=600 scripts/fuzz.sh            longer budget per target
 #   scripts/fuzz.sh command_fuzzer                       one target only
 #   KESTREL_FUZZ_LEAN=1 scripts/fuzz.sh command_fuzzer   in build-fuzz-lean/, without coverage in
-#                                                        the sample loops: 3x the executions
+#                                                        the sample loops nor compare tracing:
+#                                                        5x the executions
 set -euo pipefail
 cd "$(dirname "$0")/.."
 seconds=${KESTREL_FUZZ_SECONDS:-60}
