@@ -3,6 +3,9 @@
 // two-candidate robust estimate.
 #include "standard/standard.h"
 
+#include <algorithm>
+#include <cmath>
+
 #include "decision/decision.h"
 #include "fixed_point.h"
 #include "interface/interface.h"
@@ -79,23 +82,279 @@ void flicker_scale_candidates(std::int64_t* energies, std::int32_t count, std::i
 void flicker_tabulate_choices(const std::int64_t* part_re, const std::int64_t* part_im,
                               std::int32_t stride, std::int32_t first, std::int32_t count,
                               std::uint32_t n, std::int64_t* re_out, std::int64_t* im_out) {
-  std::int32_t digit[16] = {};
-  for (std::uint32_t a = 0; a < n; ++a) {
-    for (std::int32_t k = 0; k < 9; ++k) {
-      std::int64_t re = 0;
-      std::int64_t im = 0;
-      for (std::int32_t i = 0; i < count; ++i) {
-        re += part_re[k * stride + 3 * (first + i) + digit[i]];
-        im += part_im[k * stride + 3 * (first + i) + digit[i]];
+  // Segment by segment: the choices of the first m segments, extended by each candidate of the
+  // next (n = 3^count).
+  for (std::int32_t k = 0; k < 9; ++k) {
+    std::int64_t* re = re_out + k * n;
+    std::int64_t* im = im_out + k * n;
+    re[0] = 0;
+    im[0] = 0;
+    std::uint32_t size = 1;
+    for (std::int32_t m = 0; m < count && size * 3 <= n; ++m) {
+      const std::int64_t* pr = part_re + k * stride + 3 * (first + m);
+      const std::int64_t* pi = part_im + k * stride + 3 * (first + m);
+      for (std::uint32_t v = 2; v >= 1; --v) {
+        for (std::uint32_t a = 0; a < size; ++a) {
+          re[v * size + a] = re[a] + pr[v];
+          im[v * size + a] = im[a] + pi[v];
+        }
       }
-      re_out[k * n + a] = re;
-      im_out[k * n + a] = im;
-    }
-    for (std::int32_t i = 0; i < count; ++i) {
-      if (++digit[i] < 3) break;
-      digit[i] = 0;
+      for (std::uint32_t a = 0; a < size; ++a) {
+        re[a] += pr[0];
+        im[a] += pi[0];
+      }
+      size *= 3;
     }
   }
+}
+
+namespace {
+
+std::int16_t g_choiceBounds[kFlkBoundBlock * kFlkBoundBlock];
+
+// Scores by z, clamped to 16 bits like the bounds (a clamped bound still bounds the clamped score,
+// and a clamped floor the clamped best); z from -256 (a zero scored feature) to the reach of the
+// search. Level k at z holds the largest and smallest score over z .. z + 2^k - 1 as
+// (top << 16) | (bottom & 0xffff): any span of up to 2^kLevels z takes two entries of one level.
+constexpr std::int32_t kZero = 256;
+constexpr std::int32_t kReach = 8192;  // z beyond it: left to the exact search
+constexpr std::int32_t kLevels = 4;
+constexpr std::int32_t kWidest = (1 << kLevels) - 2;  // z pinned to at most 15 neighbours
+// Stored z-major, [(z + 256) x kLevels + k]. The level-0 entry at z = kReach stands for no bound:
+// it is never filled with a score.
+std::int32_t g_scoreSpans[(kReach + kZero + 1) * kLevels];
+constexpr std::int32_t kNoBound = (kReach + kZero) * kLevels;
+
+std::int32_t Pack(std::int32_t top, std::int32_t bottom) {
+  return fx::wrap_shl32(top, 16) | (bottom & 0xffff);
+}
+std::int32_t Top(std::int32_t packed) {
+  return packed >> 16;
+}
+std::int32_t Bottom(std::int32_t packed) {
+  return static_cast<std::int16_t>(packed & 0xffff);
+}
+
+// The largest score over each span into `out`, and the largest of the smallest, from the two
+// table entries of each span. Scalar: emulated vector gathers cost more than they save on the
+// baseline instruction sets.
+#if defined(__GNUC__) && !defined(__clang__)
+__attribute__((optimize("no-tree-vectorize")))
+#endif
+std::int32_t
+SpanScores(const std::int32_t* first, const std::int32_t* second, std::uint32_t nl,
+           std::int16_t* __restrict out) {
+  std::int32_t reached = INT16_MIN;
+  for (std::uint32_t i = 0; i < nl; ++i) {
+    const std::int32_t a = g_scoreSpans[first[i]];
+    const std::int32_t b = g_scoreSpans[second[i]];
+    out[i] = static_cast<std::int16_t>(std::max(Top(a), Top(b)));
+    reached = std::max(reached, std::min(Bottom(a), Bottom(b)));
+  }
+  return reached;
+}
+
+// The slack of one search (see flicker_choice_score_bounds), in squared component units.
+struct BoundTerms {
+  float half;   // 1 + 2^(p-1) at the largest p: the feature's rounding, and a unit to spare
+  float step;   // 2^p at the largest p: the mean's floor, and its least divisor
+  float scale;  // 2^-2s: X in squared units of the rounded components
+  float root;   // the factor of sqrt(2 X): 1 for the rounding, 2 e for the sums' conversion
+};
+
+// The z span of one high choice against nl low ones as the two table entries that cover it
+// (both kNoBound: none), and the largest X of each low choice raised in `top`. Returns the last
+// z of every span, plus 256 (-1: none). J is the scored feature, left out of the mean.
+template <int J>
+std::int32_t BoundBlock(const float* __restrict low_re, const float* __restrict low_im,
+                        std::uint32_t nl, const float* hr, const float* him, const BoundTerms& t,
+                        float* __restrict top, std::int32_t* __restrict first,
+                        std::int32_t* __restrict second) {
+  constexpr float kUp = 1.0f + 0x1p-16f;
+  constexpr float kDown = 1.0f - 0x1p-16f;
+  constexpr float kSlack = 0x1p-6f;
+  constexpr float kReachF = static_cast<float>(kReach);
+  float h_re[9];
+  float h_im[9];
+  for (std::int32_t k = 0; k < 9; ++k) {
+    h_re[k] = hr[k];
+    h_im[k] = him[k];
+  }
+  std::int32_t last = -1;
+  for (std::size_t i = 0; i < nl; ++i) {
+    float scored = 0.0f;
+    float others = 0.0f;
+    float most = top[i];
+#pragma GCC unroll 9
+    for (std::int32_t k = 0; k < 9; ++k) {
+      const float re = low_re[k * std::size_t{kFlkBoundBlock} + i] + h_re[k];
+      const float im = low_im[k * std::size_t{kFlkBoundBlock} + i] + h_im[k];
+      const float x = re * re + im * im;
+      most = std::max(most, x);
+      if (k == J) {
+        scored = x;
+      } else {
+        others += x;
+      }
+    }
+    top[i] = most;
+    const float a = scored * t.scale;
+    const float b = others * (t.scale * 0.125f);
+    // sqrt(2 X_j) for the scored feature; sqrt(S) / 2 >= the sum of the other eight's sqrt(2 X_k)
+    // over 8, S their sum.
+    const float scored_slack = std::sqrt(a * 2.0f) * t.root + t.half;
+    const float mean_slack = std::sqrt(b * 8.0f) * (0.5f * t.root) + t.half;
+    const float num_high = a * kUp + scored_slack;
+    const float den_high = b * kDown - mean_slack - t.step;
+    const float num_low = std::max(a * kDown - scored_slack, 0.0f);
+    const float den_low = std::max(b * kUp + mean_slack, t.step);
+    const float v_high = num_high / den_high * 256.0f - 256.0f + kSlack;
+    const float v_low = num_low / den_low * 256.0f - 256.0f - kSlack;
+    // Finite or infinite (a divisor bound of 0); clamped before the conversions.
+    const std::int32_t zh = static_cast<std::int32_t>(std::max(std::min(v_high, kReachF), -256.0f));
+    const std::int32_t zl = static_cast<std::int32_t>(std::min(v_low, kReachF));
+    // The divisor's slack at most half of it: its rounding errors stay relative.
+    const bool pinned = (den_high >= b * (0.5f * kDown)) & (den_high >= 1.0f) & (v_high < kReachF) &
+                        (zh - zl <= kWidest);
+    // The level k = floor(log2(zh - zl + 1)) and its two entries, from zl and from zh + 1 - 2^k.
+    const std::int32_t w = zh - zl;
+    const std::int32_t k1 = static_cast<std::int32_t>(w >= 1);
+    const std::int32_t k2 = static_cast<std::int32_t>(w >= 3);
+    const std::int32_t k3 = static_cast<std::int32_t>(w >= 7);
+    const std::int32_t k = k1 + k2 + k3;
+    const std::int32_t span = k1 + 2 * k2 + 4 * k3;              // 2^k - 1
+    const std::int32_t on = -static_cast<std::int32_t>(pinned);  // all ones when pinned
+    first[i] = ((((zl + kZero) * kLevels + k) ^ kNoBound) & on) ^ kNoBound;
+    second[i] = ((((zh - span + kZero) * kLevels + k) ^ kNoBound) & on) ^ kNoBound;
+    last = std::max(last, (((zh + kZero) + 1) & on) - 1);
+  }
+  return last;
+}
+
+using BoundBlockFn = std::int32_t (*)(const float*, const float*, std::uint32_t, const float*,
+                                      const float*, const BoundTerms&, float*, std::int32_t*,
+                                      std::int32_t*);
+constexpr BoundBlockFn kBoundBlocks[9] = {BoundBlock<0>, BoundBlock<1>, BoundBlock<2>,
+                                          BoundBlock<3>, BoundBlock<4>, BoundBlock<5>,
+                                          BoundBlock<6>, BoundBlock<7>, BoundBlock<8>};
+
+}  // namespace
+
+std::int16_t* flicker_choice_bound_scratch() {
+  return g_choiceBounds;
+}
+
+// Units: x = sum / 2^s is a component before its rounding c, X_k = x_re^2 + x_im^2 and
+// E_k = c_re^2 + c_im^2; the feature is F_k = round(E_k / 2^p). |c^2 - x^2| <= |x| + 1/4 and
+// |x_re| + |x_im| <= sqrt(2 X_k), so F_k 2^p lies within sqrt(2 X_k) + 1/2 + 2^(p-1) of X_k; the
+// eight other features' sum within sqrt(16 S) + 4 + 8 x 2^(p-1) of theirs (S), and the divisor
+// m = max(1, floor(that sum / 8)) within sqrt(S) / 2 + 1/2 + 2^(p-1) + 2^p of S / 8 (all times
+// 2^-p). An upper bound on p (from the halves' largest components) keeps the slack safe before
+// the search knows p. The score's z = trunc(256 (F_j - m) / m) is monotone in F_j / m: it lies
+// between the truncations of the ratio's bounds. X comes in single precision: each sum is its
+// halves converted and added (within e, in units of x, of the true one, which moves X by at most
+// 2 e sqrt(2 X) + 2 e^2), and the squares, the sum of eight and the quotient stay within 2^-19
+// relative, covered by widening the ratio's terms by 2^-16 and z by 1/64. A choice whose z is
+// pinned to at most kWidest + 1 neighbours scores between their least and largest score; any
+// other (wider, beyond kReach, or a divisor whose slack is over half of it) is left to the exact
+// search. The largest X also brackets M, and with it the common shift p, found when the
+// bracket's ends share it (it fails only within a few parts in a million of a power of two).
+std::int32_t flicker_choice_score_bounds(const std::int32_t* low_re, const std::int32_t* low_im,
+                                         std::uint32_t nl, const std::int64_t* high_re,
+                                         const std::int64_t* high_im, std::uint32_t nh,
+                                         std::int32_t s, std::int64_t largest,
+                                         std::int32_t headroom, const FlkFrameScorer& scorer,
+                                         std::int16_t* ub, std::int32_t& p) {
+  const FlkFrameScorer score = scorer;  // a local copy: no store below can alias its tables
+  // Upper bounds on every energy (components of the largest sums, |round(v)| = round(|v|)) and so
+  // on the shift; the largest sum bounds the error of its single-precision form.
+  std::int64_t top_energy = largest;
+  std::int64_t top_sum = 0;
+  for (std::int32_t k = 0; k < 9; ++k) {
+    std::int64_t reach[2] = {0, 0};
+    for (std::int32_t part = 0; part < 2; ++part) {
+      const std::int32_t* low = (part == 0 ? low_re : low_im) + k * kFlkBoundBlock;
+      const std::int64_t* high = (part == 0 ? high_re : high_im) + k * nh;
+      std::int64_t low_top = 0;
+      std::int64_t high_top = 0;
+      for (std::uint32_t i = 0; i < nl; ++i) {
+        low_top = std::max<std::int64_t>(low_top, std::abs(std::int64_t{low[i]}));
+      }
+      for (std::uint32_t i = 0; i < nh; ++i) high_top = std::max(high_top, std::abs(high[i]));
+      reach[part] = fx::rshift_round64(low_top + high_top, s);
+      top_sum = std::max(top_sum, low_top + high_top);
+    }
+    top_energy = std::max(top_energy, reach[0] * reach[0] + reach[1] * reach[1]);
+  }
+  // A sum in single precision, each half converted then added: within 3 x 2^-24 of the halves'
+  // magnitudes, e in units of x. Each X then moves by at most 2 e sqrt(2 X) + 2 e^2.
+  const double e = 3 * 0x1p-24 * static_cast<double>(top_sum) * std::ldexp(1.0, -s) * 1.001;
+  const double step = std::ldexp(1.0, flicker_scale_shift(top_energy, headroom));
+  const BoundTerms terms{static_cast<float>((step / 2 + 1 + 2 * e * e) * 1.001),
+                         static_cast<float>(step), std::ldexp(1.0f, -2 * s),
+                         static_cast<float>(1.001 + 2 * e)};
+  float low_re_f[9 * kFlkBoundBlock];
+  float low_im_f[9 * kFlkBoundBlock];
+  for (std::int32_t k = 0; k < 9; ++k) {
+    for (std::uint32_t i = 0; i < nl; ++i) {
+      low_re_f[k * kFlkBoundBlock + i] = static_cast<float>(low_re[k * kFlkBoundBlock + i]);
+      low_im_f[k * kFlkBoundBlock + i] = static_cast<float>(low_im[k * kFlkBoundBlock + i]);
+    }
+  }
+  const BoundBlockFn block = kBoundBlocks[score.k];
+
+  std::int32_t reached = INT16_MIN;
+  std::int32_t filled = 0;  // z = -256 .. filled - 257 in every level for this search
+  g_scoreSpans[kNoBound] = Pack(INT16_MAX, INT16_MIN);
+  float top[kFlkBoundBlock] = {};  // the largest X of each low choice, over every high one
+  std::int32_t first[kFlkBoundBlock];
+  std::int32_t second[kFlkBoundBlock];
+  for (std::uint32_t hi = 0; hi < nh; ++hi) {
+    float h_re[9];
+    float h_im[9];
+    for (std::int32_t k = 0; k < 9; ++k) {
+      h_re[k] = static_cast<float>(high_re[k * nh + hi]);
+      h_im[k] = static_cast<float>(high_im[k * nh + hi]);
+    }
+    const std::int32_t last = block(low_re_f, low_im_f, nl, h_re, h_im, terms, top, first, second);
+    if (last >= filled) {
+      for (std::int32_t t = filled; t <= last; ++t) {
+        const std::int32_t g = fx::clamp32(score.ScoreAt(t - kZero), INT16_MIN, INT16_MAX);
+        g_scoreSpans[t * kLevels] = Pack(g, g);
+      }
+      for (std::int32_t k = 1; k < kLevels; ++k) {
+        const std::int32_t half = 1 << (k - 1);
+        for (std::int32_t t = std::max(0, filled - 2 * half + 1); t + 2 * half - 1 <= last; ++t) {
+          const std::int32_t a = g_scoreSpans[t * kLevels + k - 1];
+          const std::int32_t b = g_scoreSpans[(t + half) * kLevels + k - 1];
+          g_scoreSpans[t * kLevels + k] =
+              Pack(std::max(Top(a), Top(b)), std::min(Bottom(a), Bottom(b)));
+        }
+      }
+      filled = last + 1;
+    }
+    reached = std::max(reached, SpanScores(first, second, nl, ub + hi * nl));
+  }
+  float top_x = 0.0f;
+  for (std::uint32_t i = 0; i < nl; ++i) top_x = std::max(top_x, top[i]);
+  // M against the largest X: M >= X - sqrt(2 X) (the choice reaching it), M <= X + sqrt(2 X) + 1/2,
+  // with X itself within 2^-19 and 2 e sqrt(2 X) + 2 e^2 of the largest found.
+  const double x_high = static_cast<double>(top_x) * std::ldexp(1.0, -2 * s) * (1 + 0x1p-19);
+  const double x_low = static_cast<double>(top_x) * std::ldexp(1.0, -2 * s) * (1 - 0x1p-19);
+  const double spread = 1 + 4 * e;
+  const double m_low =
+      std::max(0.0, (x_low - std::sqrt(2 * x_low) * spread - 2 * e * e - 1) * (1 - 0x1p-40) - 2);
+  const double m_high =
+      (x_high + std::sqrt(2 * x_high) * spread + 2 * e * e + 1) * (1 + 0x1p-40) + 2;
+  p = -1;
+  if (m_high < 0x1p62) {
+    const std::int32_t p_low =
+        flicker_scale_shift(std::max(largest, static_cast<std::int64_t>(m_low)), headroom);
+    const std::int32_t p_high =
+        flicker_scale_shift(std::max(largest, static_cast<std::int64_t>(m_high)), headroom);
+    if (p_low == p_high) p = p_low;
+  }
+  return reached;
 }
 
 void flicker_interpolation(std::int32_t* signal, std::int32_t* segment_lengths,

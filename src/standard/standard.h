@@ -306,6 +306,24 @@ void flicker_narrow_features(const std::int32_t* __restrict low_re,
   }
 }
 
+// Bounds on the score of every choice of a narrow search whose component is the rounding shift
+// of its sum by s (0: the sum itself) and whose scored feature j is left out of the mean, with
+// headroom <= 21 (features at most 2^22: no clamp acts). The low half's 32-bit sums at
+// [k * kFlkBoundBlock + lo], nl <= kFlkBoundBlock; the high half's at [k * nh + hi], each within
+// 2^29. Writes an upper bound of the score of choice (hi, lo) at ub[hi * nl + lo], clamped to 16
+// bits (INT16_MAX when none is found), and returns a score some choice is known to reach at least
+// (INT16_MIN when none): every choice whose bound lies below it loses. Sets p to the search's
+// common shift (with `largest` as flicker_pick_choice takes it), or -1 when it stays open.
+constexpr std::uint32_t kFlkBoundBlock = 243;
+std::int32_t flicker_choice_score_bounds(const std::int32_t* low_re, const std::int32_t* low_im,
+                                         std::uint32_t nl, const std::int64_t* high_re,
+                                         const std::int64_t* high_im, std::uint32_t nh,
+                                         std::int32_t s, std::int64_t largest,
+                                         std::int32_t headroom, const FlkFrameScorer& scorer,
+                                         std::int16_t* ub, std::int32_t& p);
+// Room for the bounds of the largest split search, 3^5 x 3^5 choices.
+std::int16_t* flicker_choice_bound_scratch();
+
 // Choice q = hi x low.count + lo in increasing q. component(sum, length) gives the value whose
 // square enters the energy; the nine energies of every choice are scaled by the common shift of
 // the largest of all (from `largest`) and scored; the first choice scoring strictly above
@@ -345,30 +363,9 @@ void flicker_pick_choice(const FlkChoiceHalf& low, const FlkChoiceHalf& high, Co
     }
     if (plain && low_min + high_min >= 1) min_length = low_min + high_min;
   }
-  // The bounds cost about 32 passes over the halves: worth it only against many choices.
-  const bool many =
-      static_cast<std::uint64_t>(nl) * nh >= 16 * (static_cast<std::uint64_t>(nl) + nh);
-  if (many && (bound_shift >= 0 || min_length > 0) &&
-      flicker_choice_energy_bounds(low, high, bound_shift < 0 ? 0 : bound_shift, min_length, energy,
-                                   length_of, largest, headroom, p)) {
-    shift_known = true;
-  }
-  if (!shift_known) {
-    for (std::uint32_t hi = 0; hi < nh; ++hi) {
-      for (std::uint32_t lo = 0; lo < nl; ++lo) {
-        const std::int32_t length = length_of(hi, lo);
-        for (std::int32_t k = 0; k < 9; ++k) {
-          const std::int64_t e = energy(k, hi, lo, length);
-          if (e > largest) largest = e;
-        }
-      }
-    }
-    p = flicker_scale_shift(largest, headroom);
-  }
-
   // Per block of low choices, frequency by frequency: the features of every choice, then their
   // clamped 32-bit sums (wrapping sums reorder freely: all nine less feature k), then the scores.
-  constexpr std::uint32_t kBlock = 243;
+  constexpr std::uint32_t kBlock = kFlkBoundBlock;
   std::int32_t features[9][kBlock];
   std::int32_t sums[kBlock];
   std::int32_t scores[kBlock];
@@ -401,11 +398,11 @@ void flicker_pick_choice(const FlkChoiceHalf& low, const FlkChoiceHalf& high, Co
     for (std::uint32_t i = 0; i < count; ++i) inside = inside && v[i] < limit && v[i] > -limit;
     return inside;
   };
-  const bool narrow = narrow_kind >= 0 && headroom <= 29 && p <= 52 && nl <= kBlock &&
-                      within(low.re, 9 * nl) && within(low.im, 9 * nl) && within(high.re, 9 * nh) &&
-                      within(high.im, 9 * nh);
+  const bool narrow_sums = narrow_kind >= 0 && headroom <= 29 && nl <= kBlock &&
+                           within(low.re, 9 * nl) && within(low.im, 9 * nl) &&
+                           within(high.re, 9 * nh) && within(high.im, 9 * nh);
   double low_length[kBlock];
-  if (narrow) {
+  if (narrow_sums) {
     for (std::int32_t k = 0; k < 9; ++k) {
       for (std::uint32_t i = 0; i < nl; ++i) {
         low_re32[k][i] = fx::low32(low.re[k * nl + i]);
@@ -416,6 +413,49 @@ void flicker_pick_choice(const FlkChoiceHalf& low, const FlkChoiceHalf& high, Co
       for (std::uint32_t i = 0; i < nl; ++i) low_length[i] = low.length[i] / 128.0;
     }
   }
+  // Many choices of a rounding-shift search: bounds on every choice's score first (which also
+  // find the common shift), then only the choices whose bound reaches a score some choice is known
+  // to have are scored exactly, in increasing q as before. The others score below the best, so
+  // skipping them changes nothing.
+  constexpr std::uint64_t kBoundedChoices = 2187;
+  bool bounded = narrow_sums && narrow_kind <= 1 && exclude && headroom <= 21 &&
+                 static_cast<std::uint64_t>(nl) * nh >= kBoundedChoices;
+  std::int16_t* const bounds = bounded ? flicker_choice_bound_scratch() : nullptr;
+  std::int32_t reach = 0;
+  if (bounded) {
+    std::int32_t found = -1;
+    reach = fx::clamp32(
+        flicker_choice_score_bounds(&low_re32[0][0], &low_im32[0][0], nl, high.re, high.im, nh,
+                                    bound_shift, largest, headroom, scorer, bounds, found),
+        INT16_MIN, INT16_MAX);
+    if (found >= 0) {
+      p = found;
+      shift_known = true;
+    }
+  }
+  // The bounds cost about 32 passes over the halves: worth it only against many choices.
+  const bool many =
+      static_cast<std::uint64_t>(nl) * nh >= 16 * (static_cast<std::uint64_t>(nl) + nh);
+  if (!shift_known && many && (bound_shift >= 0 || min_length > 0) &&
+      flicker_choice_energy_bounds(low, high, bound_shift < 0 ? 0 : bound_shift, min_length, energy,
+                                   length_of, largest, headroom, p)) {
+    shift_known = true;
+  }
+  if (!shift_known) {
+    for (std::uint32_t hi = 0; hi < nh; ++hi) {
+      for (std::uint32_t lo = 0; lo < nl; ++lo) {
+        const std::int32_t length = length_of(hi, lo);
+        for (std::int32_t k = 0; k < 9; ++k) {
+          const std::int64_t e = energy(k, hi, lo, length);
+          if (e > largest) largest = e;
+        }
+      }
+    }
+    p = flicker_scale_shift(largest, headroom);
+  }
+
+  const bool narrow = narrow_sums && p <= 52;
+  bounded = bounded && narrow;
   // The energy's rounding shift by p as a multiplication: its half and 2^-p.
   const double half = p > 0 ? std::ldexp(1.0, p - 1) : 0.0;
   const double scale = std::ldexp(1.0, -p);
@@ -428,24 +468,56 @@ void flicker_pick_choice(const FlkChoiceHalf& low, const FlkChoiceHalf& high, Co
       {flicker_narrow_features<1, false>, flicker_narrow_features<1, true>},
       {flicker_narrow_features<2, false>, flicker_narrow_features<2, true>}};
   const NarrowKernel kernel = narrow ? kKernels[narrow_kind][p > 0 ? 1 : 0] : nullptr;
-  const auto narrow_features = [&](std::int32_t k, std::uint32_t hi, std::uint32_t first,
+  const auto narrow_features = [&](std::int32_t k, std::uint32_t hi,
+                                   const std::int32_t(*re32)[kBlock],
+                                   const std::int32_t(*im32)[kBlock], std::uint32_t first,
                                    std::uint32_t n, std::int32_t* out, std::int32_t* sum) {
-    const std::int32_t* lr = low_re32[k] + first;
-    const std::int32_t* li = low_im32[k] + first;
+    const std::int32_t* lr = re32[k] + first;
+    const std::int32_t* li = im32[k] + first;
     const double* ll = low_length + first;
     const std::int32_t hr = fx::low32(high.re[k * nh + hi]);
     const std::int32_t him = fx::low32(high.im[k * nh + hi]);
     const double hl = low.length == nullptr ? 0.0 : high.length[hi] / 128.0;
     kernel(lr, li, ll, hr, him, hl, bound_shift, half, scale, n, out, sum);
   };
+  std::int32_t pick_re32[9][kBlock];
+  std::int32_t pick_im32[9][kBlock];
   for (std::uint32_t hi = 0; hi < nh; ++hi) {
     for (std::uint32_t first = 0; first < nl; first += kBlock) {
-      const std::uint32_t n = nl - first < kBlock ? nl - first : kBlock;
+      std::uint32_t n = nl - first < kBlock ? nl - first : kBlock;
+      const std::int32_t(*re32)[kBlock] = low_re32;
+      const std::int32_t(*im32)[kBlock] = low_im32;
+      std::uint32_t from = first;
+      if (bounded) {
+        const std::int16_t* bound = bounds + hi * nl;
+        std::uint32_t count = 0;
+        // Sixteen bounds at a time: most groups hold no candidate (a vectorised count).
+        constexpr std::uint32_t kGroup = 16;
+        for (std::uint32_t start = 0; start < n; start += kGroup) {
+          const std::uint32_t end = n - start < kGroup ? n : start + kGroup;
+          std::int32_t hits = 0;
+          for (std::uint32_t i = start; i < end; ++i) hits += bound[i] >= reach ? 1 : 0;
+          if (hits == 0) continue;
+          for (std::uint32_t i = start; i < end; ++i) {
+            if (bound[i] < reach) continue;
+            for (std::int32_t k = 0; k < 9; ++k) {
+              pick_re32[k][count] = low_re32[k][i];
+              pick_im32[k][count] = low_im32[k][i];
+            }
+            ++count;
+          }
+        }
+        if (count == 0) continue;
+        n = count;
+        re32 = pick_re32;
+        im32 = pick_im32;
+        from = 0;
+      }
       for (std::uint32_t i = 0; i < n; ++i) sums[i] = 0;
       for (std::int32_t k = 0; k < 9; ++k) {
         std::int32_t* __restrict out = features[k];
         if (narrow) {
-          narrow_features(k, hi, first, n, out, sums);
+          narrow_features(k, hi, re32, im32, from, n, out, sums);
           continue;
         }
         for (std::uint32_t i = 0; i < n; ++i) {
