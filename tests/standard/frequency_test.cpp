@@ -105,13 +105,17 @@ TEST_F(FrequencyTest, PartialSumsExactAtTheLongestSignalOfExtremeSamples) {
     std::int32_t k, column, length;
     std::int64_t re, im;
   };
+  // The last two run past 12000 samples, where the sums leave double precision for 64 bits (the
+  // last stops a sample short of the signal's end).
   const Case cases[] = {{4, 0, 12000, 4183057627161480, 0},
                         {4, 1, 11999, 4182510018831495, 0},
                         {3, 0, 12000, 4183298145330000, 85899345900},
-                        {3, 1, 11999, 4182750537000015, 85899345900}};
+                        {3, 1, 11999, 4182750537000015, 85899345900},
+                        {4, 0, 12032, 4200132269638777, 3371549325790},
+                        {3, 0, 12031, 4199990535718131, 2731599199004}};
   for (const Case& c : cases) {
-    V signal(12000);
-    for (std::int32_t n = 0; n < 12000; ++n) {
+    V signal(12032);
+    for (std::int32_t n = 0; n < 12032; ++n) {
       signal[n] = g_flkTab1[c.k * g_flkTabW + n] >= 0 ? INT32_MAX : INT32_MIN;
     }
     std::int64_t re = 0, im = 0;
