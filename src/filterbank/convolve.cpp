@@ -3,6 +3,7 @@
 #include "filterbank/filterbank.h"
 
 #include <type_traits>
+#include <utility>
 
 #include "fixed_point.h"
 
@@ -149,12 +150,47 @@ void Accumulate(std::int32_t* __restrict a, const std::int32_t* x1, const std::i
                               [tap](std::int32_t v) { return fx::wrap_mul32(tap, v); });
 }
 
+// The same sums in one pass for a filter known when compiling: the constant taps become shifts
+// and adds and the sum stays in a register, where the general form below takes a pass per tap
+// pair with a multiply the baseline ISA lacks. The tables are writable, so a call takes this
+// form only while its taps still hold these values.
+template <std::int32_t... kH, std::int32_t... kT>
+void SumsKnownPass(const std::int32_t* __restrict x, std::int32_t n, std::int32_t* __restrict a,
+                   std::int32_t d, std::integer_sequence<std::int32_t, kT...>) {
+  // One pointer per tap keeps every load contiguous in i, and the body straight-line.
+  const std::int32_t* __restrict at[] = {(x + kT * d)...};
+  for (std::int32_t i = 0; i < n; ++i) {
+    std::int32_t acc = 0;
+    ((acc = fx::wrap_add32(acc, fx::wrap_mul32(kH, at[kT][i]))), ...);
+    a[i] = acc;
+  }
+}
+
+template <std::int32_t... kH>
+bool SumsKnown(const std::int32_t* x, std::int32_t n, std::int32_t* a, const std::int32_t* h,
+               std::int32_t taps, std::int32_t d) {
+  constexpr std::int32_t kTaps[] = {kH...};
+  constexpr std::int32_t kCount = sizeof...(kH);
+  if (taps != kCount) return false;
+  for (std::int32_t t = 0; t < kCount; ++t) {
+    if (h[t] != kTaps[t]) return false;
+  }
+  SumsKnownPass<kH...>(x, n, a, d, std::make_integer_sequence<std::int32_t, kCount>{});
+  return true;
+}
+
 // Wrapping sums a[i] = sum_t h[t] * x[i + t * d] over taps >= 1 taps; wrapping sums do not
 // depend on their order, so these are the words of a per-output loop. The smoothing filters are
 // symmetric and the detail ones antisymmetric: h[t] x (x1 +- x2) for each mirrored pair of taps
 // is the same word as the two products summed, in half the passes and multiplies.
 void Sums32(const std::int32_t* x, std::int32_t n, std::int32_t* a, const std::int32_t* h,
             std::int32_t taps, std::int32_t d) {
+  if (SumsKnown<1, 4, 6, 4, 1>(x, n, a, h, taps, d) ||
+      SumsKnown<1, 9, 37, 93, -93, -37, -9, -1>(x, n, a, h, taps, d) ||
+      SumsKnown<-1, 1>(x, n, a, h, taps, d) ||
+      SumsKnown<1, 1, 1, 1, 1, 1, 1, 1, 1>(x, n, a, h, taps, d)) {
+    return;
+  }
   bool symmetric = true;
   bool antisymmetric = true;
   for (std::int32_t t = 0; t < taps; ++t) {
@@ -307,6 +343,34 @@ void convolve_synthesis(std::int32_t* x, std::int32_t n, std::int32_t* y, std::i
 void convolve_synthesis(std::int64_t* x, std::int32_t n, std::int64_t* y, std::int32_t* h,
                         std::int32_t L, std::int32_t R, std::int32_t d, std::int32_t s) {
   Synthesis(x, n, y, h, L, R, d, s, convolve_synthesis_working_memory_64);
+}
+
+void convolve_analysis_into(std::int32_t* x, std::int32_t n, std::int32_t* y, std::int32_t* h,
+                            std::int32_t L, std::int32_t R, std::int32_t d, std::int32_t s,
+                            std::int32_t step, std::int32_t* work) {
+  Analysis(x, n, y, h, L, R, d, s, step, work);
+}
+
+void convolve_synthesis_into(std::int32_t* x, std::int32_t n, std::int32_t* y, std::int32_t* h,
+                             std::int32_t L, std::int32_t R, std::int32_t d, std::int32_t s,
+                             std::int32_t* work) {
+  Synthesis(x, n, y, h, L, R, d, s, work);
+}
+
+void convolve_analysis_extend(const std::int64_t* x, std::int32_t n, std::int32_t L, std::int32_t R,
+                              std::int32_t d) {
+  const Layout layout = LayoutOf(L, R, d);
+  if (!Acceptable<std::int64_t>(n, L, R, d, 0, layout)) return;
+  Extend(x, n, convolve_analysis_working_memory_64, layout, Border::kSymmetric);
+}
+
+void convolve_synthesis_extend(const std::int64_t* x, std::int32_t n, std::int32_t L,
+                               std::int32_t R, std::int32_t d) {
+  const Layout layout = LayoutOf(L, R, d);
+  if (!Acceptable<std::int64_t>(n, L, R, d, 0, layout)) return;
+  Border border = Border::kSymmetric;
+  if (L != R) border = layout.centred ? Border::kZeroInsert : Border::kAntisymmetric;
+  Extend(x, n, convolve_synthesis_working_memory_64, layout, border);
 }
 
 // 32-bit bands widened to 64 bits as they are copied (and negated in 64 bits), so the deep rebuild

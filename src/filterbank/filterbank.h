@@ -35,6 +35,20 @@ void convolve_synthesis(std::int32_t* x, std::int32_t n, std::int32_t* y, std::i
                         std::int32_t L, std::int32_t R, std::int32_t d, std::int32_t s);
 void convolve_synthesis(std::int64_t* x, std::int32_t n, std::int64_t* y, std::int32_t* h,
                         std::int32_t L, std::int32_t R, std::int32_t d, std::int32_t s);
+// The 32-bit kernels over a caller's extension buffer of kFilterWorkSize words, leaving the
+// working memories above alone: for a caller that has proved its bands cannot wrap and keeps
+// them in 32 bits.
+void convolve_analysis_into(std::int32_t* x, std::int32_t n, std::int32_t* y, std::int32_t* h,
+                            std::int32_t L, std::int32_t R, std::int32_t d, std::int32_t s,
+                            std::int32_t step, std::int32_t* work);
+void convolve_synthesis_into(std::int32_t* x, std::int32_t n, std::int32_t* y, std::int32_t* h,
+                             std::int32_t L, std::int32_t R, std::int32_t d, std::int32_t s,
+                             std::int32_t* work);
+// Only the border-extended copy a 64-bit call leaves in its working memory, without filtering.
+void convolve_analysis_extend(const std::int64_t* x, std::int32_t n, std::int32_t L, std::int32_t R,
+                              std::int32_t d);
+void convolve_synthesis_extend(const std::int64_t* x, std::int32_t n, std::int32_t L,
+                               std::int32_t R, std::int32_t d);
 void convolve_synthesis_32_to_64_2x5(std::int32_t* x, std::int32_t n, std::int64_t* y,
                                      std::int32_t* h, std::int32_t L, std::int32_t R,
                                      std::int32_t d, std::int32_t s);

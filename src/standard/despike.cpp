@@ -45,6 +45,80 @@ void merge(std::int64_t* smooth, std::int64_t* detail, std::int32_t n, std::int3
   for (std::int32_t i = 0; i < n; ++i) out[i] = fx::round8_64(out[i] + detail_r[i]);
 }
 
+// Largest input magnitude, 2^13, for which no band leaves 32 bits: the deepest rebuild sums the
+// smooth band's synthesis (16 x 4096 x the input) and the detail's (280 x 512 x the input), at
+// most 208896 x 2^13 < 2^31 before its rounding shift. Log-ratio inputs are about 2^12.
+constexpr std::int32_t kNarrowBits = 13;
+
+bool NarrowRange(const std::int32_t* x, std::int32_t n) {
+  std::uint32_t outside = 0;  // an OR over offset samples vectorises, a running maximum does not
+  for (std::int32_t i = 0; i < n; ++i) {
+    outside |= (static_cast<std::uint32_t>(x[i]) + (1u << kNarrowBits)) >> (kNarrowBits + 1);
+  }
+  return outside == 0;
+}
+
+void Widen(const std::int32_t* __restrict from, std::int32_t n, std::int64_t* __restrict to) {
+  for (std::int32_t i = 0; i < n; ++i) to[i] = from[i];
+}
+
+// The same despike with every band in 32 bits, for inputs NarrowRange admits: no sum can wrap, so
+// each band holds the 64-bit path's values, and each is widened into its working memory once.
+// The 64-bit kernels' extension buffers are left as the last calls of that path leave them.
+void DespikeNarrow(const std::int32_t* input, std::int32_t* output, std::int32_t n) {
+  static std::int32_t h1[kDespikeSize], l1[kDespikeSize], h2[kDespikeSize], l2[kDespikeSize];
+  static std::int32_t h3[kDespikeSize], l3[kDespikeSize], smooth[kDespikeSize];
+  static std::int32_t detail[kDespikeSize], l3r[kDespikeSize], l2r[kDespikeSize];
+  static std::int32_t work[kFilterWorkSize];
+  std::int32_t* x = const_cast<std::int32_t*>(input);
+  std::int32_t* product = flicker_despike_working_memory_h_tmp;
+  std::int32_t* measure = flicker_despike_working_memory_h_mask;
+
+  Widen(input, n, flicker_despike_working_memory_input1);
+  convolve_analysis_into(x, n, h1, flicker_filter_h, 0, 1, 1, 0, 1, work);
+  convolve_analysis_into(x, n, l1, flicker_filter_s, 2, 2, 1, 0, 1, work);
+  convolve_analysis_into(l1, n, h2, flicker_filter_h, 0, 1, 2, 0, 1, work);
+  convolve_analysis_into(l1, n, l2, flicker_filter_s, 2, 2, 2, 0, 1, work);
+  convolve_analysis_into(l2, n, h3, flicker_filter_h, 0, 1, 4, 0, 1, work);
+  convolve_analysis_into(l2, n, l3, flicker_filter_s, 2, 2, 4, 0, 1, work);
+  Widen(h1, n, flicker_despike_working_memory_h1);
+  Widen(l1, n, flicker_despike_working_memory_l1);
+  Widen(l2, n, flicker_despike_working_memory_l2);
+  Widen(l3, n, flicker_despike_working_memory_l3);
+
+  for (std::int32_t i = 0; i < n; ++i) product[i] = fx::wrap_mul32(h1[i], h2[i]);
+  convolve_analysis(product, n, measure, flicker_filter_s2, 4, 4, 1, 9, 1);
+  for (std::int32_t i = 0; i < n; ++i) {
+    if (fx::wrap_abs32(measure[i]) >= kSpikeThreshold) {
+      h2[i] = 0;
+      h3[i] = 0;
+    }
+  }
+  Widen(h2, n, flicker_despike_working_memory_h2);
+  Widen(h3, n, flicker_despike_working_memory_h3);
+
+  convolve_synthesis_into(l3, n, smooth, flicker_filter_s, 2, 2, 4, 0, work);
+  convolve_synthesis_into(h3, n, detail, flicker_filter_q, 4, 3, 4, 0, work);
+  for (std::int32_t i = 0; i < n; ++i) l3r[i] = fx::round8_32(smooth[i] + detail[i]);
+  Widen(detail, n, flicker_despike_working_memory_h3r);
+  Widen(l3r, n, flicker_despike_working_memory_l3r);
+  convolve_synthesis_into(l3r, n, smooth, flicker_filter_s, 2, 2, 2, 0, work);
+  convolve_synthesis_into(h2, n, detail, flicker_filter_q, 4, 3, 2, 0, work);
+  for (std::int32_t i = 0; i < n; ++i) l2r[i] = fx::round8_32(smooth[i] + detail[i]);
+  Widen(detail, n, flicker_despike_working_memory_h2r);
+  Widen(l2r, n, flicker_despike_working_memory_l2r);
+  convolve_synthesis_into(l2r, n, smooth, flicker_filter_s, 2, 2, 1, 0, work);
+  Widen(smooth, n, flicker_despike_working_memory_l1r);
+  for (std::int32_t i = 0; i < n; ++i) output[i] = fx::round8_32(smooth[i]);
+
+  // The 64-bit path's last analysis extends l2 at dilation 4; its last synthesis calls extend h3
+  // and h2 (the longest pads, whose tails outlast the shorter ones) and then l2r.
+  convolve_analysis_extend(flicker_despike_working_memory_l2, n, 2, 2, 4);
+  convolve_synthesis_extend(flicker_despike_working_memory_h3, n, 4, 3, 4);
+  convolve_synthesis_extend(flicker_despike_working_memory_h2, n, 4, 3, 2);
+  convolve_synthesis_extend(flicker_despike_working_memory_l2r, n, 2, 2, 1);
+}
+
 }  // namespace
 
 void flicker_despike(std::int32_t* input, std::int32_t* output, std::int32_t n) {
@@ -53,6 +127,7 @@ void flicker_despike(std::int32_t* input, std::int32_t* output, std::int32_t n) 
     LogRefusalFlk("flicker_despike", "%d samples outside %d..%d", n, kMinDespikeLen, kDespikeSize);
     return;
   }
+  if (NarrowRange(input, n)) return DespikeNarrow(input, output, n);
   std::int64_t* x = flicker_despike_working_memory_input1;
   std::int64_t* h1 = flicker_despike_working_memory_h1;
   std::int64_t* l1 = flicker_despike_working_memory_l1;

@@ -79,9 +79,10 @@ bool better(std::int32_t count, Cost cost, std::int32_t best_count, Cost best_co
 
 std::int32_t find_peaks(std::int32_t* grad, std::int32_t n, std::int32_t threshold,
                         std::int64_t* mask) {
-  for (std::int32_t i = 0; i < n; ++i) mask[i] = 0;
-  if (n < 3) return 0;
+  // Each entry is written once: the zeros up to a peak's span, then the span's ones past what an
+  // earlier span already covered (peaks come in order, so spans only ever extend).
   std::int32_t peaks = 0;
+  std::int32_t done = 0;  // mask[0 .. done) is written
   for (std::int32_t i = 1; i < n - 1; ++i) {
     const std::int32_t a = fx::wrap_abs32(grad[i]);
     if (a > threshold && a > fx::wrap_abs32(grad[i - 1]) && a > fx::wrap_abs32(grad[i + 1])) {
@@ -89,9 +90,11 @@ std::int32_t find_peaks(std::int32_t* grad, std::int32_t n, std::int32_t thresho
       // Ten samples before the peak and nine after it: the asymmetry is part of the matching.
       const std::int32_t from = i - 10 < 0 ? 0 : i - 10;
       const std::int32_t to = i + 10 > n ? n : i + 10;
-      for (std::int32_t j = from; j < to; ++j) mask[j] = 1;
+      for (; done < from; ++done) mask[done] = 0;
+      for (; done < to; ++done) mask[done] = 1;
     }
   }
+  for (; done < n; ++done) mask[done] = 0;
   return peaks;
 }
 
@@ -201,14 +204,23 @@ void exhaust_search_fine(std::int32_t* cur, std::int32_t* prev, std::int64_t* cu
 
   // Candidate-independent work once per call: the companded samples and the masks' validity
   // (a candidate only changes which of them meet).
+  // The companded samples are kept split by phase (even rows, then odd rows), so that every
+  // candidate's output at a step of two reads two contiguous runs.
   static std::int32_t cur_log[kMaxWorkLen];
   static std::int32_t prev_log[kMaxWorkLen];
   static std::int32_t cur_valid[kMaxWorkLen];  // all ones where valid, else 0
   static std::int32_t prev_valid[kMaxWorkLen];
+  const bool phased = out_mask == 1;
+  const std::int32_t odd_at = (len + 1) >> 1;  // where the odd phase starts
+  const std::int32_t phase_step = phased ? 2 : 1;
+  for (std::int32_t phase = 0, at = 0; phase < phase_step; ++phase) {
+    for (std::int32_t i = phase; i < len; i += phase_step, ++at) {
+      cur_log[at] = flicker_compand(cur[i]);
+      prev_log[at] = flicker_compand(prev[i]);
+    }
+  }
   std::uint32_t wide = 0;  // non-zero once a sample lies outside [-2^30, 2^30)
   for (std::int32_t i = 0; i < len; ++i) {
-    cur_log[i] = flicker_compand(cur[i]);
-    prev_log[i] = flicker_compand(prev[i]);
     cur_valid[i] = valid(curMask, i) ? -1 : 0;
     prev_valid[i] = valid(prevMask, i) ? -1 : 0;
     wide |= (static_cast<std::uint32_t>(cur[i]) + (1u << 30)) >> 31;
@@ -229,8 +241,15 @@ void exhaust_search_fine(std::int32_t* cur, std::int32_t* prev, std::int64_t* cu
     const std::int32_t step = out_mask + 1;
     std::int32_t written = 0;
     // Log ratio on clamped samples; the cost below sees the raw, unclamped ones.
-    for (std::int32_t j = 0; j < overlap; j += step) {
-      out[written++] = cur_log[j + cur_off] - prev_log[j + prev_off];
+    if (phased) {
+      const std::int32_t* __restrict c = cur_log + (cur_off >> 1) + (cur_off & 1) * odd_at;
+      const std::int32_t* __restrict p = prev_log + (prev_off >> 1) + (prev_off & 1) * odd_at;
+      written = outLen[k];
+      for (std::int32_t w = 0; w < written; ++w) out[w] = c[w] - p[w];
+    } else {
+      for (std::int32_t j = 0; j < overlap; j += step) {
+        out[written++] = cur_log[j + cur_off] - prev_log[j + prev_off];
+      }
     }
     const std::int32_t to = hi < overlap ? hi : overlap;
     std::int32_t count = 0;

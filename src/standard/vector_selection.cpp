@@ -89,17 +89,21 @@ void vector_selection(const std::int64_t* prev, const std::int64_t* cur, std::in
   for (std::int32_t b = 0; b < n_win_h; ++b) {
     const std::int64_t band = band_size * b;
     const std::int64_t* band_cur = cur + band;
-    // Column by column: long contiguous stores instead of a handful per row.
-    for (std::int32_t c = 0; c < n_win_w; ++c) {
-      std::int32_t* __restrict column = cvector_out_working_memory + c * win_ht;
-      const std::int64_t* __restrict from = band_cur + c;
-      for (std::int32_t r = 0; r < win_ht; ++r) column[r] = fx::low32(from[r * n_win_w]);
+    // The columns are copied out whole (column by column: long contiguous stores) only for the
+    // last band, whose copy the working memory keeps; every earlier band's copy would be
+    // overwritten by the next, and the choice reads only every eighth row.
+    if (b == n_win_h - 1) {
+      for (std::int32_t c = 0; c < n_win_w; ++c) {
+        std::int32_t* __restrict column = cvector_out_working_memory + c * win_ht;
+        const std::int64_t* __restrict from = band_cur + c;
+        for (std::int32_t r = 0; r < win_ht; ++r) column[r] = fx::low32(from[r * n_win_w]);
+      }
     }
     if (win_ht >= kDecimation) {
+      const std::int64_t row_step = static_cast<std::int64_t>(kDecimation) * n_win_w;
       for (std::int32_t c = 0; c < n_win_w; ++c) {
         for (std::int32_t j = 0; j < len; ++j) {
-          grad_current_working_memory[c * len + j] =
-              cvector_out_working_memory[c * win_ht + kDecimation * j];
+          grad_current_working_memory[c * len + j] = fx::low32(band_cur[j * row_step + c]);
         }
       }
     }
