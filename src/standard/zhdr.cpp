@@ -3,6 +3,7 @@
 #include "standard/standard.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <cstdio>
 
 #include "decision/decision.h"
@@ -47,6 +48,46 @@ std::int64_t value(std::int64_t word) {
   return static_cast<std::int64_t>(static_cast<std::uint64_t>(word) & kValueMask);
 }
 
+// The counts of two grids that do not overlap, column by column over each group's rows, in
+// registers: the sums do not depend on the order, and nothing is rewritten yet. Group g holds rows
+// whose truncated quotient by even_rows is g (all rows for even_rows 0).
+void count_separate_grids(const std::int64_t* prevStats, const std::int64_t* curStats,
+                          std::int32_t rows, std::int32_t cols, std::int32_t even_rows) {
+  const std::int64_t group_rows = even_rows == 0  ? rows
+                                  : even_rows < 0 ? -std::int64_t{even_rows}
+                                                  : even_rows;
+  const std::int64_t stride = 2 * static_cast<std::int64_t>(cols);
+  for (std::int64_t r0 = 0; r0 < rows;) {
+    const std::int64_t r1 = std::min<std::int64_t>(rows, (r0 / group_rows + 1) * group_rows);
+    const std::int64_t first =
+        static_cast<std::int64_t>(fx::div_trunc(static_cast<std::int32_t>(r0), even_rows)) * cols;
+    for (std::int32_t c = 0; c < cols; ++c) {
+      const std::int64_t w = first + c;
+      // The driver keeps every window inside the 12 counters; other callers' extra rows are
+      // unpacked without being counted (a negative group count gives negative windows).
+      if (w < 0 || w >= kCountWindows) continue;
+      for (std::int64_t r = r0; r < r0 + 2 && r < r1; ++r) {
+        const bool short_exposure = static_cast<std::int32_t>(r % 2 == 0) != zhdr_gle_first;
+        std::int32_t sat_prev = 0, sat_cur = 0, noi_prev = 0, noi_cur = 0;
+        const std::int64_t* p = prevStats + r * cols + c;
+        const std::int64_t* q = curStats + r * cols + c;
+        for (std::int64_t k = 0, n = (r1 - r + 1) / 2; k < n; ++k, p += stride, q += stride) {
+          // 32-bit: at most 6000 rows of 12-bit counts.
+          sat_prev += saturation(*p);
+          sat_cur += saturation(*q);
+          noi_prev += noise(*p);
+          noi_cur += noise(*q);
+        }
+        (short_exposure ? ZHDR_SE_SAT_PREV : ZHDR_LE_SAT_PREV)[w] += sat_prev;
+        (short_exposure ? ZHDR_SE_SAT_CURR : ZHDR_LE_SAT_CURR)[w] += sat_cur;
+        (short_exposure ? ZHDR_SE_NOI_PREV : ZHDR_LE_NOI_PREV)[w] += noi_prev;
+        (short_exposure ? ZHDR_SE_NOI_CURR : ZHDR_LE_NOI_CURR)[w] += noi_cur;
+      }
+    }
+    r0 = r1;
+  }
+}
+
 }  // namespace
 
 void extract_ZHDR_INFO(std::int64_t* prevStats, std::int64_t* curStats, std::int32_t rows,
@@ -66,6 +107,19 @@ void extract_ZHDR_INFO(std::int64_t* prevStats, std::int64_t* curStats, std::int
   }
   const std::int32_t per_group = fx::div_trunc(rows, groups);
   const std::int32_t even_rows = per_group & ~1;
+  const auto start = [](const std::int64_t* grid) {
+    return reinterpret_cast<std::uintptr_t>(grid);
+  };
+  const std::uintptr_t bytes = static_cast<std::uintptr_t>(words) * sizeof(std::int64_t);
+  if (start(prevStats) + bytes <= start(curStats) || start(curStats) + bytes <= start(prevStats)) {
+    count_separate_grids(prevStats, curStats, rows, cols, even_rows);
+    for (std::int64_t i = 0; i < words; ++i) {
+      prevStats[i] = value(prevStats[i]);
+      curStats[i] = value(curStats[i]);
+    }
+    return;
+  }
+  // Overlapping grids: word by word in row order, each read before it is rewritten.
   for (std::int32_t r = 0; r < rows; ++r) {
     const std::int32_t g = fx::div_trunc(r, even_rows);
     const bool short_exposure = static_cast<std::int32_t>(r % 2 == 0) != zhdr_gle_first;
