@@ -292,6 +292,7 @@ void align_flicker_SONY_subpixel(std::int32_t* curStats, std::int32_t* prevStats
     for (std::int32_t i = 0; i < n; ++i) {
       avector_out_working_memory[base + i] = fx::wrap_sub32(cur_log[i], prev_log[i]);
     }
+    if (base + n > avector_out_extent) avector_out_extent = base + n;
     const bool tabulated = n >= kMinTabulatedRows;
     if (tabulated) tabulate_shifts(prev_log, n);
     std::int32_t best_cost = 2147483647;

@@ -16,6 +16,7 @@ std::int32_t cvector_prev_working_memory[1000];
 std::int32_t grad_current_working_memory[1500];
 std::int32_t grad_prev_working_memory[1500];
 std::int32_t avector_out_working_memory[12000];
+std::int32_t avector_out_extent = 12000;
 std::int32_t cvector_out_working_memory[12000];
 std::int32_t ovector_out_working_memory[12000];
 std::int32_t cvector_out1_working_memory[2000];
@@ -162,7 +163,6 @@ void align_flicker(std::int32_t* curStats, std::int32_t* prevStats, std::int32_t
   std::int32_t winLength[kMaxWindows] = {};
   std::int32_t result[9] = {};
 
-  for (std::int32_t i = 0; i < 12000; ++i) avector_out_working_memory[i] = 0;
   std::int32_t p = 0;  // next block of the aligned and unaligned block vectors
   std::int32_t q = 0;  // next sample of the packed unregistered vector
   const std::int32_t peak_threshold = fx::wrap_mul32(2, flicker_grad_threshold);
@@ -262,6 +262,10 @@ void align_flicker(std::int32_t* curStats, std::int32_t* prevStats, std::int32_t
     p += h;
     if (g_logFlow) PrintLogFlk("window %d is flat\n", w + 1);
   }
+
+  // The windows wrote [0, q); the rest of the array reads 0, as if cleared before them.
+  for (std::int32_t i = q; i < avector_out_extent; ++i) avector_out_working_memory[i] = 0;
+  avector_out_extent = q;
 
   // Spread of the aligned windows' offsets.
   std::int32_t smallest = 0;

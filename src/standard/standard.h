@@ -100,6 +100,10 @@ extern std::int32_t cvector_prev_working_memory[1000];
 extern std::int32_t grad_current_working_memory[1500];
 extern std::int32_t grad_prev_working_memory[1500];
 extern std::int32_t avector_out_working_memory[12000];
+// Entries of avector_out_working_memory from here on hold 0: the library's own record of what
+// it has written there (the standard and SONY alignments), so that clearing the whole array,
+// 48 KB a frame, comes down to clearing what an earlier frame left.
+extern std::int32_t avector_out_extent;
 extern std::int32_t cvector_out_working_memory[12000];
 extern std::int32_t ovector_out_working_memory[12000];
 extern std::int32_t cvector_out1_working_memory[2000];
