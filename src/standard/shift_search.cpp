@@ -2,6 +2,8 @@
 // Exhaustive shift search: peak masks, the coarse decimated search and the fine search.
 #include "standard/standard.h"
 
+#include <cstring>
+
 #include "filterbank/filterbank.h"
 #include "fixed_point.h"
 
@@ -32,6 +34,43 @@ inline bool valid(const std::int64_t* mask, std::int32_t i) {
 
 // Low-pass (flicker_filter_s1, unit gain in Q8) and decimate by `step`: the window is mirrored
 // six samples each side, edge sample repeated, into the analysis scratch. Returns the count.
+// The coarse search's low-pass at every fourth sample of the extended window buf, in 32-bit
+// lanes: samples within +-2^22 keep the Q8 sums below 2^30, so they are those of the 64-bit
+// loop. The window is split into its four phases first, so that each tap reads a contiguous run
+// and the outputs vectorise. Only for the table as built; false leaves the work to the caller.
+bool lowpass_every_fourth(const std::int32_t* x, std::int32_t len, const std::int32_t* buf,
+                          std::int32_t* out) {
+  static constexpr std::int32_t kTaps[2 * kFilterHalf + 1] = {1,  4,  10, 20, 31, 40, 44,
+                                                              40, 31, 20, 10, 4,  1};
+  for (std::int32_t t = 0; t <= 2 * kFilterHalf; ++t) {
+    if (flicker_filter_s1[t] != kTaps[t]) return false;
+  }
+  std::uint32_t outside = 0;
+  for (std::int32_t i = 0; i < len; ++i) {
+    outside |= (static_cast<std::uint32_t>(x[i]) + (1u << 22)) >> 23;
+  }
+  if (outside != 0) return false;
+  // Output k reads buf[4k .. 4k + 12]: phase 0 up to k + 3, the others up to k + 2.
+  const std::int32_t outputs = (len + 3) >> 2;
+  static std::int32_t phases[4][kMaxWorkLen / 4 + 4];
+  for (std::int32_t r = 0; r < 4; ++r) {
+    const std::int32_t entries = outputs + (r == 0 ? 3 : 2);
+    for (std::int32_t j = 0; j < entries; ++j) phases[r][j] = buf[4 * j + r];
+  }
+  const std::int32_t* __restrict p0 = phases[0];
+  const std::int32_t* __restrict p1 = phases[1];
+  const std::int32_t* __restrict p2 = phases[2];
+  const std::int32_t* __restrict p3 = phases[3];
+  for (std::int32_t k = 0; k < outputs; ++k) {
+    const std::int32_t sum = (p0[k] + p0[k + 3]) + 4 * (p1[k] + p3[k + 2]) +
+                             10 * (p2[k] + p2[k + 2]) + 20 * (p3[k] + p1[k + 2]) +
+                             31 * (p0[k + 1] + p0[k + 2]) + 40 * (p1[k + 1] + p3[k + 1]) +
+                             44 * p2[k + 1];
+    out[k] = fx::rshift_round32(sum, 8);
+  }
+  return true;
+}
+
 std::int32_t lowpass_decimate(const std::int32_t* x, std::int32_t len, std::int32_t step,
                               std::int32_t* out) {
   if (len < 1) return 0;  // nothing to mirror
@@ -42,6 +81,7 @@ std::int32_t lowpass_decimate(const std::int32_t* x, std::int32_t len, std::int3
     buf[kFilterHalf - 1 - m] = x[fx::clamp32(m, 0, len - 1)];
     buf[kFilterHalf + len + m] = x[fx::clamp32(len - 1 - m, 0, len - 1)];
   }
+  if (step == 4 && lowpass_every_fourth(x, len, buf, out)) return (len + 3) >> 2;
   std::int32_t count = 0;
   // The low-pass is symmetric (as built): each mirrored pair of taps takes one multiply of the
   // pair's sum. 64-bit: 24-bit statistics times a tap sum of 256.
@@ -79,13 +119,40 @@ bool better(std::int32_t count, Cost cost, std::int32_t best_count, Cost best_co
 
 std::int32_t find_peaks(std::int32_t* grad, std::int32_t n, std::int32_t threshold,
                         std::int64_t* mask) {
+  // The peak test for every sample first, in passes that vectorise, as one byte a sample (the
+  // gradient arrays hold up to 1500 samples; a longer direct call tests sample by sample).
+  constexpr std::int32_t kTested = 1500;
+  static std::int32_t magnitude[kTested];
+  static std::uint8_t peak_at[kTested];
+  const bool tested = n <= kTested;
+  if (tested) {
+    for (std::int32_t i = 0; i < n; ++i) magnitude[i] = fx::wrap_abs32(grad[i]);
+    for (std::int32_t i = 1; i < n - 1; ++i) {
+      const std::int32_t a = magnitude[i];
+      peak_at[i] = static_cast<std::uint8_t>((a > threshold) & (a > magnitude[i - 1]) &
+                                             (a > magnitude[i + 1]));
+    }
+  }
+  const auto is_peak = [&](std::int32_t i) {
+    if (tested) return peak_at[i] != 0;
+    const std::int32_t a = fx::wrap_abs32(grad[i]);
+    return a > threshold && a > fx::wrap_abs32(grad[i - 1]) && a > fx::wrap_abs32(grad[i + 1]);
+  };
   // Each entry is written once: the zeros up to a peak's span, then the span's ones past what an
-  // earlier span already covered (peaks come in order, so spans only ever extend).
+  // earlier span already covered (peaks come in order, so spans only ever extend). Peaks are
+  // sparse: eight tested samples without one are passed over at once.
   std::int32_t peaks = 0;
   std::int32_t done = 0;  // mask[0 .. done) is written
-  for (std::int32_t i = 1; i < n - 1; ++i) {
-    const std::int32_t a = fx::wrap_abs32(grad[i]);
-    if (a > threshold && a > fx::wrap_abs32(grad[i - 1]) && a > fx::wrap_abs32(grad[i + 1])) {
+  for (std::int32_t i = 1; i < n - 1;) {
+    if (tested && i + 8 <= n - 1) {
+      std::uint64_t eight = 0;
+      std::memcpy(&eight, peak_at + i, sizeof eight);
+      if (eight == 0) {
+        i += 8;
+        continue;
+      }
+    }
+    if (is_peak(i)) {
       ++peaks;
       // Ten samples before the peak and nine after it: the asymmetry is part of the matching.
       const std::int32_t from = i - 10 < 0 ? 0 : i - 10;
@@ -93,6 +160,7 @@ std::int32_t find_peaks(std::int32_t* grad, std::int32_t n, std::int32_t thresho
       for (; done < from; ++done) mask[done] = 0;
       for (; done < to; ++done) mask[done] = 1;
     }
+    ++i;
   }
   for (; done < n; ++done) mask[done] = 0;
   return peaks;

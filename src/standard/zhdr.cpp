@@ -99,6 +99,13 @@ void extract_ZHDR_INFO(std::int64_t* prevStats, std::int64_t* curStats, std::int
   if (rows < 1 || cols < 1) return;
   const std::int64_t words = static_cast<std::int64_t>(rows) * cols;
   if (is_zhdr == 0) {
+    // Plain statistics rarely carry bits above the value: a read-only pass finds out, and only
+    // grids that do are rewritten.
+    std::uint64_t above = 0;
+    for (std::int64_t i = 0; i < words; ++i) {
+      above |= static_cast<std::uint64_t>(prevStats[i]) | static_cast<std::uint64_t>(curStats[i]);
+    }
+    if ((above & ~kValueMask) == 0) return;
     for (std::int64_t i = 0; i < words; ++i) {
       prevStats[i] = value(prevStats[i]);
       curStats[i] = value(curStats[i]);
