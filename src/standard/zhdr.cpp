@@ -225,6 +225,7 @@ void vector_selection_zHDR(const std::int64_t* prevStats, const std::int64_t* cu
   const bool even_is_le = zhdr_gle_first == 1;
   const std::int64_t grid_size = static_cast<std::int64_t>(n_win_h) * win_ht * n_win_w;
   std::int32_t s = kInitialSelection;
+  std::int32_t copied_band = -1;
   for (std::int32_t h = 0; h < n_win_h; ++h) {
     std::int32_t flagged = 0;
     for (std::int32_t c = 0; c < n_win_w; ++c) {
@@ -263,22 +264,21 @@ void vector_selection_zHDR(const std::int64_t* prevStats, const std::int64_t* cu
         }
       }
     } else {
+      // The choice reads two rows in eight straight from the grid; the band's columns are
+      // copied out whole only for the last band that comes here (after the loop), the one whose
+      // copy the working memory keeps.
       const std::int64_t band = static_cast<std::int64_t>(h) * win_ht * n_win_w;
-      for (std::int32_t c = 0; c < n_win_w; ++c) {
-        for (std::int32_t i = 0; i < win_ht; ++i) {
-          cvector_out_working_memory[c * win_ht + i] =
-              fx::low32(curStats[band + static_cast<std::int64_t>(i) * n_win_w + c]);
-        }
-      }
+      copied_band = h;
       const std::int32_t len = win_ht > 7 ? win_ht >> 3 : 0;
       if (len > 0) {
+        const std::int64_t row_step = std::int64_t{8} * n_win_w;
         for (std::int32_t c = 0; c < n_win_w; ++c) {
-          const std::int32_t* column = cvector_out_working_memory + c * win_ht;
+          const std::int64_t* column = curStats + band + c;
           std::int32_t* even = ovector_out_working_memory + 2 * c * len;
           std::int32_t* odd = even + len;
           for (std::int32_t j = 0; j < len; ++j) {
-            even[j] = column[8 * j];
-            odd[j] = column[8 * j + 1];
+            even[j] = fx::low32(column[j * row_step]);
+            odd[j] = fx::low32(column[j * row_step + n_win_w]);
           }
         }
       }
@@ -298,4 +298,12 @@ void vector_selection_zHDR(const std::int64_t* prevStats, const std::int64_t* cu
     }
   }
   std::printf("\n");
+  if (copied_band >= 0) {
+    const std::int64_t band = static_cast<std::int64_t>(copied_band) * win_ht * n_win_w;
+    for (std::int32_t c = 0; c < n_win_w; ++c) {
+      std::int32_t* __restrict column = cvector_out_working_memory + c * win_ht;
+      const std::int64_t* __restrict from = curStats + band + c;
+      for (std::int32_t i = 0; i < win_ht; ++i) column[i] = fx::low32(from[i * n_win_w]);
+    }
+  }
 }
