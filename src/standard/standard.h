@@ -72,6 +72,24 @@ inline std::int32_t flicker_count_swings(const std::int32_t* buf, std::int64_t f
   return swings;
 }
 
+// rows entries of one column of both grids, from word first on, every stride words; a column
+// past the grid's end (the default column 1 of a one-column grid) reads 0 beyond it.
+inline void flicker_copy_column(const std::int64_t* prev, const std::int64_t* cur,
+                                std::int64_t first, std::int32_t stride, std::int32_t rows,
+                                std::int64_t grid_size, std::int32_t* outPrev,
+                                std::int32_t* outCur) {
+  std::int64_t inside = rows;
+  if (rows >= 1 && first + static_cast<std::int64_t>(rows - 1) * stride >= grid_size) {
+    inside = first >= grid_size ? 0 : (grid_size - first + stride - 1) / stride;
+  }
+  for (std::int32_t r = 0; r < inside; ++r) {
+    const std::int64_t at = first + static_cast<std::int64_t>(r) * stride;
+    outCur[r] = fx::low32(cur[at]);
+    outPrev[r] = fx::low32(prev[at]);
+  }
+  for (std::int64_t r = inside; r < rows; ++r) outCur[r] = outPrev[r] = 0;
+}
+
 // ---- Detection driver ----
 constexpr std::int32_t kLineVectorSize = 6000;
 extern std::int32_t line_prev_working_memory[kLineVectorSize];

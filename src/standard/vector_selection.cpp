@@ -111,11 +111,7 @@ void vector_selection(const std::int64_t* prev, const std::int64_t* cur, std::in
         find_vector(grad_current_working_memory, len, n_win_w, kSwingThreshold, kDarkMean);
     // The default column 1 of a one-column grid lies past the grid's end on its last row: the
     // values past the end read 0.
-    for (std::int32_t r = 0; r < win_ht; ++r) {
-      const std::int64_t at = band + static_cast<std::int64_t>(r) * n_win_w + col;
-      const std::int32_t out = b * win_ht + r;
-      outCur[out] = at < grid_size ? fx::low32(cur[at]) : 0;
-      outPrev[out] = at < grid_size ? fx::low32(prev[at]) : 0;
-    }
+    flicker_copy_column(prev, cur, band + col, n_win_w, win_ht, grid_size, outPrev + b * win_ht,
+                        outCur + b * win_ht);
   }
 }

@@ -290,12 +290,9 @@ void vector_selection_zHDR(const std::int64_t* prevStats, const std::int64_t* cu
     ZHDR_LE_SE_SELECT[h] = s % 2;
     const std::int32_t column = s / 2;
     // Candidate 2 on a one-column grid names column 1: values past the grid's end read 0.
-    for (std::int32_t i = 0; i < win_ht; ++i) {
-      const std::int64_t at = (static_cast<std::int64_t>(h) * win_ht + i) * n_win_w + column;
-      const std::int32_t out = h * win_ht + i;
-      curOut[out] = at < grid_size ? fx::low32(curStats[at]) : 0;
-      prevOut[out] = at < grid_size ? fx::low32(prevStats[at]) : 0;
-    }
+    flicker_copy_column(prevStats, curStats,
+                        static_cast<std::int64_t>(h) * win_ht * n_win_w + column, n_win_w, win_ht,
+                        grid_size, prevOut + h * win_ht, curOut + h * win_ht);
   }
   std::printf("\n");
   if (copied_band >= 0) {
