@@ -28,8 +28,11 @@ constexpr std::int32_t kCandidateSlots = 10;
 constexpr std::int32_t kFilterHalf = 6;  // 13-tap low-pass: six taps each side of the centre
 
 // A valid mask position holds exactly 1; anything else (0, stale scratch) is not valid.
-inline bool valid(const std::int64_t* mask, std::int32_t i) {
-  return mask[i] == 1;
+// All ones where mask[i] is 1 (the peak masks' "valid"), else 0: the 64-bit comparison written
+// as 64-bit logic and a 32-bit test, which the baseline vector units have.
+inline std::int32_t valid_lane(const std::int64_t* mask, std::int32_t i) {
+  const std::uint64_t off = static_cast<std::uint64_t>(mask[i]) ^ 1u;
+  return static_cast<std::uint32_t>(off | (off >> 32)) == 0 ? -1 : 0;
 }
 
 // Low-pass (flicker_filter_s1, unit gain in Q8) and decimate by `step`: the window is mirrored
@@ -215,8 +218,8 @@ std::int32_t exhaust_search(std::int32_t* cur, std::int32_t* prev, std::int64_t*
     static std::int32_t cur_valid[kMaxFullLen];
     static std::int32_t prev_valid[kMaxFullLen];
     for (std::int32_t i = 0; i < reach; ++i) {
-      cur_valid[i] = valid(cm, i) ? -1 : 0;
-      prev_valid[i] = valid(pm, i) ? -1 : 0;
+      cur_valid[i] = valid_lane(cm, i);
+      prev_valid[i] = valid_lane(pm, i);
     }
     for (std::int32_t s = -r - 1; s <= r; ++s) {
       const std::int32_t cur_off = s < 0 ? 0 : s;
@@ -289,8 +292,8 @@ void exhaust_search_fine(std::int32_t* cur, std::int32_t* prev, std::int64_t* cu
   }
   std::uint32_t wide = 0;  // non-zero once a sample lies outside [-2^30, 2^30)
   for (std::int32_t i = 0; i < len; ++i) {
-    cur_valid[i] = valid(curMask, i) ? -1 : 0;
-    prev_valid[i] = valid(prevMask, i) ? -1 : 0;
+    cur_valid[i] = valid_lane(curMask, i);
+    prev_valid[i] = valid_lane(prevMask, i);
     wide |= (static_cast<std::uint32_t>(cur[i]) + (1u << 30)) >> 31;
     wide |= (static_cast<std::uint32_t>(prev[i]) + (1u << 30)) >> 31;
   }
