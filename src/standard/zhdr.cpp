@@ -63,13 +63,16 @@ void unpack_rows(std::int64_t* grid, std::int64_t r0, std::int64_t r1, std::uint
   std::int64_t* g = grid + r0 * C;
   std::int64_t r = r0;
   for (; r + 1 < r1; r += 2, g += 2 * C) {
+    // Field by field over the pair's words, so that neighbouring words share a vector.
+    std::uint64_t word[2 * C];
 #pragma GCC unroll 12
-    for (std::int32_t j = 0; j < 2 * C; ++j) {
-      const std::uint64_t word = static_cast<std::uint64_t>(g[j]);
-      n[j] += word & kNoiseField;
-      s[j] += word & kSaturationField;
-      g[j] = static_cast<std::int64_t>(word & kValueMask);
-    }
+    for (std::int32_t j = 0; j < 2 * C; ++j) word[j] = static_cast<std::uint64_t>(g[j]);
+#pragma GCC unroll 12
+    for (std::int32_t j = 0; j < 2 * C; ++j) n[j] += word[j] & kNoiseField;
+#pragma GCC unroll 12
+    for (std::int32_t j = 0; j < 2 * C; ++j) s[j] += word[j] & kSaturationField;
+#pragma GCC unroll 12
+    for (std::int32_t j = 0; j < 2 * C; ++j) g[j] = static_cast<std::int64_t>(word[j] & kValueMask);
   }
   if (r < r1) {  // a last even row
     for (std::int32_t j = 0; j < C; ++j) {
@@ -176,6 +179,7 @@ void extract_ZHDR_INFO(std::int64_t* prevStats, std::int64_t* curStats, std::int
     // Plain statistics rarely carry bits above the value: a read-only pass finds out, and only
     // grids that do are rewritten.
     std::uint64_t above = 0;
+#pragma GCC unroll 4
     for (std::int64_t i = 0; i < words; ++i) {
       above |= static_cast<std::uint64_t>(prevStats[i]) | static_cast<std::uint64_t>(curStats[i]);
     }
