@@ -157,11 +157,28 @@ void Accumulate(std::int32_t* __restrict a, const std::int32_t* x1, const std::i
 template <std::int32_t... kH, std::int32_t... kT>
 void SumsKnownPass(const std::int32_t* __restrict x, std::int32_t n, std::int32_t* __restrict a,
                    std::int32_t d, std::integer_sequence<std::int32_t, kT...>) {
+  constexpr std::int32_t kTaps[] = {kH...};
+  constexpr std::int32_t kCount = sizeof...(kH);
+  constexpr bool kSymmetric = ((kTaps[kT] == kTaps[kCount - 1 - kT]) && ...);
+  constexpr bool kAntisymmetric = ((kTaps[kT] == -kTaps[kCount - 1 - kT]) && ...);
   // One pointer per tap keeps every load contiguous in i, and the body straight-line.
   const std::int32_t* __restrict at[] = {(x + kT * d)...};
   for (std::int32_t i = 0; i < n; ++i) {
     std::int32_t acc = 0;
-    ((acc = fx::wrap_add32(acc, fx::wrap_mul32(kH, at[kT][i]))), ...);
+    if constexpr (kSymmetric || kAntisymmetric) {
+      // A mirrored pair of taps: one product of the pair's sum or difference (the same word).
+      const auto pair = [&](std::int32_t t) {
+        return kSymmetric ? fx::wrap_add32(at[t][i], at[kCount - 1 - t][i])
+                          : fx::wrap_sub32(at[t][i], at[kCount - 1 - t][i]);
+      };
+      ((acc = kT < kCount / 2 ? fx::wrap_add32(acc, fx::wrap_mul32(kTaps[kT], pair(kT))) : acc),
+       ...);
+      if constexpr (kCount % 2 == 1 && kSymmetric) {
+        acc = fx::wrap_add32(acc, fx::wrap_mul32(kTaps[kCount / 2], at[kCount / 2][i]));
+      }
+    } else {
+      ((acc = fx::wrap_add32(acc, fx::wrap_mul32(kH, at[kT][i]))), ...);
+    }
     a[i] = acc;
   }
 }

@@ -69,15 +69,16 @@ std::int32_t smooth_and_halve(const std::int32_t* x, std::int32_t n, std::int32_
   // A window of one sample has no second sample to mirror: repeat the one it has.
   padded[0] = x[n > 1 ? 1 : 0];
   padded[1] = x[0];
-  for (std::int32_t i = 0; i < n; ++i) padded[i + 2] = x[i];
+  // Samples within +-2^27 (every statistic; the mirrors repeat samples): the sum, 16 x at most,
+  // fits 32 bits.
+  std::uint32_t wide = 0;
+  for (std::int32_t i = 0; i < n; ++i) {
+    padded[i + 2] = x[i];
+    wide |= (static_cast<std::uint32_t>(x[i]) + (1u << 27)) >> 28;
+  }
   padded[n + 2] = x[n - 1];
   padded[n + 3] = x[n > 1 ? n - 2 : 0];
   const std::int32_t m = (n + 1) >> 1;
-  // Samples within +-2^27 (every statistic): the sum, 16 x at most, fits 32 bits.
-  std::uint32_t wide = 0;
-  for (std::int32_t i = 0; i < n + 4; ++i) {
-    wide |= (static_cast<std::uint32_t>(padded[i]) + (1u << 27)) >> 28;
-  }
   if (wide == 0) {
     const std::int32_t* __restrict p = padded;
     std::int32_t* __restrict o = out;
