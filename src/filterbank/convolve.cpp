@@ -80,6 +80,7 @@ template <typename In, typename W>
 void Extend(const In* x, std::int32_t n, W* work, const Layout& layout, Border border) {
   const std::int32_t P = layout.left_pad;
   const std::int32_t Q = layout.right_pad;
+#pragma GCC unroll 4
   for (std::int32_t j = 0; j < n; ++j) work[P + j] = static_cast<W>(x[j]);
   switch (border) {
     case Border::kSymmetric:

@@ -59,6 +59,7 @@ bool NarrowRange(const std::int32_t* x, std::int32_t n) {
 }
 
 void Widen(const std::int32_t* __restrict from, std::int32_t n, std::int64_t* __restrict to) {
+#pragma GCC unroll 2
   for (std::int32_t i = 0; i < n; ++i) to[i] = from[i];
 }
 

@@ -56,10 +56,13 @@ bool lowpass_every_fourth(const std::int32_t* x, std::int32_t len, const std::in
   // Output k reads buf[4k .. 4k + 12]: phase 0 up to k + 3, the others up to k + 2.
   const std::int32_t outputs = (len + 3) >> 2;
   static std::int32_t phases[4][kMaxWorkLen / 4 + 4];
-  for (std::int32_t r = 0; r < 4; ++r) {
-    const std::int32_t entries = outputs + (r == 0 ? 3 : 2);
-    for (std::int32_t j = 0; j < entries; ++j) phases[r][j] = buf[4 * j + r];
+  for (std::int32_t j = 0; j < outputs + 2; ++j) {
+    phases[0][j] = buf[4 * j];
+    phases[1][j] = buf[4 * j + 1];
+    phases[2][j] = buf[4 * j + 2];
+    phases[3][j] = buf[4 * j + 3];
   }
+  phases[0][outputs + 2] = buf[4 * (outputs + 2)];
   const std::int32_t* __restrict p0 = phases[0];
   const std::int32_t* __restrict p1 = phases[1];
   const std::int32_t* __restrict p2 = phases[2];
