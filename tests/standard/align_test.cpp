@@ -91,6 +91,25 @@ TEST_F(AlignTest, ExposureBoundsAreInclusive) {
   }
 }
 
+// The sums split into 16-bit halves up to 2^15 samples (negative samples included) and run in
+// 64 bits beyond; the bounds are the same.
+TEST(ExposureStable, BoundsHoldForSplitAndLongSums) {
+  struct Case {
+    std::int32_t n, cur, cur_delta, prev;
+    bool stable;
+  };
+  for (const Case c : {Case{2, 1400000, 0, 1000000, true}, Case{2, 1400000, 1, 1000000, false},
+                       Case{40000, 1400, 0, 1000, true}, Case{40000, 1400, 1, 1000, false},
+                       Case{40000, 700, -1, 1000, false}}) {
+    V cur(c.n, c.cur);
+    V prev(c.n, c.prev);
+    // A pair of samples +-123456 (high halves 1 and -2) that cancel in the sum.
+    cur[0] += 123456 + c.cur_delta;
+    cur[1] -= 123456;
+    EXPECT_EQ(flicker_exposure_stable(cur.data(), prev.data(), c.n), c.stable) << c.n << c.cur;
+  }
+}
+
 // A uniform scene has no gradient peak: every window is flat and taken unaligned, the offsets'
 // spread is 0 and the registered path runs on the unregistered ratio.
 TEST_F(AlignTest, UniformSceneIsFlatEverywhereAndStillRegistered) {

@@ -74,6 +74,20 @@ TEST(FindPeaks, StrictPeaksMarkTenSamplesBeforeAndNineAfter) {
   for (int j = 0; j < 40; ++j) EXPECT_EQ(mask[j], j <= 12 || j >= 23 ? 1 : 0) << j;
 }
 
+// Up to 1500 samples the peaks are tested in vector passes first; a longer direct call tests
+// them one by one, with the same mask.
+TEST(FindPeaks, LongGradientsMarkLikeShortOnes) {
+  V grad(1600, 0);
+  for (int i = 0; i < 1480; ++i) grad[i] = (i * 37) % 101 - 50;
+  Mask short_mask(1500, 7);
+  Mask long_mask(1600, 7);
+  const std::int32_t peaks = find_peaks(grad.data(), 1500, 20, short_mask.data());
+  EXPECT_EQ(find_peaks(grad.data(), 1600, 20, long_mask.data()), peaks);
+  EXPECT_GT(peaks, 100);
+  EXPECT_EQ(Mask(long_mask.begin(), long_mask.begin() + 1500), short_mask);
+  EXPECT_EQ(Mask(long_mask.begin() + 1500, long_mask.end()), Mask(100, 0));
+}
+
 TEST(CoarseSearch, LowPassIsRoundedAndMirrorsTheEdgeSample) {
   // Current: 256 at 0 meets the centre tap 44 and its mirror under tap 40 (84); -1000 at 12
   // gives -171.875, rounded to -172; 256 at 27 reaches output 24 through taps 20 and 10 of the

@@ -66,6 +66,48 @@ TEST_F(ZhdrTest, ExtractCountsPerWindowAndExposureThenMasks) {
             (V{1, 1, 1, 1}));
 }
 
+// Two separate grids are counted in one pass over row pairs (up to six columns) or column by
+// column (wider); the same grid given twice goes word by word. All three must count alike: a
+// shared word is read for both frames before it is rewritten. The last window row of each grid
+// has an odd number of rows.
+V AllCounts() {
+  V all;
+  for (const std::int32_t* counts :
+       {ZHDR_LE_SAT_PREV, ZHDR_LE_SAT_CURR, ZHDR_SE_SAT_PREV, ZHDR_SE_SAT_CURR, ZHDR_LE_NOI_PREV,
+        ZHDR_LE_NOI_CURR, ZHDR_SE_NOI_PREV, ZHDR_SE_NOI_CURR}) {
+    all.insert(all.end(), counts, counts + 12);
+  }
+  return all;
+}
+
+TEST_F(ZhdrTest, SeparateAndSharedGridsCountAlike) {
+  is_zhdr = 1;
+  struct Case {
+    std::int32_t cols, rows, groups;
+  };
+  for (const Case c : {Case{3, 19, 3}, Case{8, 5, 1}}) {
+    W grid(c.rows * c.cols);
+    std::uint64_t seed = 7;
+    for (std::int64_t& v : grid) {
+      seed = seed * 6364136223846793005ull + 1442695040888963407ull;
+      v = static_cast<std::int64_t>(seed >> 4);
+    }
+    W prev = grid;
+    W cur = grid;
+    extract_ZHDR_INFO(prev.data(), cur.data(), c.rows, c.cols, c.groups);
+    const V separate = AllCounts();
+    EXPECT_EQ(prev, cur);
+    EXPECT_EQ(V(separate.begin(), separate.begin() + 12),
+              V(separate.begin() + 12, separate.begin() + 24));
+    extract_ZHDR_INFO(grid.data(), grid.data(), c.rows, c.cols, c.groups);
+    EXPECT_EQ(grid, cur) << c.cols;
+    EXPECT_EQ(AllCounts(), separate) << c.cols;
+    // Both exposures of the first window, and the last window row's single row, are counted.
+    EXPECT_GT(separate[0] * separate[2 * 12], 0);
+    EXPECT_GT(separate[11] + separate[2 * 12 + 11], 0);
+  }
+}
+
 // Exactly sized sequences: no read before the first value.
 std::int32_t Choose(std::int32_t len, std::int32_t mean_thr, std::vector<std::int8_t> flags,
                     V seqs) {
