@@ -45,6 +45,30 @@ void merge(std::int64_t* smooth, std::int64_t* detail, std::int32_t n, std::int3
   for (std::int32_t i = 0; i < n; ++i) out[i] = fx::round8_64(out[i] + detail_r[i]);
 }
 
+inline std::int32_t word32(std::int32_t v) {
+  return v;
+}
+inline std::int32_t word32(std::int64_t v) {
+  return fx::low32(v);
+}
+
+// Multiscale product: an edge is large at both levels, a ripple is not. The 32-bit product wraps
+// for large details, and the spike measure is defined on the wrapped value. At a spike the two
+// coarser details are deleted.
+template <typename T>
+void mark_spikes(const T* h1, T* h2, T* h3, std::int32_t n) {
+  std::int32_t* product = flicker_despike_working_memory_h_tmp;
+  std::int32_t* measure = flicker_despike_working_memory_h_mask;
+  for (std::int32_t i = 0; i < n; ++i) product[i] = fx::wrap_mul32(word32(h1[i]), word32(h2[i]));
+  convolve_analysis(product, n, measure, flicker_filter_s2, 4, 4, 1, 9, 1);
+  for (std::int32_t i = 0; i < n; ++i) {
+    if (fx::wrap_abs32(measure[i]) >= kSpikeThreshold) {
+      h2[i] = 0;
+      h3[i] = 0;
+    }
+  }
+}
+
 // Largest input magnitude, 2^13, for which no band leaves 32 bits: the deepest rebuild sums the
 // smooth band's synthesis (16 x 4096 x the input) and the detail's (280 x 512 x the input), at
 // most 208896 x 2^13 < 2^31 before its rounding shift. Log-ratio inputs are about 2^12.
@@ -72,8 +96,6 @@ void DespikeNarrow(const std::int32_t* input, std::int32_t* output, std::int32_t
   static std::int32_t detail[kDespikeSize], l3r[kDespikeSize], l2r[kDespikeSize];
   static std::int32_t work[kFilterWorkSize];
   std::int32_t* x = const_cast<std::int32_t*>(input);
-  std::int32_t* product = flicker_despike_working_memory_h_tmp;
-  std::int32_t* measure = flicker_despike_working_memory_h_mask;
 
   Widen(input, n, flicker_despike_working_memory_input1);
   convolve_analysis_into(x, n, h1, flicker_filter_h, 0, 1, 1, 0, 1, work);
@@ -87,14 +109,7 @@ void DespikeNarrow(const std::int32_t* input, std::int32_t* output, std::int32_t
   Widen(l2, n, flicker_despike_working_memory_l2);
   Widen(l3, n, flicker_despike_working_memory_l3);
 
-  for (std::int32_t i = 0; i < n; ++i) product[i] = fx::wrap_mul32(h1[i], h2[i]);
-  convolve_analysis(product, n, measure, flicker_filter_s2, 4, 4, 1, 9, 1);
-  for (std::int32_t i = 0; i < n; ++i) {
-    if (fx::wrap_abs32(measure[i]) >= kSpikeThreshold) {
-      h2[i] = 0;
-      h3[i] = 0;
-    }
-  }
+  mark_spikes(h1, h2, h3, n);
   Widen(h2, n, flicker_despike_working_memory_h2);
   Widen(h3, n, flicker_despike_working_memory_h3);
 
@@ -136,8 +151,6 @@ void flicker_despike(std::int32_t* input, std::int32_t* output, std::int32_t n) 
   std::int64_t* l2 = flicker_despike_working_memory_l2;
   std::int64_t* h3 = flicker_despike_working_memory_h3;
   std::int64_t* l3 = flicker_despike_working_memory_l3;
-  std::int32_t* product = flicker_despike_working_memory_h_tmp;
-  std::int32_t* measure = flicker_despike_working_memory_h_mask;
 
   // The input is read here only, so output may alias it.
   for (std::int32_t i = 0; i < n; ++i) x[i] = input[i];
@@ -148,18 +161,7 @@ void flicker_despike(std::int32_t* input, std::int32_t* output, std::int32_t n) 
   split(l1, n, 2, h2, l2);
   split(l2, n, 4, h3, l3);
 
-  // Multiscale product: an edge is large at both levels, a ripple is not. The 32-bit product
-  // wraps for large details, and the spike measure is defined on the wrapped value.
-  for (std::int32_t i = 0; i < n; ++i) {
-    product[i] = fx::wrap_mul32(fx::low32(h1[i]), fx::low32(h2[i]));
-  }
-  convolve_analysis(product, n, measure, flicker_filter_s2, 4, 4, 1, 9, 1);
-  for (std::int32_t i = 0; i < n; ++i) {
-    if (fx::wrap_abs32(measure[i]) >= kSpikeThreshold) {
-      h2[i] = 0;
-      h3[i] = 0;
-    }
-  }
+  mark_spikes(h1, h2, h3, n);
 
   std::int64_t* l3r = flicker_despike_working_memory_l3r;
   std::int64_t* l2r = flicker_despike_working_memory_l2r;

@@ -73,6 +73,31 @@ TEST(Despike, DetailProductWrapsIn32Bits) {
   EXPECT_EQ(Slice(out, 50, 6), (V{20103, 27339, 36389, 47336, 59999, 74118}));
 }
 
+// Both the 32-bit path (inputs within +-2^13) and the 64-bit one write their working memories up
+// to the signal's length and no further.
+TEST(Despike, WorkingMemoriesEndWithTheSignal) {
+  std::int64_t* const wide[] = {
+      flicker_despike_working_memory_input1, flicker_despike_working_memory_h1,
+      flicker_despike_working_memory_l1,     flicker_despike_working_memory_h2,
+      flicker_despike_working_memory_l2,     flicker_despike_working_memory_h3,
+      flicker_despike_working_memory_l3,     flicker_despike_working_memory_h3r,
+      flicker_despike_working_memory_h2r,    flicker_despike_working_memory_l3r,
+      flicker_despike_working_memory_l2r,    flicker_despike_working_memory_l1r};
+  std::int32_t* const narrow[] = {flicker_despike_working_memory_h_tmp,
+                                  flicker_despike_working_memory_h_mask};
+  for (const std::int32_t level : {8191, 8192}) {
+    V x(101, 0);
+    x[50] = level;
+    x[100] = 99;  // past the 100 samples given
+    for (std::int64_t* m : wide) m[100] = -5;
+    for (std::int32_t* m : narrow) m[100] = -5;
+    flicker_despike(x.data(), x.data(), 100);
+    for (const std::int64_t* m : wide) EXPECT_EQ(m[100], -5) << level;
+    for (const std::int32_t* m : narrow) EXPECT_EQ(m[100], -5) << level;
+    EXPECT_EQ(x[100], 99);
+  }
+}
+
 TEST(Despike, UnusableLengthsLeaveTheOutputUntouched) {
   V in(2001, 1000);
   V out(2001, 7);
