@@ -222,6 +222,12 @@ TEST_F(FineSearch, ExactTiesKeepTheFirstCandidateAndNoPairKeepsTheIndex) {
   Vectors masked = Shifted(12);
   masked.cur_mask.assign(kLen, 0);
   EXPECT_EQ(Fine(masked, 12, 5), 5);
+  // An empty window still lays out its seven candidates, of no samples or fewer.
+  std::int32_t best = 5;
+  exhaust_search_fine(nullptr, nullptr, nullptr, nullptr, 0, 0, 1, 1, 2, kFullLen, 0, best,
+                      cvector_out_test_ptr_array, cvector_out_test_length_working_memory);
+  EXPECT_EQ(Lengths(), (V{-1, -1, 0, 0, 0, -1, -1}));
+  EXPECT_EQ(best, 5);
 }
 
 }  // namespace
