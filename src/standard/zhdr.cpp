@@ -125,6 +125,17 @@ void unpack_separate_grids(std::int64_t* prevStats, std::int64_t* curStats, std:
   }
 }
 
+// The row-pair pass by column count (cols >= 1 here).
+constexpr std::int32_t kRowPairColumns = 6;
+using Unpacker = void (*)(std::int64_t*, std::int64_t*, std::int32_t, std::int32_t);
+constexpr Unpacker kUnpackers[kRowPairColumns + 1] = {nullptr,
+                                                      unpack_separate_grids<1>,
+                                                      unpack_separate_grids<2>,
+                                                      unpack_separate_grids<3>,
+                                                      unpack_separate_grids<4>,
+                                                      unpack_separate_grids<5>,
+                                                      unpack_separate_grids<6>};
+
 // The counts of two grids that do not overlap, column by column over each group's rows, in
 // registers: the sums do not depend on the order, and nothing is rewritten yet. Group g holds rows
 // whose truncated quotient by even_rows is g (all rows for even_rows 0).
@@ -197,23 +208,8 @@ void extract_ZHDR_INFO(std::int64_t* prevStats, std::int64_t* curStats, std::int
   };
   const std::uintptr_t bytes = static_cast<std::uintptr_t>(words) * sizeof(std::int64_t);
   if (start(prevStats) + bytes <= start(curStats) || start(curStats) + bytes <= start(prevStats)) {
-    if (rows <= 65536) {
-      switch (cols) {
-        case 1:
-          return unpack_separate_grids<1>(prevStats, curStats, rows, even_rows);
-        case 2:
-          return unpack_separate_grids<2>(prevStats, curStats, rows, even_rows);
-        case 3:
-          return unpack_separate_grids<3>(prevStats, curStats, rows, even_rows);
-        case 4:
-          return unpack_separate_grids<4>(prevStats, curStats, rows, even_rows);
-        case 5:
-          return unpack_separate_grids<5>(prevStats, curStats, rows, even_rows);
-        case 6:
-          return unpack_separate_grids<6>(prevStats, curStats, rows, even_rows);
-        default:
-          break;
-      }
+    if (rows <= 65536 && cols <= kRowPairColumns) {
+      return kUnpackers[cols](prevStats, curStats, rows, even_rows);
     }
     count_separate_grids(prevStats, curStats, rows, cols, even_rows);
     for (std::int64_t i = 0; i < words; ++i) {
