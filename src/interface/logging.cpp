@@ -107,8 +107,11 @@ std::int32_t getFlkPause() {
 
 void setLMVcnt(std::uint32_t) {}
 
+namespace {
+
 // The loop body runs before the test, so 0 and 1 both give 0.
-std::int32_t findlog2(std::int32_t x) {
+template <typename T>
+std::int32_t FindLog2(T x) {
   std::int32_t position = -1;
   do {
     x >>= 1;
@@ -117,13 +120,14 @@ std::int32_t findlog2(std::int32_t x) {
   return position;
 }
 
+}  // namespace
+
+std::int32_t findlog2(std::int32_t x) {
+  return FindLog2(x);
+}
+
 std::int32_t findlog2(std::int64_t x) {
-  std::int32_t position = -1;
-  do {
-    x >>= 1;
-    ++position;
-  } while (x != 0);
-  return position;
+  return FindLog2(x);
 }
 
 void PrintLineDataFlk(const std::int32_t* prev, const std::int32_t* cur, std::int32_t n,

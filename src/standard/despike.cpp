@@ -45,13 +45,6 @@ void merge(std::int64_t* smooth, std::int64_t* detail, std::int32_t n, std::int3
   for (std::int32_t i = 0; i < n; ++i) out[i] = fx::round8_64(out[i] + detail_r[i]);
 }
 
-inline std::int32_t word32(std::int32_t v) {
-  return v;
-}
-inline std::int32_t word32(std::int64_t v) {
-  return fx::low32(v);
-}
-
 // Multiscale product: an edge is large at both levels, a ripple is not. The 32-bit product wraps
 // for large details, and the spike measure is defined on the wrapped value. At a spike the two
 // coarser details are deleted.
@@ -59,7 +52,8 @@ template <typename T>
 void mark_spikes(const T* h1, T* h2, T* h3, std::int32_t n) {
   std::int32_t* product = flicker_despike_working_memory_h_tmp;
   std::int32_t* measure = flicker_despike_working_memory_h_mask;
-  for (std::int32_t i = 0; i < n; ++i) product[i] = fx::wrap_mul32(word32(h1[i]), word32(h2[i]));
+  for (std::int32_t i = 0; i < n; ++i)
+    product[i] = fx::wrap_mul32(fx::low32(h1[i]), fx::low32(h2[i]));
   convolve_analysis(product, n, measure, flicker_filter_s2, 4, 4, 1, 9, 1);
   for (std::int32_t i = 0; i < n; ++i) {
     if (fx::wrap_abs32(measure[i]) >= kSpikeThreshold) {
