@@ -112,15 +112,20 @@ TEST_F(ZhdrTest, SeparateAndSharedGridsCountAlike) {
 }
 
 // Exactly sized sequences: no read before the first value.
-std::int32_t Choose(std::int32_t len, std::int32_t mean_thr, std::vector<std::int8_t> flags,
-                    V seqs) {
-  return find_vector_zHDR(seqs.data(), len, 10, mean_thr, static_cast<std::int32_t>(flags.size()),
+// count < 0: every flag is a candidate.
+std::int32_t Choose(std::int32_t len, std::int32_t mean_thr, std::vector<std::int8_t> flags, V seqs,
+                    std::int32_t count = -1) {
+  return find_vector_zHDR(seqs.data(), len, 10, mean_thr,
+                          count < 0 ? static_cast<std::int32_t>(flags.size()) : count,
                           flags.data());
 }
 
 TEST(FindVectorZhdr, FewestCrossingsUnlessAllQuietOrDark) {
   // Crossings 1, 0, 1 with means above the threshold: the fewest crossings.
   EXPECT_EQ(Choose(4, 0, {1, 1, 1}, {100, 80, 120, 100, 50, 50, 50, 50, 200, 180, 220, 200}), 1);
+  // Flagged 0 and 2 tie on one crossing: the brighter; a flag past the count is no candidate.
+  EXPECT_EQ(Choose(4, 0, {1, 0, 1, 1}, {100, 80, 120, 100, 50, 50, 50, 50, 200, 180, 220, 200}, 3),
+            2);
   // Equal crossings: the brighter.
   EXPECT_EQ(Choose(4, 0, {1, 1}, {100, 100, 100, 100, 150, 150, 150, 150}), 1);
   // Candidate 0 starts at -20 after centring: the guard word 0 before the buffer makes no
