@@ -111,6 +111,10 @@ void flicker_tabulate_choices(const std::int64_t* part_re, const std::int64_t* p
 namespace {
 
 std::int16_t g_choiceBounds[kFlkBoundBlock * kFlkBoundBlock];
+// The low halves the screen keeps against one high choice (off the stack: the search's frames
+// already hold several such blocks).
+float g_screenedRe[9 * kFlkBoundBlock];
+float g_screenedIm[9 * kFlkBoundBlock];
 
 // Scores by z, clamped to 16 bits like the bounds (a clamped bound still bounds the clamped score,
 // and a clamped floor the clamped best); z from -256 (a zero scored feature) to the reach of the
@@ -231,6 +235,86 @@ std::int32_t BoundBlock(const float* __restrict low_re, const float* __restrict 
   return last;
 }
 
+// The screen of every choice against the best score known so far, before any bound: a choice whose
+// z lies surely below `low` (the least z scoring at least that score) or surely between `high`
+// (the largest such z) and kReach scores below it and needs no bound. The tests are the bounds'
+// (see flicker_choice_score_bounds) with products in place of quotients and, for the roots, the
+// line sqrt(2 X) r <= lambda X + r^2 / (2 lambda), true for any lambda > 0.
+struct ScreenTerms {
+  float num_up;     // scored x num_up + constant >= the numerator's bound
+  float num_down;   // scored x num_down - constant <= the numerator's lower bound
+  float den_down;   // others x den_down - den_constant <= the divisor's lower bound
+  float den_up;     // others x den_up + den_constant >= the divisor's upper bound
+  float den_least;  // others x den_least: half the divisor's term, as the bounds require
+  float constant;
+  float den_constant;
+};
+
+// Thresholds of the screen on 256 x the numerator against the divisor. z is the truncation of a
+// ratio v (toward zero): z < low when v < low for low >= 1, when v <= low - 1 for low <= 0; z >
+// high when v >= high + 1 for high >= 0, when v > high for high <= -1. With the bounds' 1/64 on v,
+// and the tests strict (at the ends, the tighter of the two).
+struct ScreenWindow {
+  float below;
+  float above;
+};
+
+ScreenWindow MakeScreenWindow(std::int32_t low, std::int32_t high) {
+  constexpr float kSlack = 0x1p-6f;
+  return {static_cast<float>(low + kZero - (low >= 1 ? 0 : 1)) - kSlack,
+          static_cast<float>(high + kZero + (high >= 0 ? 1 : 0)) + kSlack};
+}
+
+// keep[i] = 0 for each low choice that the screen settles against high choice (hr, him), 1 for the
+// others; the largest X of each low choice raised in `top`. J is the scored feature.
+template <int J>
+void ScreenBlock(const float* __restrict low_re, const float* __restrict low_im, std::uint32_t nl,
+                 const float* hr, const float* him, const ScreenTerms& t, ScreenWindow w,
+                 float* __restrict top, std::uint8_t* __restrict keep) {
+  constexpr float kReachRatio = static_cast<float>(kReach + kZero) - 0x1p-6f;
+  float h_re[9];
+  float h_im[9];
+  for (std::int32_t k = 0; k < 9; ++k) {
+    h_re[k] = hr[k];
+    h_im[k] = him[k];
+  }
+  for (std::size_t i = 0; i < nl; ++i) {
+    float scored = 0.0f;
+    float others = 0.0f;
+    float most = top[i];
+#pragma GCC unroll 9
+    for (std::int32_t k = 0; k < 9; ++k) {
+      const float re = low_re[k * std::size_t{kFlkBoundBlock} + i] + h_re[k];
+      const float im = low_im[k * std::size_t{kFlkBoundBlock} + i] + h_im[k];
+      const float x = re * re + im * im;
+      most = std::max(most, x);
+      if (k == J) {
+        scored = x;
+      } else {
+        others += x;
+      }
+    }
+    top[i] = most;
+    const float num_high = scored * t.num_up + t.constant;
+    const float den_high = others * t.den_down - t.den_constant;
+    const float num_low = scored * t.num_down - t.constant;
+    const float den_low = others * t.den_up + t.den_constant;
+    const bool bounded = (den_high >= others * t.den_least) & (den_high >= 1.0f);
+    const float num_high_z = num_high * 256.0f;
+    const bool under = num_high_z < w.below * den_high;
+    const bool inside = num_high_z < kReachRatio * den_high;
+    const bool over = num_low * 256.0f > w.above * den_low;
+    keep[i] = static_cast<std::uint8_t>(!(bounded & (under | (over & inside))));
+  }
+}
+
+using ScreenBlockFn = void (*)(const float*, const float*, std::uint32_t, const float*,
+                               const float*, const ScreenTerms&, ScreenWindow, float*,
+                               std::uint8_t*);
+constexpr ScreenBlockFn kScreenBlocks[9] = {ScreenBlock<0>, ScreenBlock<1>, ScreenBlock<2>,
+                                            ScreenBlock<3>, ScreenBlock<4>, ScreenBlock<5>,
+                                            ScreenBlock<6>, ScreenBlock<7>, ScreenBlock<8>};
+
 using BoundBlockFn = std::int32_t (*)(const float*, const float*, std::uint32_t, const float*,
                                       const float*, const BoundTerms&, float*, std::int32_t*,
                                       std::int32_t*);
@@ -302,11 +386,46 @@ std::int32_t flicker_choice_score_bounds(const std::int32_t* low_re, const std::
     }
   }
   const BoundBlockFn block = kBoundBlocks[score.k];
+  const ScreenBlockFn screen = kScreenBlocks[score.k];
+  // lambda = 2^-13 widens the ratio by 2^-12 of itself where the line is loose (a unit of z at
+  // z = 4000); the further 2^-17 covers the products' rounding, cancellations included.
+  constexpr double kLambda = 0x1p-13;
+  constexpr double kUp = 1.0 + 0x1p-16 + kLambda + 0x1p-17;
+  constexpr double kDown = 1.0 - 0x1p-16 - kLambda - 0x1p-17;
+  const double root = terms.root;
+  const double constant = (root * root / (2 * kLambda) + terms.half) * 1.001;
+  const double scale = terms.scale;
+  const ScreenTerms screen_terms{static_cast<float>(scale * kUp),
+                                 static_cast<float>(scale * kDown),
+                                 static_cast<float>(scale * 0.125 * kDown),
+                                 static_cast<float>(scale * 0.125 * kUp),
+                                 static_cast<float>(scale * 0.125 * 0.5 * (1.0 - 0x1p-16)),
+                                 static_cast<float>(constant),
+                                 static_cast<float>((constant + step) * 1.001)};
+  // The scores, clamped as the bounds take them; the window's ends only move inwards as the best
+  // known score rises.
+  const auto clamped_score = [&score](std::int32_t z) {
+    return fx::clamp32(score.ScoreAt(z), INT16_MIN, INT16_MAX);
+  };
+  std::int32_t window_floor = INT16_MIN;
+  std::int32_t window_low = -kZero;
+  std::int32_t window_high = kReach - 1;
+  ScreenWindow window = MakeScreenWindow(window_low, window_high);
+
+  constexpr std::int32_t kRest = 15;  // rows bounded directly after a screen that keeps most
+  std::int32_t rest = 0;
 
   std::int32_t reached = INT16_MIN;
   std::int32_t filled = 0;  // z = -256 .. filled - 257 in every level for this search
   g_scoreSpans[kNoBound] = Pack(INT16_MAX, INT16_MIN);
   float top[kFlkBoundBlock] = {};  // the largest X of each low choice, over every high one
+  float unused_top[kFlkBoundBlock];
+  std::uint8_t keep[kFlkBoundBlock];
+  // The low choices the screen keeps, compacted in the same layout, and their bounds.
+  float* const pick_re = g_screenedRe;
+  float* const pick_im = g_screenedIm;
+  std::uint32_t pick_index[kFlkBoundBlock];
+  std::int16_t pick_ub[kFlkBoundBlock];
   std::int32_t first[kFlkBoundBlock];
   std::int32_t second[kFlkBoundBlock];
   for (std::uint32_t hi = 0; hi < nh; ++hi) {
@@ -316,10 +435,56 @@ std::int32_t flicker_choice_score_bounds(const std::int32_t* low_re, const std::
       h_re[k] = static_cast<float>(high_re[k * nh + hi]);
       h_im[k] = static_cast<float>(high_im[k * nh + hi]);
     }
-    const std::int32_t last = block(low_re_f, low_im_f, nl, h_re, h_im, terms, top, first, second);
+    std::int16_t* const row = ub + hi * nl;
+    // Screened rows: the bounds of the low choices the screen keeps only. Where it keeps most (the
+    // best known score still low against the others), every choice is bounded directly, and the
+    // screen rests for a while.
+    std::uint32_t count = nl;
+    const float* bound_re = low_re_f;
+    const float* bound_im = low_im_f;
+    float* bound_top = top;  // the same X as the screen's: raising top again changes nothing
+    std::int16_t* bound_ub = row;
+    if (rest > 0) {
+      --rest;
+    } else {
+      screen(low_re_f, low_im_f, nl, h_re, h_im, screen_terms, window, top, keep);
+      std::uint32_t kept = 0;
+      for (std::uint32_t i = 0; i < nl; ++i) kept += keep[i];
+      if (2 * kept > nl) {
+        rest = kRest;
+      } else {
+        count = 0;
+        constexpr std::uint32_t kGroup = 16;
+        for (std::uint32_t start = 0; start < nl; start += kGroup) {
+          const std::uint32_t end = nl - start < kGroup ? nl : start + kGroup;
+          std::uint32_t group = 0;
+          for (std::uint32_t i = start; i < end; ++i) {
+            row[i] = INT16_MIN;
+            group += keep[i];
+          }
+          if (group == 0) continue;
+          for (std::uint32_t i = start; i < end; ++i) {
+            if (keep[i] == 0) continue;
+            for (std::int32_t k = 0; k < 9; ++k) {
+              pick_re[k * kFlkBoundBlock + count] = low_re_f[k * kFlkBoundBlock + i];
+              pick_im[k * kFlkBoundBlock + count] = low_im_f[k * kFlkBoundBlock + i];
+            }
+            pick_index[count++] = i;
+          }
+        }
+        if (count == 0) continue;
+        for (std::uint32_t i = 0; i < count; ++i) unused_top[i] = 0.0f;
+        bound_re = pick_re;
+        bound_im = pick_im;
+        bound_top = unused_top;
+        bound_ub = pick_ub;
+      }
+    }
+    const std::int32_t last =
+        block(bound_re, bound_im, count, h_re, h_im, terms, bound_top, first, second);
     if (last >= filled) {
       for (std::int32_t t = filled; t <= last; ++t) {
-        const std::int32_t g = fx::clamp32(score.ScoreAt(t - kZero), INT16_MIN, INT16_MAX);
+        const std::int32_t g = clamped_score(t - kZero);
         g_scoreSpans[t * kLevels] = Pack(g, g);
       }
       for (std::int32_t k = 1; k < kLevels; ++k) {
@@ -333,7 +498,16 @@ std::int32_t flicker_choice_score_bounds(const std::int32_t* low_re, const std::
       }
       filled = last + 1;
     }
-    reached = std::max(reached, SpanScores(first, second, nl, ub + hi * nl));
+    reached = std::max(reached, SpanScores(first, second, count, bound_ub));
+    if (bound_ub == pick_ub) {
+      for (std::uint32_t i = 0; i < count; ++i) row[pick_index[i]] = pick_ub[i];
+    }
+    if (reached > window_floor) {
+      window_floor = reached;
+      while (window_low < kReach && clamped_score(window_low) < reached) ++window_low;
+      while (window_high > window_low && clamped_score(window_high) < reached) --window_high;
+      window = MakeScreenWindow(window_low, window_high);
+    }
   }
   float top_x = 0.0f;
   for (std::uint32_t i = 0; i < nl; ++i) top_x = std::max(top_x, top[i]);
