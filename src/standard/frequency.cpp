@@ -270,7 +270,7 @@ ScreenWindow MakeScreenWindow(std::int32_t low, std::int32_t high) {
 template <int J>
 void ScreenBlock(const float* __restrict low_re, const float* __restrict low_im, std::uint32_t nl,
                  const float* hr, const float* him, const ScreenTerms& t, ScreenWindow w,
-                 float* __restrict top, std::uint8_t* __restrict keep) {
+                 float* __restrict top, std::uint32_t* __restrict keep) {
   constexpr float kReachRatio = static_cast<float>(kReach + kZero) - 0x1p-6f;
   float h_re[9];
   float h_im[9];
@@ -304,13 +304,13 @@ void ScreenBlock(const float* __restrict low_re, const float* __restrict low_im,
     const bool under = num_high_z < w.below * den_high;
     const bool inside = num_high_z < kReachRatio * den_high;
     const bool over = num_low * 256.0f > w.above * den_low;
-    keep[i] = static_cast<std::uint8_t>(!(bounded & (under | (over & inside))));
+    keep[i] = static_cast<std::uint32_t>(!(bounded & (under | (over & inside))));
   }
 }
 
 using ScreenBlockFn = void (*)(const float*, const float*, std::uint32_t, const float*,
                                const float*, const ScreenTerms&, ScreenWindow, float*,
-                               std::uint8_t*);
+                               std::uint32_t*);
 constexpr ScreenBlockFn kScreenBlocks[9] = {ScreenBlock<0>, ScreenBlock<1>, ScreenBlock<2>,
                                             ScreenBlock<3>, ScreenBlock<4>, ScreenBlock<5>,
                                             ScreenBlock<6>, ScreenBlock<7>, ScreenBlock<8>};
@@ -420,7 +420,7 @@ std::int32_t flicker_choice_score_bounds(const std::int32_t* low_re, const std::
   g_scoreSpans[kNoBound] = Pack(INT16_MAX, INT16_MIN);
   float top[kFlkBoundBlock] = {};  // the largest X of each low choice, over every high one
   float unused_top[kFlkBoundBlock];
-  std::uint8_t keep[kFlkBoundBlock];
+  std::uint32_t keep[kFlkBoundBlock];
   // The low choices the screen keeps, compacted in the same layout, and their bounds.
   float* const pick_re = g_screenedRe;
   float* const pick_im = g_screenedIm;
@@ -436,9 +436,9 @@ std::int32_t flicker_choice_score_bounds(const std::int32_t* low_re, const std::
       h_im[k] = static_cast<float>(high_im[k * nh + hi]);
     }
     std::int16_t* const row = ub + hi * nl;
-    // Screened rows: the bounds of the low choices the screen keeps only. Where it keeps most (the
-    // best known score still low against the others), every choice is bounded directly, and the
-    // screen rests for a while.
+    // Screened rows: the bounds of the low choices the screen keeps only. Until some score is known
+    // (the first row) and where the screen keeps most (the best known score still low against the
+    // others), every choice is bounded directly; after such a row the screen rests for a while.
     std::uint32_t count = nl;
     const float* bound_re = low_re_f;
     const float* bound_im = low_im_f;
@@ -446,22 +446,24 @@ std::int32_t flicker_choice_score_bounds(const std::int32_t* low_re, const std::
     std::int16_t* bound_ub = row;
     if (rest > 0) {
       --rest;
-    } else {
+    } else if (window_floor > INT16_MIN) {
       screen(low_re_f, low_im_f, nl, h_re, h_im, screen_terms, window, top, keep);
       std::uint32_t kept = 0;
       for (std::uint32_t i = 0; i < nl; ++i) kept += keep[i];
+      if (kept == 0) {
+        std::fill_n(row, nl, std::int16_t{INT16_MIN});
+        continue;
+      }
       if (2 * kept > nl) {
         rest = kRest;
       } else {
+        std::fill_n(row, nl, std::int16_t{INT16_MIN});
         count = 0;
         constexpr std::uint32_t kGroup = 16;
         for (std::uint32_t start = 0; start < nl; start += kGroup) {
           const std::uint32_t end = nl - start < kGroup ? nl : start + kGroup;
           std::uint32_t group = 0;
-          for (std::uint32_t i = start; i < end; ++i) {
-            row[i] = INT16_MIN;
-            group += keep[i];
-          }
+          for (std::uint32_t i = start; i < end; ++i) group |= keep[i];
           if (group == 0) continue;
           for (std::uint32_t i = start; i < end; ++i) {
             if (keep[i] == 0) continue;
@@ -472,7 +474,6 @@ std::int32_t flicker_choice_score_bounds(const std::int32_t* low_re, const std::
             pick_index[count++] = i;
           }
         }
-        if (count == 0) continue;
         for (std::uint32_t i = 0; i < count; ++i) unused_top[i] = 0.0f;
         bound_re = pick_re;
         bound_im = pick_im;
