@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <initializer_list>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -200,6 +201,20 @@ TEST_F(FineSearch, CompandedRatioInterpolatesBetweenTableEntries) {
   EXPECT_EQ(V(cvector_out_test_working_memory, cvector_out_test_working_memory + 5),
             (V{23691, 26417 - 23691, 25054 - 26417, 0, 62803}));
   EXPECT_EQ(best, 9);  // no pair inside the cost window: the caller's index stays
+}
+
+// Shifts of up to 8 bits are taken (one output sample per 256 at outShift 8); 9 is refused and
+// leaves the outputs as they were.
+TEST_F(FineSearch, ShiftsOfUpTo8BitsAreTaken) {
+  V cur(5, 4096);
+  Mask mask(5, 1);
+  for (const auto& [pre, out, length] : {std::tuple{8, 0, 5}, {0, 8, 1}, {9, 0, -7}, {0, 9, -7}}) {
+    cvector_out_test_length_working_memory[0] = -7;
+    std::int32_t best = 9;
+    exhaust_search_fine(cur.data(), cur.data(), mask.data(), mask.data(), 5, 0, pre, out, 0, 10, 0,
+                        best, cvector_out_test_ptr_array, cvector_out_test_length_working_memory);
+    EXPECT_EQ(cvector_out_test_length_working_memory[0], length) << pre << " " << out;
+  }
 }
 
 // Cost window of a 200-sample window: samples 60 .. 187 (fullLen - 12 - |coarse|, exclusive).
