@@ -108,6 +108,8 @@ INSTANTIATE_TEST_SUITE_P(
         BadFile{"5 6\n", "5 6\n0 0\n", false,
                 "23: frame 0 has more than the 3 rows the header "
                 "gives (n_win_h x win_ht)"},
+        BadFile{"n_win_h 1", "n_win_h 1000000100", false,
+                "18: a grid of 6000000600 values is more than the 16777216 the host loads"},
         BadFile{"9 10", "9 2147483648", false,
                 "25: frame 1 row 1: '2147483648' is not a 32-bit "
                 "integer"},

@@ -161,7 +161,9 @@ int RunSimulate(const SimulateOptions& o, CliIo& io) {
   } catch (const HostError& e) {
     std::string hint;
     const std::int64_t lines = static_cast<std::int64_t>(sensor.StatRows()) * sensor.LinesPerRow();
-    if (lines > sensor.column_length && sensor.type != 2) {
+    // (No hint when even one row a band would be too many.)
+    if (lines > sensor.column_length && sensor.type != 2 &&
+        sensor.column_length >= sensor.n_win_h) {
       hint = ": use --win-ht " + std::to_string(sensor.column_length / sensor.n_win_h) +
              " or less" + (o.fps ? ", or a lower --fps" : ", or a longer --frame-length");
     }

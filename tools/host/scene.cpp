@@ -69,8 +69,18 @@ std::int64_t SceneSize(const SensorSetup& sensor, const SceneSetup& scene, std::
          ProfileSpan(sensor, scene, frames).length;
 }
 
+namespace {
+
+// A header's factors reach 2^31 each: the product in 64 bits.
+std::int64_t Rows(const SensorSetup& s) {
+  return s.type == 2 ? s.win_ht : static_cast<std::int64_t>(s.n_win_h) * s.win_ht;
+}
+
+}  // namespace
+
+// Saturates for geometries CheckSensorSetup refuses, which the rest never sees.
 std::int32_t SensorSetup::StatRows() const {
-  return type == 2 ? win_ht : n_win_h * win_ht;
+  return static_cast<std::int32_t>(std::min<std::int64_t>(Rows(*this), INT32_MAX));
 }
 
 std::int32_t SensorSetup::LinesPerRow() const {
@@ -89,7 +99,7 @@ std::int64_t SensorSetup::FullScale() const {
 }
 
 std::int64_t SensorSetup::GridSize() const {
-  return static_cast<std::int64_t>(StatRows()) * n_win_w;
+  return Rows(*this) * n_win_w;
 }
 
 double SensorSetup::LineTime() const {
