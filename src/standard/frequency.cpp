@@ -166,6 +166,36 @@ struct BoundTerms {
   float root;   // the factor of sqrt(2 X): 1 for the rounding, 2 e for the sums' conversion
 };
 
+// The unrounded energies X of low choice i against a high choice (h_re, h_im): the scored
+// feature J's, the sum of the other eight, and the largest of the nine and `most`. Inlined into
+// the per-row loops so that they stay vectorised across choices.
+struct ChoiceEnergies {
+  float scored;
+  float others;
+  float most;
+};
+
+template <int J>
+[[gnu::always_inline]] inline ChoiceEnergies Energies(const float* __restrict low_re,
+                                                      const float* __restrict low_im, std::size_t i,
+                                                      const float* h_re, const float* h_im,
+                                                      float most) {
+  ChoiceEnergies e{0.0f, 0.0f, most};
+#pragma GCC unroll 9
+  for (std::int32_t k = 0; k < 9; ++k) {
+    const float re = low_re[k * std::size_t{kFlkBoundBlock} + i] + h_re[k];
+    const float im = low_im[k * std::size_t{kFlkBoundBlock} + i] + h_im[k];
+    const float x = re * re + im * im;
+    e.most = std::max(e.most, x);
+    if (k == J) {
+      e.scored = x;
+    } else {
+      e.others += x;
+    }
+  }
+  return e;
+}
+
 // The z span of one high choice against nl low ones as the two table entries that cover it
 // (both kNoBound: none), and the largest X of each low choice raised in `top`. Returns the last
 // z of every span, plus 256 (-1: none). J is the scored feature, left out of the mean.
@@ -186,22 +216,10 @@ std::int32_t BoundBlock(const float* __restrict low_re, const float* __restrict 
   }
   std::int32_t last = -1;
   for (std::size_t i = 0; i < nl; ++i) {
-    float scored = 0.0f;
-    float others = 0.0f;
-    float most = top[i];
-#pragma GCC unroll 9
-    for (std::int32_t k = 0; k < 9; ++k) {
-      const float re = low_re[k * std::size_t{kFlkBoundBlock} + i] + h_re[k];
-      const float im = low_im[k * std::size_t{kFlkBoundBlock} + i] + h_im[k];
-      const float x = re * re + im * im;
-      most = std::max(most, x);
-      if (k == J) {
-        scored = x;
-      } else {
-        others += x;
-      }
-    }
-    top[i] = most;
+    const ChoiceEnergies x = Energies<J>(low_re, low_im, i, h_re, h_im, top[i]);
+    top[i] = x.most;
+    const float scored = x.scored;
+    const float others = x.others;
     const float a = scored * t.scale;
     const float b = others * (t.scale * 0.125f);
     // sqrt(2 X_j) for the scored feature; sqrt(S) / 2 >= the sum of the other eight's sqrt(2 X_k)
@@ -279,22 +297,10 @@ void ScreenBlock(const float* __restrict low_re, const float* __restrict low_im,
     h_im[k] = him[k];
   }
   for (std::size_t i = 0; i < nl; ++i) {
-    float scored = 0.0f;
-    float others = 0.0f;
-    float most = top[i];
-#pragma GCC unroll 9
-    for (std::int32_t k = 0; k < 9; ++k) {
-      const float re = low_re[k * std::size_t{kFlkBoundBlock} + i] + h_re[k];
-      const float im = low_im[k * std::size_t{kFlkBoundBlock} + i] + h_im[k];
-      const float x = re * re + im * im;
-      most = std::max(most, x);
-      if (k == J) {
-        scored = x;
-      } else {
-        others += x;
-      }
-    }
-    top[i] = most;
+    const ChoiceEnergies x = Energies<J>(low_re, low_im, i, h_re, h_im, top[i]);
+    top[i] = x.most;
+    const float scored = x.scored;
+    const float others = x.others;
     const float num_high = scored * t.num_up + t.constant;
     const float den_high = others * t.den_down - t.den_constant;
     const float num_low = scored * t.num_down - t.constant;
