@@ -4,7 +4,9 @@
 #include "standard/standard.h"
 
 #include <algorithm>
+#include <array>
 #include <cmath>
+#include <utility>
 
 #include "decision/decision.h"
 #include "fixed_point.h"
@@ -166,21 +168,35 @@ struct BoundTerms {
   float root;   // the factor of sqrt(2 X): 1 for the rounding, 2 e for the sums' conversion
 };
 
-// The unrounded energies X of low choice i against a high choice (h_re, h_im): the scored
-// feature J's, the sum of the other eight, and the largest of the nine and `most`. Inlined into
-// the per-row loops so that they stay vectorised across choices.
+// The energies of the sums of low choice i and a high choice (h_re, h_im): the scored feature J's,
+// the sum of the other eight, and the largest of the nine. Inlined into the per-row loops so that
+// they stay vectorised across choices.
 struct ChoiceEnergies {
   float scored;
   float others;
   float most;
 };
 
+// The factor that brings a choice's squared sums to X: 2^-2s for the whole search of a rounding
+// shift (in BoundTerms::scale), (128 / length)^2 for each choice of a length-normalised search,
+// whose lengths (below 2^24, exact in single precision) come as the low choices' and the high
+// one's. Within 3 x 2^-24 of itself.
+template <bool kNormalised>
+[[gnu::always_inline]] inline float ChoiceScale(const float* __restrict low_length, std::size_t i,
+                                                float high_length) {
+  if constexpr (kNormalised) {
+    const float r = 128.0f / (low_length[i] + high_length);
+    return r * r;
+  } else {
+    return 1.0f;
+  }
+}
+
 template <int J>
 [[gnu::always_inline]] inline ChoiceEnergies Energies(const float* __restrict low_re,
                                                       const float* __restrict low_im, std::size_t i,
-                                                      const float* h_re, const float* h_im,
-                                                      float most) {
-  ChoiceEnergies e{0.0f, 0.0f, most};
+                                                      const float* h_re, const float* h_im) {
+  ChoiceEnergies e{0.0f, 0.0f, 0.0f};
 #pragma GCC unroll 9
   for (std::int32_t k = 0; k < 9; ++k) {
     const float re = low_re[k * std::size_t{kFlkBoundBlock} + i] + h_re[k];
@@ -199,9 +215,10 @@ template <int J>
 // The z span of one high choice against nl low ones as the two table entries that cover it
 // (both kNoBound: none), and the largest X of each low choice raised in `top`. Returns the last
 // z of every span, plus 256 (-1: none). J is the scored feature, left out of the mean.
-template <int J>
+template <int J, bool kNormalised>
 std::int32_t BoundBlock(const float* __restrict low_re, const float* __restrict low_im,
-                        std::uint32_t nl, const float* hr, const float* him, const BoundTerms& t,
+                        const float* __restrict low_length, std::uint32_t nl, const float* hr,
+                        const float* him, float high_length, const BoundTerms& t,
                         float* __restrict top, std::int32_t* __restrict first,
                         std::int32_t* __restrict second) {
   constexpr float kUp = 1.0f + 0x1p-16f;
@@ -216,12 +233,12 @@ std::int32_t BoundBlock(const float* __restrict low_re, const float* __restrict 
   }
   std::int32_t last = -1;
   for (std::size_t i = 0; i < nl; ++i) {
-    const ChoiceEnergies x = Energies<J>(low_re, low_im, i, h_re, h_im, top[i]);
-    top[i] = x.most;
-    const float scored = x.scored;
-    const float others = x.others;
-    const float a = scored * t.scale;
-    const float b = others * (t.scale * 0.125f);
+    const ChoiceEnergies x = Energies<J>(low_re, low_im, i, h_re, h_im);
+    const float choice_scale = ChoiceScale<kNormalised>(low_length, i, high_length);
+    top[i] = std::max(top[i], x.most * choice_scale);  // as the screen's: before the 2^-2s
+    const float scale = t.scale * choice_scale;
+    const float a = x.scored * scale;
+    const float b = x.others * (scale * 0.125f);
     // sqrt(2 X_j) for the scored feature; sqrt(S) / 2 >= the sum of the other eight's sqrt(2 X_k)
     // over 8, S their sum.
     const float scored_slack = std::sqrt(a * 2.0f) * t.root + t.half;
@@ -285,9 +302,10 @@ ScreenWindow MakeScreenWindow(std::int32_t low, std::int32_t high) {
 
 // keep[i] = 0 for each low choice that the screen settles against high choice (hr, him), 1 for the
 // others; the largest X of each low choice raised in `top`. J is the scored feature.
-template <int J>
-void ScreenBlock(const float* __restrict low_re, const float* __restrict low_im, std::uint32_t nl,
-                 const float* hr, const float* him, const ScreenTerms& t, ScreenWindow w,
+template <int J, bool kNormalised>
+void ScreenBlock(const float* __restrict low_re, const float* __restrict low_im,
+                 const float* __restrict low_length, std::uint32_t nl, const float* hr,
+                 const float* him, float high_length, const ScreenTerms& t, ScreenWindow w,
                  float* __restrict top, std::uint32_t* __restrict keep) {
   constexpr float kReachRatio = static_cast<float>(kReach + kZero) - 0x1p-6f;
   float h_re[9];
@@ -297,10 +315,11 @@ void ScreenBlock(const float* __restrict low_re, const float* __restrict low_im,
     h_im[k] = him[k];
   }
   for (std::size_t i = 0; i < nl; ++i) {
-    const ChoiceEnergies x = Energies<J>(low_re, low_im, i, h_re, h_im, top[i]);
-    top[i] = x.most;
-    const float scored = x.scored;
-    const float others = x.others;
+    const ChoiceEnergies x = Energies<J>(low_re, low_im, i, h_re, h_im);
+    const float scale = ChoiceScale<kNormalised>(low_length, i, high_length);
+    top[i] = std::max(top[i], x.most * scale);
+    const float scored = x.scored * scale;
+    const float others = x.others * scale;
     const float num_high = scored * t.num_up + t.constant;
     const float den_high = others * t.den_down - t.den_constant;
     const float num_low = scored * t.num_down - t.constant;
@@ -314,19 +333,27 @@ void ScreenBlock(const float* __restrict low_re, const float* __restrict low_im,
   }
 }
 
-using ScreenBlockFn = void (*)(const float*, const float*, std::uint32_t, const float*,
-                               const float*, const ScreenTerms&, ScreenWindow, float*,
-                               std::uint32_t*);
-constexpr ScreenBlockFn kScreenBlocks[9] = {ScreenBlock<0>, ScreenBlock<1>, ScreenBlock<2>,
-                                            ScreenBlock<3>, ScreenBlock<4>, ScreenBlock<5>,
-                                            ScreenBlock<6>, ScreenBlock<7>, ScreenBlock<8>};
-
-using BoundBlockFn = std::int32_t (*)(const float*, const float*, std::uint32_t, const float*,
-                                      const float*, const BoundTerms&, float*, std::int32_t*,
-                                      std::int32_t*);
-constexpr BoundBlockFn kBoundBlocks[9] = {BoundBlock<0>, BoundBlock<1>, BoundBlock<2>,
-                                          BoundBlock<3>, BoundBlock<4>, BoundBlock<5>,
-                                          BoundBlock<6>, BoundBlock<7>, BoundBlock<8>};
+// Both kernels for each scored feature, [normalised][J].
+using ScreenBlockFn = void (*)(const float*, const float*, const float*, std::uint32_t,
+                               const float*, const float*, float, const ScreenTerms&, ScreenWindow,
+                               float*, std::uint32_t*);
+using BoundBlockFn = std::int32_t (*)(const float*, const float*, const float*, std::uint32_t,
+                                      const float*, const float*, float, const BoundTerms&, float*,
+                                      std::int32_t*, std::int32_t*);
+template <bool kNormalised, std::size_t... J>
+constexpr std::array<ScreenBlockFn, 9> ScreenBlocks(std::index_sequence<J...>) {
+  return {ScreenBlock<J, kNormalised>...};
+}
+template <bool kNormalised, std::size_t... J>
+constexpr std::array<BoundBlockFn, 9> BoundBlocks(std::index_sequence<J...>) {
+  return {BoundBlock<J, kNormalised>...};
+}
+constexpr std::array<ScreenBlockFn, 9> kScreenBlocks[2] = {
+    ScreenBlocks<false>(std::make_index_sequence<9>()),
+    ScreenBlocks<true>(std::make_index_sequence<9>())};
+constexpr std::array<BoundBlockFn, 9> kBoundBlocks[2] = {
+    BoundBlocks<false>(std::make_index_sequence<9>()),
+    BoundBlocks<true>(std::make_index_sequence<9>())};
 
 }  // namespace
 
@@ -350,14 +377,27 @@ std::int16_t* flicker_choice_bound_scratch() {
 // search. The largest X also brackets M, and with it the common shift p, found when the
 // bracket's ends share it (it fails only within a few parts in a million of a power of two).
 std::int32_t flicker_choice_score_bounds(const std::int32_t* low_re, const std::int32_t* low_im,
-                                         std::uint32_t nl, const std::int64_t* high_re,
-                                         const std::int64_t* high_im, std::uint32_t nh,
+                                         const std::int32_t* low_length, std::uint32_t nl,
+                                         const std::int64_t* high_re, const std::int64_t* high_im,
+                                         const std::int32_t* high_length, std::uint32_t nh,
                                          std::int32_t s, std::int64_t largest,
                                          std::int32_t headroom, const FlkFrameScorer& scorer,
                                          std::int16_t* ub, std::int32_t& p) {
   const FlkFrameScorer score = scorer;  // a local copy: no store below can alias its tables
-  // Upper bounds on every energy (components of the largest sums, |round(v)| = round(|v|)) and so
-  // on the shift; the largest sum bounds the error of its single-precision form.
+  const bool normalised = low_length != nullptr;
+  // Normalised: every choice at least min_length long, and x = 128 sum / length.
+  float low_length_f[kFlkBoundBlock] = {};
+  std::int64_t min_length = 1;
+  if (normalised) {
+    s = 0;
+    const std::int32_t low_min = *std::min_element(low_length, low_length + nl);
+    const std::int32_t high_min = *std::min_element(high_length, high_length + nh);
+    min_length = std::int64_t{low_min} + high_min;
+    for (std::uint32_t i = 0; i < nl; ++i) low_length_f[i] = static_cast<float>(low_length[i]);
+  }
+  // Upper bounds on every energy (components of the largest sums, |round(v)| = round(|v|), a
+  // truncated average no larger than the exact one) and so on the shift; the largest sum bounds
+  // the error of its single-precision form.
   std::int64_t top_energy = largest;
   std::int64_t top_sum = 0;
   for (std::int32_t k = 0; k < 9; ++k) {
@@ -371,18 +411,23 @@ std::int32_t flicker_choice_score_bounds(const std::int32_t* low_re, const std::
         low_top = std::max<std::int64_t>(low_top, std::abs(std::int64_t{low[i]}));
       }
       for (std::uint32_t i = 0; i < nh; ++i) high_top = std::max(high_top, std::abs(high[i]));
-      reach[part] = fx::rshift_round64(low_top + high_top, s);
+      reach[part] = normalised ? (low_top + high_top) * 128 / min_length
+                               : fx::rshift_round64(low_top + high_top, s);
       top_sum = std::max(top_sum, low_top + high_top);
     }
     top_energy = std::max(top_energy, reach[0] * reach[0] + reach[1] * reach[1]);
   }
   // A sum in single precision, each half converted then added: within 3 x 2^-24 of the halves'
   // magnitudes, e in units of x. Each X then moves by at most 2 e sqrt(2 X) + 2 e^2.
-  const double e = 3 * 0x1p-24 * static_cast<double>(top_sum) * std::ldexp(1.0, -s) * 1.001;
+  const double unit = normalised ? 128.0 / static_cast<double>(min_length) : std::ldexp(1.0, -s);
+  const double e = 3 * 0x1p-24 * static_cast<double>(top_sum) * unit * 1.001;
   const double step = std::ldexp(1.0, flicker_scale_shift(top_energy, headroom));
+  // Truncation toward zero moves a component by less than 1 without raising its magnitude: the
+  // square by less than 2 |x|, twice the rounding's |x| + 1/4.
+  const double rounding = normalised ? 2.0 : 1.0;
   const BoundTerms terms{static_cast<float>((step / 2 + 1 + 2 * e * e) * 1.001),
                          static_cast<float>(step), std::ldexp(1.0f, -2 * s),
-                         static_cast<float>(1.001 + 2 * e)};
+                         static_cast<float>(rounding * 1.001 + 2 * e)};
   float low_re_f[9 * kFlkBoundBlock];
   float low_im_f[9 * kFlkBoundBlock];
   for (std::int32_t k = 0; k < 9; ++k) {
@@ -391,8 +436,8 @@ std::int32_t flicker_choice_score_bounds(const std::int32_t* low_re, const std::
       low_im_f[k * kFlkBoundBlock + i] = static_cast<float>(low_im[k * kFlkBoundBlock + i]);
     }
   }
-  const BoundBlockFn block = kBoundBlocks[score.k];
-  const ScreenBlockFn screen = kScreenBlocks[score.k];
+  const BoundBlockFn block = kBoundBlocks[normalised][score.k];
+  const ScreenBlockFn screen = kScreenBlocks[normalised][score.k];
   // lambda = 2^-13 widens the ratio by 2^-12 of itself where the line is loose (a unit of z at
   // z = 4000); the further 2^-17 covers the products' rounding, cancellations included.
   constexpr double kLambda = 0x1p-13;
@@ -430,6 +475,7 @@ std::int32_t flicker_choice_score_bounds(const std::int32_t* low_re, const std::
   // The low choices the screen keeps, compacted in the same layout, and their bounds.
   float* const pick_re = g_screenedRe;
   float* const pick_im = g_screenedIm;
+  float pick_length[kFlkBoundBlock];
   std::uint32_t pick_index[kFlkBoundBlock];
   std::int16_t pick_ub[kFlkBoundBlock];
   std::int32_t first[kFlkBoundBlock];
@@ -441,6 +487,7 @@ std::int32_t flicker_choice_score_bounds(const std::int32_t* low_re, const std::
       h_re[k] = static_cast<float>(high_re[k * nh + hi]);
       h_im[k] = static_cast<float>(high_im[k * nh + hi]);
     }
+    const float h_length = normalised ? static_cast<float>(high_length[hi]) : 0.0f;
     std::int16_t* const row = ub + hi * nl;
     // Screened rows: the bounds of the low choices the screen keeps only. Until some score is known
     // (the first row) and where the screen keeps most (the best known score still low against the
@@ -448,12 +495,14 @@ std::int32_t flicker_choice_score_bounds(const std::int32_t* low_re, const std::
     std::uint32_t count = nl;
     const float* bound_re = low_re_f;
     const float* bound_im = low_im_f;
+    const float* bound_length = low_length_f;
     float* bound_top = top;  // the same X as the screen's: raising top again changes nothing
     std::int16_t* bound_ub = row;
     if (rest > 0) {
       --rest;
     } else if (window_floor > INT16_MIN) {
-      screen(low_re_f, low_im_f, nl, h_re, h_im, screen_terms, window, top, keep);
+      screen(low_re_f, low_im_f, low_length_f, nl, h_re, h_im, h_length, screen_terms, window, top,
+             keep);
       std::uint32_t kept = 0;
       for (std::uint32_t i = 0; i < nl; ++i) kept += keep[i];
       if (kept == 0) {
@@ -477,18 +526,20 @@ std::int32_t flicker_choice_score_bounds(const std::int32_t* low_re, const std::
               pick_re[k * kFlkBoundBlock + count] = low_re_f[k * kFlkBoundBlock + i];
               pick_im[k * kFlkBoundBlock + count] = low_im_f[k * kFlkBoundBlock + i];
             }
+            pick_length[count] = low_length_f[i];
             pick_index[count++] = i;
           }
         }
         for (std::uint32_t i = 0; i < count; ++i) unused_top[i] = 0.0f;
         bound_re = pick_re;
         bound_im = pick_im;
+        bound_length = pick_length;
         bound_top = unused_top;
         bound_ub = pick_ub;
       }
     }
-    const std::int32_t last =
-        block(bound_re, bound_im, count, h_re, h_im, terms, bound_top, first, second);
+    const std::int32_t last = block(bound_re, bound_im, bound_length, count, h_re, h_im, h_length,
+                                    terms, bound_top, first, second);
     if (last >= filled) {
       for (std::int32_t t = filled; t <= last; ++t) {
         const std::int32_t g = clamped_score(t - kZero);
@@ -518,11 +569,12 @@ std::int32_t flicker_choice_score_bounds(const std::int32_t* low_re, const std::
   }
   float top_x = 0.0f;
   for (std::uint32_t i = 0; i < nl; ++i) top_x = std::max(top_x, top[i]);
-  // M against the largest X: M >= X - sqrt(2 X) (the choice reaching it), M <= X + sqrt(2 X) + 1/2,
-  // with X itself within 2^-19 and 2 e sqrt(2 X) + 2 e^2 of the largest found.
-  const double x_high = static_cast<double>(top_x) * std::ldexp(1.0, -2 * s) * (1 + 0x1p-19);
-  const double x_low = static_cast<double>(top_x) * std::ldexp(1.0, -2 * s) * (1 - 0x1p-19);
-  const double spread = 1 + 4 * e;
+  // M against the largest X: M >= X - sqrt(2 X) (the choice reaching it), M <= X + sqrt(2 X) + 1/2
+  // (twice the root when truncated), with X itself within 2^-18 (the per-choice scale included)
+  // and 2 e sqrt(2 X) + 2 e^2 of the largest found.
+  const double x_high = static_cast<double>(top_x) * std::ldexp(1.0, -2 * s) * (1 + 0x1p-18);
+  const double x_low = static_cast<double>(top_x) * std::ldexp(1.0, -2 * s) * (1 - 0x1p-18);
+  const double spread = rounding + 4 * e;
   const double m_low =
       std::max(0.0, (x_low - std::sqrt(2 * x_low) * spread - 2 * e * e - 1) * (1 - 0x1p-40) - 2);
   const double m_high =

@@ -329,17 +329,20 @@ void flicker_narrow_features(const std::int32_t* __restrict low_re,
 }
 
 // Bounds on the score of every choice of a narrow search whose component is the rounding shift
-// of its sum by s (0: the sum itself) and whose scored feature j is left out of the mean, with
-// headroom <= 21 (features at most 2^22: no clamp acts). The low half's 32-bit sums at
-// [k * kFlkBoundBlock + lo], nl <= kFlkBoundBlock; the high half's at [k * nh + hi], each within
-// 2^29. Writes an upper bound of the score of choice (hi, lo) at ub[hi * nl + lo], clamped to 16
-// bits (INT16_MAX when none is found), and returns a score some choice is known to reach at least
-// (INT16_MIN when none): every choice whose bound lies below it loses. Sets p to the search's
-// common shift (with `largest` as flicker_pick_choice takes it), or -1 when it stays open.
+// of its sum by s (0: the sum itself), or with lengths (low_length non-null) the Q7 average over
+// the choice's length (each half's lengths non-negative, the least choice at least 1 long, every
+// choice below 2^24), and whose scored feature j is left out of the mean, with headroom <= 21
+// (features at most 2^22: no clamp acts). The low half's 32-bit sums at [k * kFlkBoundBlock + lo],
+// nl <= kFlkBoundBlock; the high half's at [k * nh + hi], each within 2^29. Writes an upper bound
+// of the score of choice (hi, lo) at ub[hi * nl + lo], clamped to 16 bits (INT16_MAX when none is
+// found), and returns a score some choice is known to reach at least (INT16_MIN when none): every
+// choice whose bound lies below it loses. Sets p to the search's common shift (with `largest` as
+// flicker_pick_choice takes it), or -1 when it stays open.
 constexpr std::uint32_t kFlkBoundBlock = 243;
 std::int32_t flicker_choice_score_bounds(const std::int32_t* low_re, const std::int32_t* low_im,
-                                         std::uint32_t nl, const std::int64_t* high_re,
-                                         const std::int64_t* high_im, std::uint32_t nh,
+                                         const std::int32_t* low_length, std::uint32_t nl,
+                                         const std::int64_t* high_re, const std::int64_t* high_im,
+                                         const std::int32_t* high_length, std::uint32_t nh,
                                          std::int32_t s, std::int64_t largest,
                                          std::int32_t headroom, const FlkFrameScorer& scorer,
                                          std::int16_t* ub, std::int32_t& p);
@@ -372,18 +375,23 @@ void flicker_pick_choice(const FlkChoiceHalf& low, const FlkChoiceHalf& high, Co
   std::int32_t p = 0;
   // Length-normalised searches: every choice at least min_length long (no 32-bit wrap, no zero).
   std::int64_t min_length = 0;
+  bool short_lengths = false;  // every choice below 2^24: exact in single precision
   if (low.length != nullptr) {
     std::int64_t low_min = INT32_MAX, high_min = INT32_MAX;
+    std::int64_t low_max = 0, high_max = 0;
     bool plain = true;
     for (std::uint32_t i = 0; i < nl; ++i) {
       plain = plain && low.length[i] >= 0 && low.length[i] < (1 << 30);
-      if (low.length[i] < low_min) low_min = low.length[i];
+      low_min = std::min<std::int64_t>(low_min, low.length[i]);
+      low_max = std::max<std::int64_t>(low_max, low.length[i]);
     }
     for (std::uint32_t i = 0; i < nh; ++i) {
       plain = plain && high.length[i] >= 0 && high.length[i] < (1 << 30);
-      if (high.length[i] < high_min) high_min = high.length[i];
+      high_min = std::min<std::int64_t>(high_min, high.length[i]);
+      high_max = std::max<std::int64_t>(high_max, high.length[i]);
     }
     if (plain && low_min + high_min >= 1) min_length = low_min + high_min;
+    short_lengths = low_max + high_max < (1 << 24);
   }
   // Per block of low choices, frequency by frequency: the features of every choice, then their
   // clamped 32-bit sums (wrapping sums reorder freely: all nine less feature k), then the scores.
@@ -435,21 +443,22 @@ void flicker_pick_choice(const FlkChoiceHalf& low, const FlkChoiceHalf& high, Co
       for (std::uint32_t i = 0; i < nl; ++i) low_length[i] = low.length[i] / 128.0;
     }
   }
-  // Many choices of a rounding-shift search: bounds on every choice's score first (which also
-  // find the common shift), then only the choices whose bound reaches a score some choice is known
-  // to have are scored exactly, in increasing q as before. The others score below the best, so
-  // skipping them changes nothing.
+  // Many choices: bounds on every choice's score first (which also find the common shift), then
+  // only the choices whose bound reaches a score some choice is known to have are scored exactly,
+  // in increasing q as before. The others score below the best, so skipping them changes nothing.
   constexpr std::uint64_t kBoundedChoices = 2187;
-  bool bounded = narrow_sums && narrow_kind <= 1 && exclude && headroom <= 21 &&
+  const bool normalised = narrow_kind == 2;
+  bool bounded = narrow_sums && (!normalised || short_lengths) && exclude && headroom <= 21 &&
                  static_cast<std::uint64_t>(nl) * nh >= kBoundedChoices;
   std::int16_t* const bounds = bounded ? flicker_choice_bound_scratch() : nullptr;
   std::int32_t reach = 0;
   if (bounded) {
     std::int32_t found = -1;
-    reach = fx::clamp32(
-        flicker_choice_score_bounds(&low_re32[0][0], &low_im32[0][0], nl, high.re, high.im, nh,
-                                    bound_shift, largest, headroom, scorer, bounds, found),
-        INT16_MIN, INT16_MAX);
+    reach = fx::clamp32(flicker_choice_score_bounds(
+                            &low_re32[0][0], &low_im32[0][0], normalised ? low.length : nullptr, nl,
+                            high.re, high.im, normalised ? high.length : nullptr, nh,
+                            normalised ? 0 : bound_shift, largest, headroom, scorer, bounds, found),
+                        INT16_MIN, INT16_MAX);
     if (found >= 0) {
       p = found;
       shift_known = true;
@@ -490,25 +499,27 @@ void flicker_pick_choice(const FlkChoiceHalf& low, const FlkChoiceHalf& high, Co
       {flicker_narrow_features<1, false>, flicker_narrow_features<1, true>},
       {flicker_narrow_features<2, false>, flicker_narrow_features<2, true>}};
   const NarrowKernel kernel = narrow ? kKernels[narrow_kind][p > 0 ? 1 : 0] : nullptr;
-  const auto narrow_features = [&](std::int32_t k, std::uint32_t hi,
-                                   const std::int32_t(*re32)[kBlock],
-                                   const std::int32_t(*im32)[kBlock], std::uint32_t first,
-                                   std::uint32_t n, std::int32_t* out, std::int32_t* sum) {
-    const std::int32_t* lr = re32[k] + first;
-    const std::int32_t* li = im32[k] + first;
-    const double* ll = low_length + first;
-    const std::int32_t hr = fx::low32(high.re[k * nh + hi]);
-    const std::int32_t him = fx::low32(high.im[k * nh + hi]);
-    const double hl = low.length == nullptr ? 0.0 : high.length[hi] / 128.0;
-    kernel(lr, li, ll, hr, him, hl, bound_shift, half, scale, n, out, sum);
-  };
+  const auto narrow_features =
+      [&](std::int32_t k, std::uint32_t hi, const std::int32_t(*re32)[kBlock],
+          const std::int32_t(*im32)[kBlock], const double* lengths, std::uint32_t first,
+          std::uint32_t n, std::int32_t* out, std::int32_t* sum) {
+        const std::int32_t* lr = re32[k] + first;
+        const std::int32_t* li = im32[k] + first;
+        const double* ll = lengths + first;
+        const std::int32_t hr = fx::low32(high.re[k * nh + hi]);
+        const std::int32_t him = fx::low32(high.im[k * nh + hi]);
+        const double hl = low.length == nullptr ? 0.0 : high.length[hi] / 128.0;
+        kernel(lr, li, ll, hr, him, hl, bound_shift, half, scale, n, out, sum);
+      };
   std::int32_t pick_re32[9][kBlock];
   std::int32_t pick_im32[9][kBlock];
+  double pick_length[kBlock];
   for (std::uint32_t hi = 0; hi < nh; ++hi) {
     for (std::uint32_t first = 0; first < nl; first += kBlock) {
       std::uint32_t n = nl - first < kBlock ? nl - first : kBlock;
       const std::int32_t(*re32)[kBlock] = low_re32;
       const std::int32_t(*im32)[kBlock] = low_im32;
+      const double* lengths = low_length;
       std::uint32_t from = first;
       if (bounded) {
         const std::int16_t* bound = bounds + hi * nl;
@@ -526,6 +537,7 @@ void flicker_pick_choice(const FlkChoiceHalf& low, const FlkChoiceHalf& high, Co
               pick_re32[k][count] = low_re32[k][i];
               pick_im32[k][count] = low_im32[k][i];
             }
+            if (normalised) pick_length[count] = low_length[i];
             ++count;
           }
         }
@@ -533,13 +545,14 @@ void flicker_pick_choice(const FlkChoiceHalf& low, const FlkChoiceHalf& high, Co
         n = count;
         re32 = pick_re32;
         im32 = pick_im32;
+        lengths = pick_length;
         from = 0;
       }
       for (std::uint32_t i = 0; i < n; ++i) sums[i] = 0;
       for (std::int32_t k = 0; k < 9; ++k) {
         std::int32_t* __restrict out = features[k];
         if (narrow) {
-          narrow_features(k, hi, re32, im32, from, n, out, sums);
+          narrow_features(k, hi, re32, im32, lengths, from, n, out, sums);
           continue;
         }
         for (std::uint32_t i = 0; i < n; ++i) {

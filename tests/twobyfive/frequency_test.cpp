@@ -1,10 +1,16 @@
 // SPDX-License-Identifier: Apache-2.0
 // 2x5 frequency features: output headroom, the length-normalised and equal-length three-candidate
-// searches, the table bounds and the noiseness measure.
+// searches (the normalised one of seven to ten segments against every choice), the table bounds
+// and the noiseness measure.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cmath>
+#include <random>
 #include <vector>
 
+#include "decision/decision.h"
+#include "fixed_point.h"
 #include "standard/standard.h"
 #include "support.h"
 #include "twobyfive/twobyfive.h"
@@ -77,6 +83,103 @@ TEST_F(TwoByFiveFrequency, EqualLengthSearchKeepsTheFirstVersionOnTies) {
   EXPECT_EQ(Features(), Values(9, 0));
   flicker_compute_freq_3x_2x5(a, b, c, 0, 4, freq_);
   EXPECT_EQ(Features(), Values(9, 0));
+}
+
+// The normalised search against its definition, every one of the 3^n choices in turn: Q7
+// averages over the chosen lengths (truncated), one common scale from the largest energy, the
+// first strictly best score kept. Seven to ten segments, where the search bounds the scores
+// first; candidates of unequal lengths (a segment of one sample, now and then one of none), flat,
+// banded and noise frames, in both states, the second with steep likelihood tables that wrap.
+TEST_F(TwoByFiveFrequency, LengthNormalisedSearchKeepsTheFirstBestOfEveryChoice) {
+  constexpr std::int32_t kWidth = 1280;
+  std::vector<std::int32_t> cos(9 * kWidth), sin(9 * kWidth);
+  for (std::int32_t k = 0; k < 9; ++k) {
+    for (std::int32_t x = 0; x < kWidth; ++x) {
+      const double phase = 6.2831853 * x / (20.0 + 3 * k);
+      cos[k * kWidth + x] = static_cast<std::int32_t>(std::lround(255 * std::cos(phase)));
+      sin[k * kWidth + x] = static_cast<std::int32_t>(std::lround(255 * std::sin(phase)));
+    }
+  }
+  g_flkTab1 = cos.data();
+  g_flkTab2 = sin.data();
+  g_flkTabW = kWidth;
+  std::mt19937 rng(23);
+  for (std::int32_t frame = 0; frame < 16; ++frame) {
+    g_flickerStateIndex = frame % 2;
+    if (frame % 2 == 1) {
+      const std::int32_t own[4] = {-1, 99000, 97000, 5}, other[4] = {2, -88000, 99999, -7};
+      std::copy(own, own + 4, ev60_l60);
+      std::copy(other, other + 4, ev60_l50);
+    }
+    const std::int32_t n = 7 + frame % 4;
+    const std::int32_t base = 8 + static_cast<std::int32_t>(rng() % (1200 / n - 12));
+    const double period = 6 + rng() % 120;
+    const double depth = frame % 8 == 5 ? 0.0 : (rng() % 100) / 150.0;
+    const double level = frame % 8 == 7 ? 0.0 : 20 + rng() % 1000;
+    std::vector<std::int32_t> lengths[3], signal[3];
+    for (std::int32_t v = 0; v < 3; ++v) {
+      for (std::int32_t i = 0; i < n; ++i) {
+        const std::int32_t drawn = base + static_cast<std::int32_t>(rng() % 7) - 3;
+        lengths[v].push_back(rng() % 40 == 0 ? static_cast<std::int32_t>(rng() % 2) : drawn);
+      }
+      for (std::int32_t r = 0; r < kWidth; ++r) {
+        const double band = level * (1 + depth * std::sin(6.2831853 * (r + 0.3 * v) / period));
+        signal[v].push_back(static_cast<std::int32_t>(band) + static_cast<std::int32_t>(rng() % 9));
+      }
+    }
+    // Partial sums of each candidate's segments, walked from the start of its signal.
+    std::vector<std::int64_t> re(9 * n * 3), im(9 * n * 3);
+    for (std::int32_t k = 0; k < 9; ++k) {
+      for (std::int32_t v = 0; v < 3; ++v) {
+        for (std::int32_t i = 0, pos = 0; i < n; pos += lengths[v][i++]) {
+          for (std::int32_t x = pos; x < pos + lengths[v][i]; ++x) {
+            re[(k * n + i) * 3 + v] += std::int64_t{signal[v][x]} * cos[k * kWidth + x];
+            im[(k * n + i) * 3 + v] += std::int64_t{signal[v][x]} * sin[k * kWidth + x];
+          }
+        }
+      }
+    }
+    std::int32_t choices = 1;
+    for (std::int32_t i = 0; i < n; ++i) choices *= 3;
+    std::vector<std::int64_t> energy(static_cast<std::size_t>(choices) * 9);
+    std::int64_t largest = 0;
+    for (std::int32_t q = 0; q < choices; ++q) {
+      std::int64_t length = 0;
+      for (std::int32_t i = 0, d = q; i < n; ++i, d /= 3) length += lengths[d % 3][i];
+      length = std::max<std::int64_t>(length, 1);
+      for (std::int32_t k = 0; k < 9; ++k) {
+        std::int64_t sum_re = 0, sum_im = 0;
+        for (std::int32_t i = 0, d = q; i < n; ++i, d /= 3) {
+          sum_re += re[(k * n + i) * 3 + d % 3];
+          sum_im += im[(k * n + i) * 3 + d % 3];
+        }
+        const std::int64_t avg_re = sum_re * 128 / length, avg_im = sum_im * 128 / length;
+        energy[q * 9 + k] = avg_re * avg_re + avg_im * avg_im;
+        largest = std::max(largest, energy[q * 9 + k]);
+      }
+    }
+    const std::int32_t p = fx::bit_count(static_cast<std::uint64_t>(largest >> 21)) - 1;
+    Values expected(9);
+    std::int32_t expected_best = INT32_MIN;
+    for (std::int32_t q = 0; q < choices; ++q) {
+      Values e(9);
+      for (std::int32_t k = 0; k < 9; ++k) {
+        const std::int64_t x = energy[q * 9 + k];
+        e[k] = static_cast<std::int32_t>(p > 0 ? fx::rshift_round64(x, p) : x);
+      }
+      const std::int32_t score = get_current_llr(e.data(), 9);
+      if (score > expected_best) {
+        expected_best = score;
+        expected = e;
+      }
+    }
+    std::int32_t* versions[3] = {signal[0].data(), signal[1].data(), signal[2].data()};
+    std::int32_t* length_of[3] = {lengths[0].data(), lengths[1].data(), lengths[2].data()};
+    std::int32_t best = 0;
+    flicker_compute_freq_3x_2x5(versions, n, length_of, freq_, best);
+    ASSERT_EQ(Features(), expected) << "frame " << frame;
+    ASSERT_EQ(best, expected_best) << "frame " << frame;
+  }
 }
 
 TEST_F(TwoByFiveFrequency, SearchesPastTheTablesOrWindowsAreRefused) {
