@@ -650,10 +650,12 @@ void flicker_compute_freq(std::int32_t* signal, std::int32_t length, std::int32_
 
 namespace {
 
-// Per-half choice sums of the robust estimate, for up to half of its segment limit each.
+// Per-half choice sums of the robust estimate, for up to half of its segment limit each, laid
+// out for flicker_pick_choice: choice h of the half at [k * (1 << bits) + h].
+constexpr std::int32_t kRobustHalfChoices = 1 << ((kMaxRobustSegments + 1) / 2);
 struct HalfSums {
-  std::int64_t re[9][1 << ((kMaxRobustSegments + 1) / 2)];
-  std::int64_t im[9][1 << ((kMaxRobustSegments + 1) / 2)];
+  std::int64_t re[9 * kRobustHalfChoices];
+  std::int64_t im[9 * kRobustHalfChoices];
 };
 HalfSums g_robustLow;
 HalfSums g_robustHigh;
@@ -689,7 +691,6 @@ void flicker_compute_freq_robust(std::int32_t* version_a, std::int32_t* version_
   const std::int32_t total_len = fx::low32(total);
   const std::int32_t b = total_len < 1 ? 1 : fx::bit_count(static_cast<std::uint64_t>(total_len));
 
-  const std::int32_t masks = std::int32_t{1} << segments;
   // Cosine and sine sums of each segment, both versions, every frequency: a choice's energies are
   // rebuilt from them by additions only, so nothing of size 2^segments is stored.
   std::int64_t cos_a[9][kMaxRobustSegments], sin_a[9][kMaxRobustSegments];
@@ -712,8 +713,9 @@ void flicker_compute_freq_robust(std::int32_t* version_a, std::int32_t* version_
   const std::int32_t low_bits = segments / 2;
   const std::int32_t high_bits = segments - low_bits;
   const auto tabulate = [&](std::int32_t first, std::int32_t bits, HalfSums& half) {
+    const std::int32_t n = std::int32_t{1} << bits;
     for (std::int32_t k = 0; k < 9; ++k) {
-      for (std::int32_t h = 0; h < (std::int32_t{1} << bits); ++h) {
+      for (std::int32_t h = 0; h < n; ++h) {
         std::int64_t re = 0;
         std::int64_t im = 0;
         for (std::int32_t j = 0; j < bits; ++j) {
@@ -721,47 +723,45 @@ void flicker_compute_freq_robust(std::int32_t* version_a, std::int32_t* version_
           re += a ? cos_a[k][first + j] : cos_b[k][first + j];
           im += a ? sin_a[k][first + j] : sin_b[k][first + j];
         }
-        half.re[k][h] = re;
-        half.im[k][h] = im;
+        half.re[k * n + h] = re;
+        half.im[k * n + h] = im;
       }
     }
   };
   tabulate(0, low_bits, g_robustLow);
   tabulate(low_bits, high_bits, g_robustHigh);
-  const std::int32_t low_mask = (std::int32_t{1} << low_bits) - 1;
-  const auto choice_energies = [&](std::int32_t q, std::int64_t* energies) {
-    const std::int32_t lo = q & low_mask;
-    const std::int32_t hi = q >> low_bits;
+  const auto low_choices = std::uint32_t{1} << low_bits;
+  const auto high_choices = std::uint32_t{1} << high_bits;
+  const auto component = [b](std::int64_t sum, std::int32_t) {
+    return fx::rshift_round64(sum, b - 1);
+  };
+  // One shift less than the single estimate's threshold: the largest ends under 2^23 as well.
+  // The lowest mask (version B everywhere) is taken whatever it scores, later ones only when
+  // strictly greater: that is the first strictly best unless every choice scores INT32_MIN.
+  std::int32_t best_score = INT32_MIN;
+  flicker_pick_choice(FlkChoiceHalf{g_robustLow.re, g_robustLow.im, nullptr, low_choices},
+                      FlkChoiceHalf{g_robustHigh.re, g_robustHigh.im, nullptr, high_choices},
+                      component, b - 1, 0, 22, freq_out, best_score);
+  if (best_score > INT32_MIN) return;
+  // Every choice scored INT32_MIN: the lowest mask's features, at the common shift of all.
+  std::int64_t largest = -1;
+  std::int64_t energies[9];
+  const auto choice_energies = [&](std::uint32_t lo, std::uint32_t hi) {
     for (std::int32_t k = 0; k < 9; ++k) {
-      const std::int64_t re =
-          fx::rshift_round64(g_robustLow.re[k][lo] + g_robustHigh.re[k][hi], b - 1);
-      const std::int64_t im =
-          fx::rshift_round64(g_robustLow.im[k][lo] + g_robustHigh.im[k][hi], b - 1);
+      const std::int64_t re = component(
+          g_robustLow.re[k * low_choices + lo] + g_robustHigh.re[k * high_choices + hi], 0);
+      const std::int64_t im = component(
+          g_robustLow.im[k * low_choices + lo] + g_robustHigh.im[k * high_choices + hi], 0);
       energies[k] = fx::wrap_add64(fx::wrap_mul64(re, re), fx::wrap_mul64(im, im));
     }
   };
-
-  std::int64_t energies[9];
-  std::int64_t largest = -1;
-  for (std::int32_t q = 0; q < masks; ++q) {
-    choice_energies(q, energies);
-    for (const std::int64_t e : energies) {
-      if (e > largest) largest = e;
+  for (std::uint32_t hi = 0; hi < high_choices; ++hi) {
+    for (std::uint32_t lo = 0; lo < low_choices; ++lo) {
+      choice_energies(lo, hi);
+      for (const std::int64_t e : energies) largest = std::max(largest, e);
     }
   }
-
-  std::int32_t best_score = 0;
-  std::int32_t scratch[9];
-  for (std::int32_t q = 0; q < masks; ++q) {
-    choice_energies(q, energies);
-    // One shift less than the single estimate's threshold: the largest ends under 2^23 as well.
-    flicker_scale_candidates(energies, 9, largest, 22);
-    for (std::int32_t k = 0; k < 9; ++k) scratch[k] = fx::low32(energies[k]);
-    const std::int32_t score = get_current_llr(scratch, 9);
-    // Strictly greater only: the lowest mask (version B everywhere first) wins ties.
-    if (q == 0 || score > best_score) {
-      best_score = score;
-      for (std::int32_t k = 0; k < 9; ++k) freq_out[k] = scratch[k];
-    }
-  }
+  choice_energies(0, 0);
+  flicker_scale_candidates(energies, 9, largest, 22);
+  for (std::int32_t k = 0; k < 9; ++k) freq_out[k] = fx::low32(energies[k]);
 }
