@@ -68,6 +68,38 @@ struct ShiftTable {
 };
 ShiftTable g_shift_table;
 
+// True when every value lies within +-2^29: two such differ by less than 2^30, so every term of
+// the shift cost lies in [0, clip] and its sum only grows.
+bool WithinCostRange(const std::int32_t* v, std::int32_t n) {
+  std::uint32_t outside = 0;
+  for (std::int32_t i = 0; i < n; ++i) {
+    outside |= (static_cast<std::uint32_t>(v[i]) + (1u << 29)) >> 30;
+  }
+  return outside == 0;
+}
+
+// laplace_diff_avg_2x5 where only a cost of at most `limit` can matter (both inputs within the
+// cost range): once the sum so far gives more, no later term brings it back, and the rest is
+// skipped; INT32_MAX then stands for the cost. Checked every 64 rows.
+std::int32_t CostUpTo(const std::int32_t* __restrict a, const std::int32_t* __restrict b,
+                      std::int32_t n, std::int32_t limit) {
+  if (n < 1) return 0;
+  // (sum << 6) / n > limit, truncated, once sum << 6 reaches (limit + 1) n.
+  const std::int64_t reach = (std::int64_t{limit} + 1) * n;
+  constexpr std::int32_t kChunk = 64;
+  std::int32_t sum = 0;  // at most 2000 x 2650
+  for (std::int32_t first = 0; first < n; first += kChunk) {
+    const std::int32_t end = n - first < kChunk ? n : first + kChunk;
+    for (std::int32_t i = first; i < end; ++i) {
+      const std::int32_t d = a[i] - b[i];
+      const std::int32_t magnitude = d < 0 ? -d : d;
+      sum += magnitude < kCostClip ? magnitude : kCostClip;
+    }
+    if ((std::int64_t{sum} << kCostScaleShift) >= reach) return INT32_MAX;
+  }
+  return fx::div_trunc(sum << kCostScaleShift, n);
+}
+
 }  // namespace
 
 void convolve_Laplacian_filter_2x5(std::int32_t* in, std::int32_t* out, std::int32_t n) {
@@ -195,6 +227,13 @@ void align_flicker_subpixel_2x5(std::int32_t* curStats, std::int32_t* prevStats,
         convolve_Laplacian_filter_2x5(g_shift_table.blend[w], g_shift_table.laplacian[w], seg_len);
       }
     }
+    // With the tables' Laplacians and the current rows the costs read (from start + 2 to the
+    // segment's last two) within the cost range, the costs that cannot place are cut short.
+    bool cut_short =
+        tabulated && WithinCostRange(vec_laplace_curr_working_memory + start + 2, seg_len - 4);
+    for (std::int32_t weight = 0; cut_short && weight < kShiftDen; ++weight) {
+      cut_short = WithinCostRange(g_shift_table.laplacian[weight], seg_len);
+    }
     std::int32_t best_cost = INT32_MAX;
     std::int32_t second_cost = INT32_MAX;
     for (std::int32_t s = -range; s <= range; ++s) {
@@ -216,9 +255,13 @@ void align_flicker_subpixel_2x5(std::int32_t* curStats, std::int32_t* prevStats,
         convolve_Laplacian_filter_2x5(seg_prev_log_shift_working_memory,
                                       seg_laplace_prev_working_memory, seg_len);
       }
-      const std::int32_t cost = laplace_diff_avg_2x5(
-          const_cast<std::int32_t*>(laplacian), vec_laplace_curr_working_memory + start + first,
-          scored, kCostClip, kCostScaleShift);
+      // Only a cost at or below the second best places.
+      const std::int32_t cost =
+          cut_short ? CostUpTo(laplacian, vec_laplace_curr_working_memory + start + first, scored,
+                               second_cost)
+                    : laplace_diff_avg_2x5(const_cast<std::int32_t*>(laplacian),
+                                           vec_laplace_curr_working_memory + start + first, scored,
+                                           kCostClip, kCostScaleShift);
       std::int32_t* target = nullptr;
       if (cost <= best_cost) {  // ties go to the later shift
         for (std::int32_t i = 0; i < len; ++i) {
