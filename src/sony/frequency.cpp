@@ -63,14 +63,19 @@ void flicker_compute_freq_3x_SONY(std::int32_t* version_a, std::int32_t* version
   std::int64_t* const part_cos = g_sonyChoices.part_cos;
   std::int64_t* const part_sin = g_sonyChoices.part_sin;
   const std::int32_t stride = 3 * segments;
+  const std::int64_t extent = segment_length >= 1 ? std::int64_t{segments} * segment_length : 0;
+  const std::int64_t extents[3] = {extent, extent, extent};
+  const bool packed = flicker_pack_sums(versions, extents, 3);
   for (std::int32_t k = 0; k < 9; ++k) {
     for (std::int32_t i = 0; i < segments; ++i) {
       for (std::int32_t v = 0; v < 3; ++v) {
         std::int64_t re = 0;
         std::int64_t im = 0;
-        if (segment_length >= 1) {
-          // Within the tables: the whole span was checked against their width above.
-          const std::int32_t start = i * segment_length;
+        // Within the tables: the whole span was checked against their width above.
+        const std::int32_t start = i * segment_length;
+        if (segment_length >= 1 && packed) {
+          flicker_packed_sums(v, start, segment_length, k, re, im);
+        } else if (segment_length >= 1) {
           flicker_partial_sums(versions[v] + start, segment_length, k, start, re, im);
         }
         part_cos[k * stride + 3 * i + v] = re;

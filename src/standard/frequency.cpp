@@ -47,6 +47,68 @@ void flicker_partial_sums(const std::int32_t* signal, std::int32_t length, std::
   im = s;
 }
 
+namespace {
+
+// Rows [table][k] and up to three signals, 16-bit. 72 KB and 12 KB.
+std::int16_t g_packedRows[2][9][kFlkPackedColumns];
+std::int16_t g_packedSignals[3][kFlkPackedColumns];
+
+// out[i] = v[i] for i < n; true when every v[i] lies within [-2^bits, 2^bits).
+bool PackSixteen(const std::int32_t* __restrict v, std::int64_t n, std::int32_t bits,
+                 std::int16_t* __restrict out) {
+  std::uint32_t outside = 0;
+  for (std::int64_t i = 0; i < n; ++i) {
+    outside |= (static_cast<std::uint32_t>(v[i]) + (1u << bits)) >> (bits + 1);
+    out[i] = static_cast<std::int16_t>(v[i]);
+  }
+  return outside == 0;
+}
+
+}  // namespace
+
+bool flicker_pack_sums(const std::int32_t* const* signals, const std::int64_t* extents,
+                       std::int32_t count) {
+  if (g_flkTab1 == nullptr || g_flkTab2 == nullptr || count > 3) return false;
+  std::int64_t columns = 0;
+  for (std::int32_t v = 0; v < count; ++v) columns = std::max(columns, extents[v]);
+  if (columns > kFlkPackedColumns || columns > g_flkTabW) return false;
+  bool inside = true;
+  for (std::int32_t v = 0; v < count; ++v) {
+    inside = inside && PackSixteen(signals[v], extents[v], 15, g_packedSignals[v]);
+  }
+  for (std::int32_t k = 0; k < 9 && inside; ++k) {
+    const std::int64_t row = std::int64_t{k} * g_flkTabW;
+    inside = PackSixteen(g_flkTab1 + row, columns, 9, g_packedRows[0][k]) &&
+             PackSixteen(g_flkTab2 + row, columns, 9, g_packedRows[1][k]);
+  }
+  return inside;
+}
+
+void flicker_packed_sums(std::int32_t signal, std::int32_t pos, std::int32_t length, std::int32_t k,
+                         std::int64_t& re, std::int64_t& im) {
+  const std::int16_t* __restrict x = g_packedSignals[signal] + pos;
+  const std::int16_t* __restrict cos_row = g_packedRows[0][k] + pos;
+  const std::int16_t* __restrict sin_row = g_packedRows[1][k] + pos;
+  // Each product lies within 2^24, so 64 of them sum in 32 bits: pairs of 16-bit products
+  // summed in 32-bit lanes, eight samples to a vector.
+  constexpr std::int32_t kChunk = 64;
+  std::int64_t c = 0;
+  std::int64_t s = 0;
+  for (std::int32_t first = 0; first < length; first += kChunk) {
+    const std::int32_t end = length - first < kChunk ? length : first + kChunk;
+    std::int32_t chunk_c = 0;
+    std::int32_t chunk_s = 0;
+    for (std::int32_t n = first; n < end; ++n) {
+      chunk_c += x[n] * cos_row[n];
+      chunk_s += x[n] * sin_row[n];
+    }
+    c += chunk_c;
+    s += chunk_s;
+  }
+  re = c;
+  im = s;
+}
+
 void flicker_energies(const std::int32_t* signal, std::int32_t length, std::int64_t* energies) {
   const std::int32_t b = length < 1 ? 1 : fx::bit_count(static_cast<std::uint64_t>(length));
   for (std::int32_t k = 0; k < 9; ++k) {
@@ -672,7 +734,8 @@ void flicker_compute_freq_robust(std::int32_t* version_a, std::int32_t* version_
                   kMaxRobustSegments);
     return;
   }
-  std::int64_t total = 0;  // 64-bit: the bound check below must not wrap
+  std::int64_t total = 0;   // 64-bit: the bound check below must not wrap
+  std::int64_t extent = 0;  // the columns the segments read, [0, extent)
   {
     std::int64_t pos = 0;
     for (std::int32_t i = 0; i < segments; ++i) {
@@ -683,6 +746,7 @@ void flicker_compute_freq_robust(std::int32_t* version_a, std::int32_t* version_
                       static_cast<long long>(pos), len, g_flkTabW);
         return;
       }
+      if (len >= 1) extent = std::max(extent, pos + len);
       // A negative length moves the next segment back, as the alignment's layout says.
       pos += len;
       total += len;
@@ -695,12 +759,18 @@ void flicker_compute_freq_robust(std::int32_t* version_a, std::int32_t* version_
   // rebuilt from them by additions only, so nothing of size 2^segments is stored.
   std::int64_t cos_a[9][kMaxRobustSegments], sin_a[9][kMaxRobustSegments];
   std::int64_t cos_b[9][kMaxRobustSegments], sin_b[9][kMaxRobustSegments];
+  const std::int32_t* const signals[2] = {version_b, version_a};
+  const std::int64_t extents[2] = {extent, extent};
+  const bool packed = flicker_pack_sums(signals, extents, 2);
   for (std::int32_t k = 0; k < 9; ++k) {
     std::int32_t pos = 0;
     for (std::int32_t i = 0; i < segments; ++i) {
       const std::int32_t len = segment_lengths[i];
       cos_a[k][i] = sin_a[k][i] = cos_b[k][i] = sin_b[k][i] = 0;
-      if (len >= 1) {
+      if (len >= 1 && packed) {
+        flicker_packed_sums(0, pos, len, k, cos_b[k][i], sin_b[k][i]);
+        flicker_packed_sums(1, pos, len, k, cos_a[k][i], sin_a[k][i]);
+      } else if (len >= 1) {
         // The table column is the position in the whole signal: phases run on across segments.
         flicker_partial_sums(version_b + pos, len, k, pos, cos_b[k][i], sin_b[k][i]);
         flicker_partial_sums(version_a + pos, len, k, pos, cos_a[k][i], sin_a[k][i]);

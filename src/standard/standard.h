@@ -183,6 +183,17 @@ void flicker_compute_freq_robust(std::int32_t* version_a, std::int32_t* version_
 // table column `column` (64-bit sums of 64-bit products).
 void flicker_partial_sums(const std::int32_t* signal, std::int32_t length, std::int32_t k,
                           std::int32_t column, std::int64_t& re, std::int64_t& im);
+// The multi-candidate estimators read the same table columns once per candidate: the nine rows of
+// both tables over [0, the largest extent) and each signal over [0, its extent) are packed to 16
+// bits once, and flicker_packed_sums then gives flicker_partial_sums' sums for the segment of
+// signal `signal` at [pos, pos + length) against columns from pos. False (nothing packed) unless
+// every entry lies within +-2^9 (the tables hold +-255), every sample within +-2^15 (the
+// estimators see about 2^10) and every extent within kFlkPackedColumns and the tables' width.
+constexpr std::int32_t kFlkPackedColumns = 2048;
+bool flicker_pack_sums(const std::int32_t* const* signals, const std::int64_t* extents,
+                       std::int32_t count);
+void flicker_packed_sums(std::int32_t signal, std::int32_t pos, std::int32_t length, std::int32_t k,
+                         std::int64_t& re, std::int64_t& im);
 // E[k] = Re^2 + Im^2 of the whole signal for the nine frequencies, Re and Im rounded by
 // 2^(B(length) - 1) when B(length) > 1; both 0 when length < 1.
 void flicker_energies(const std::int32_t* signal, std::int32_t length, std::int64_t* energies);

@@ -106,16 +106,17 @@ void flicker_compute_freq_3x_2x5(std::int32_t** versions, std::int32_t segment_c
   }
   const std::int32_t segments = segment_count < 0 ? 0 : segment_count;
   std::int64_t span = 0;  // table columns read by the longest candidate
+  std::int64_t extents[3] = {};
   for (std::int32_t v = 0; v < 3; ++v) {
-    std::int64_t columns = 0;
-    for (std::int32_t i = 0; i < segments; ++i) columns += std::max(version_lengths[v][i], 0);
-    span = std::max(span, columns);
+    for (std::int32_t i = 0; i < segments; ++i) extents[v] += std::max(version_lengths[v][i], 0);
+    span = std::max(span, extents[v]);
   }
   if (!tables_hold(span)) {
     LogRefusalFlk("flicker_compute_freq_3x_2x5", "candidates of %lld samples, tables of %d columns",
                   static_cast<long long>(span), g_flkTabW);
     return;
   }
+  const bool packed = flicker_pack_sums(versions, extents, 3);
   PartialSums sums[9];  // 4 KB
   for (std::int32_t k = 0; k < 9; ++k) {
     for (std::int32_t v = 0; v < 3; ++v) {
@@ -124,7 +125,11 @@ void flicker_compute_freq_3x_2x5(std::int32_t** versions, std::int32_t segment_c
         const std::int32_t len = version_lengths[v][i];
         std::int64_t re = 0;
         std::int64_t im = 0;
-        if (len >= 1) flicker_partial_sums(versions[v] + pos, len, k, pos, re, im);
+        if (len >= 1 && packed) {
+          flicker_packed_sums(v, pos, len, k, re, im);
+        } else if (len >= 1) {
+          flicker_partial_sums(versions[v] + pos, len, k, pos, re, im);
+        }
         sums[k].re[3 * i + v] = re;
         sums[k].im[3 * i + v] = im;
         if (len > 0) pos += len;  // an empty segment neither contributes nor moves back
@@ -164,6 +169,9 @@ void flicker_compute_freq_3x_2x5(std::int32_t* version_a, std::int32_t* version_
   const std::int32_t b =
       fx::bit_count(static_cast<std::uint64_t>(static_cast<std::int64_t>(total)));
   std::int32_t* const version[3] = {version_a, version_b, version_c};
+  const std::int64_t extent = segment_length >= 1 ? std::int64_t{segments} * segment_length : 0;
+  const std::int64_t extents[3] = {extent, extent, extent};
+  const bool packed = flicker_pack_sums(version, extents, 3);
   PartialSums sums[9];  // 4 KB
   for (std::int32_t k = 0; k < 9; ++k) {
     for (std::int32_t i = 0; i < segments; ++i) {
@@ -171,7 +179,9 @@ void flicker_compute_freq_3x_2x5(std::int32_t* version_a, std::int32_t* version_
       for (std::int32_t v = 0; v < 3; ++v) {
         std::int64_t re = 0;
         std::int64_t im = 0;
-        if (segment_length >= 1) {
+        if (segment_length >= 1 && packed) {
+          flicker_packed_sums(v, pos, segment_length, k, re, im);
+        } else if (segment_length >= 1) {
           flicker_partial_sums(version[v] + pos, segment_length, k, pos, re, im);
         }
         sums[k].re[3 * i + v] = re;

@@ -125,6 +125,45 @@ TEST_F(FrequencyTest, PartialSumsExactAtTheLongestSignalOfExtremeSamples) {
   }
 }
 
+// The estimators' 16-bit sums: samples of -2^15 and 2^15 - 1 signed as the cosine row (every
+// product adds, 64 of them near 2^29 in one 32-bit chunk) give the wide sums; a sample of 2^15
+// or an entry outside [-2^9, 2^9) leaves the sums to the wide path.
+TEST_F(FrequencyTest, PackedSumsEqualTheWideOnesWithinTheirRange) {
+  V a(500), b(500);
+  for (std::int32_t n = 0; n < 500; ++n) {
+    a[n] = g_flkTab1[4 * g_flkTabW + n] >= 0 ? 32767 : -32768;
+    b[n] = (n * 7919) % 65536 - 32768;
+  }
+  const std::int32_t* signals[2] = {a.data(), b.data()};
+  const std::int64_t extents[2] = {500, 437};
+  ASSERT_TRUE(flicker_pack_sums(signals, extents, 2));
+  const std::int32_t spans[][3] = {{0, 0, 500}, {1, 3, 64}, {0, 436, 64}, {1, 0, 437}, {0, 7, 1}};
+  for (std::int32_t k = 0; k < 9; ++k) {
+    for (const auto& span : spans) {
+      const std::int32_t v = span[0], pos = span[1], length = span[2];
+      std::int64_t re = 0, im = 0, wide_re = 0, wide_im = 0;
+      flicker_packed_sums(v, pos, length, k, re, im);
+      flicker_partial_sums(signals[v] + pos, length, k, pos, wide_re, wide_im);
+      EXPECT_EQ(re, wide_re) << k << " " << v << " " << pos;
+      EXPECT_EQ(im, wide_im) << k << " " << v << " " << pos;
+    }
+  }
+  std::int64_t re = 0, im = 0;
+  flicker_packed_sums(0, 0, 500, 4, re, im);
+  EXPECT_EQ(re, 2659541372);  // past 2^31 over the eight chunks
+  a[499] = 32768;
+  EXPECT_FALSE(flicker_pack_sums(signals, extents, 1));
+  a[499] = 0;
+  const std::int32_t entry = g_flkTab2[8 * g_flkTabW + 20];
+  for (const std::int32_t outside : {512, -513}) {
+    g_flkTab2[8 * g_flkTabW + 20] = outside;
+    EXPECT_FALSE(flicker_pack_sums(signals, extents, 1)) << outside;
+  }
+  g_flkTab2[8 * g_flkTabW + 20] = -512;
+  EXPECT_TRUE(flicker_pack_sums(signals, extents, 1));
+  g_flkTab2[8 * g_flkTabW + 20] = entry;
+}
+
 // The signal after bridging the junctions the offsets mark.
 V Bridge(V signal, V lengths, V offsets) {
   flicker_interpolation(signal.data(), lengths.data(), offsets.data(),
