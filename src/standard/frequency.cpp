@@ -56,12 +56,14 @@ std::int16_t g_packedSignals[3][kFlkPackedColumns];
 // out[i] = v[i] for i < n; true when every v[i] lies within [-2^bits, 2^bits).
 bool PackSixteen(const std::int32_t* __restrict v, std::int64_t n, std::int32_t bits,
                  std::int16_t* __restrict out) {
-  std::uint32_t outside = 0;
+  // Biased by 2^bits, a value inside sets no bit from bits + 1 up: one test of all of them.
+  const std::uint32_t bias = 1u << bits;
+  std::uint32_t biased = 0;
   for (std::int64_t i = 0; i < n; ++i) {
-    outside |= (static_cast<std::uint32_t>(v[i]) + (1u << bits)) >> (bits + 1);
+    biased |= static_cast<std::uint32_t>(v[i]) + bias;
     out[i] = static_cast<std::int16_t>(v[i]);
   }
-  return outside == 0;
+  return (biased >> (bits + 1)) == 0;
 }
 
 }  // namespace
@@ -74,7 +76,7 @@ bool flicker_pack_sums(const std::int32_t* const* signals, const std::int64_t* e
   if (columns > kFlkPackedColumns || columns > g_flkTabW) return false;
   bool inside = true;
   for (std::int32_t v = 0; v < count; ++v) {
-    inside = inside && PackSixteen(signals[v], extents[v], 15, g_packedSignals[v]);
+    inside = inside && PackSixteen(signals[v], extents[v], 13, g_packedSignals[v]);
   }
   for (std::int32_t k = 0; k < 9 && inside; ++k) {
     const std::int64_t row = std::int64_t{k} * g_flkTabW;
@@ -89,9 +91,9 @@ void flicker_packed_sums(std::int32_t signal, std::int32_t pos, std::int32_t len
   const std::int16_t* __restrict x = g_packedSignals[signal] + pos;
   const std::int16_t* __restrict cos_row = g_packedRows[0][k] + pos;
   const std::int16_t* __restrict sin_row = g_packedRows[1][k] + pos;
-  // Each product lies within 2^24, so 64 of them sum in 32 bits: pairs of 16-bit products
+  // Each product lies within 2^22, so 256 of them sum in 32 bits: pairs of 16-bit products
   // summed in 32-bit lanes, eight samples to a vector.
-  constexpr std::int32_t kChunk = 64;
+  constexpr std::int32_t kChunk = 256;
   std::int64_t c = 0;
   std::int64_t s = 0;
   for (std::int32_t first = 0; first < length; first += kChunk) {

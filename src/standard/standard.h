@@ -187,7 +187,7 @@ void flicker_partial_sums(const std::int32_t* signal, std::int32_t length, std::
 // both tables over [0, the largest extent) and each signal over [0, its extent) are packed to 16
 // bits once, and flicker_packed_sums then gives flicker_partial_sums' sums for the segment of
 // signal `signal` at [pos, pos + length) against columns from pos. False (nothing packed) unless
-// every entry lies within +-2^9 (the tables hold +-255), every sample within +-2^15 (the
+// every entry lies within +-2^9 (the tables hold +-255), every sample within +-2^13 (the
 // estimators see about 2^10) and every extent within kFlkPackedColumns and the tables' width.
 constexpr std::int32_t kFlkPackedColumns = 2048;
 bool flicker_pack_sums(const std::int32_t* const* signals, const std::int64_t* extents,

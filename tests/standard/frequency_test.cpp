@@ -125,19 +125,19 @@ TEST_F(FrequencyTest, PartialSumsExactAtTheLongestSignalOfExtremeSamples) {
   }
 }
 
-// The estimators' 16-bit sums: samples of -2^15 and 2^15 - 1 signed as the cosine row (every
-// product adds, 64 of them near 2^29 in one 32-bit chunk) give the wide sums; a sample of 2^15
+// The estimators' 16-bit sums: samples of -2^13 and 2^13 - 1 signed as the cosine row (every
+// product adds, 256 of them near 2^29 in one 32-bit chunk) give the wide sums; a sample of 2^13
 // or an entry outside [-2^9, 2^9) leaves the sums to the wide path.
 TEST_F(FrequencyTest, PackedSumsEqualTheWideOnesWithinTheirRange) {
   V a(500), b(500);
   for (std::int32_t n = 0; n < 500; ++n) {
-    a[n] = g_flkTab1[4 * g_flkTabW + n] >= 0 ? 32767 : -32768;
-    b[n] = (n * 7919) % 65536 - 32768;
+    a[n] = g_flkTab1[4 * g_flkTabW + n] >= 0 ? 8191 : -8192;
+    b[n] = (n * 7919) % 16384 - 8192;
   }
   const std::int32_t* signals[2] = {a.data(), b.data()};
   const std::int64_t extents[2] = {500, 437};
   ASSERT_TRUE(flicker_pack_sums(signals, extents, 2));
-  const std::int32_t spans[][3] = {{0, 0, 500}, {1, 3, 64}, {0, 436, 64}, {1, 0, 437}, {0, 7, 1}};
+  const std::int32_t spans[][3] = {{0, 0, 500}, {1, 3, 256}, {0, 243, 257}, {1, 0, 437}, {0, 7, 1}};
   for (std::int32_t k = 0; k < 9; ++k) {
     for (const auto& span : spans) {
       const std::int32_t v = span[0], pos = span[1], length = span[2];
@@ -150,8 +150,8 @@ TEST_F(FrequencyTest, PackedSumsEqualTheWideOnesWithinTheirRange) {
   }
   std::int64_t re = 0, im = 0;
   flicker_packed_sums(0, 0, 500, 4, re, im);
-  EXPECT_EQ(re, 2659541372);  // past 2^31 over the eight chunks
-  a[499] = 32768;
+  EXPECT_EQ(re, 664854908);  // 500 products of 2^13 and an entry, every one adding
+  a[499] = 8192;
   EXPECT_FALSE(flicker_pack_sums(signals, extents, 1));
   a[499] = 0;
   const std::int32_t entry = g_flkTab2[8 * g_flkTabW + 20];
