@@ -68,20 +68,30 @@ struct ShiftTable {
 };
 ShiftTable g_shift_table;
 
-// True when every value lies within +-2^29: two such differ by less than 2^30, so every term of
-// the shift cost lies in [0, clip] and its sum only grows.
-bool WithinCostRange(const std::int32_t* v, std::int32_t n) {
-  std::uint32_t outside = 0;
+// The window's tabulated Laplacians and the current rows the costs read, 16-bit, when every
+// value lies within +-2^14: two such differ by less than 2^15, so each term of the shift cost
+// (a magnitude clipped to 2650) takes 16-bit lanes, eight rows to a vector, and the running sum
+// only grows.
+struct CostRows {
+  std::int16_t table[kShiftDen][2000];
+  std::int16_t current[2000];
+};
+CostRows g_cost_rows;
+
+// out[i] = v[i] for i < n; true when every v[i] lies within [-2^14, 2^14).
+bool PackCostRows(const std::int32_t* __restrict v, std::int32_t n, std::int16_t* __restrict out) {
+  std::uint32_t biased = 0;
   for (std::int32_t i = 0; i < n; ++i) {
-    outside |= (static_cast<std::uint32_t>(v[i]) + (1u << 29)) >> 30;
+    biased |= static_cast<std::uint32_t>(v[i]) + (1u << 14);
+    out[i] = static_cast<std::int16_t>(v[i]);
   }
-  return outside == 0;
+  return (biased >> 15) == 0;
 }
 
-// laplace_diff_avg_2x5 where only a cost of at most `limit` can matter (both inputs within the
-// cost range): once the sum so far gives more, no later term brings it back, and the rest is
-// skipped; INT32_MAX then stands for the cost. Checked every 64 rows.
-std::int32_t CostUpTo(const std::int32_t* __restrict a, const std::int32_t* __restrict b,
+// laplace_diff_avg_2x5 on packed rows where only a cost of at most `limit` can matter: once the
+// sum so far gives more, no later term brings it back, and the rest is skipped; INT32_MAX then
+// stands for the cost. Checked every 64 rows.
+std::int32_t CostUpTo(const std::int16_t* __restrict a, const std::int16_t* __restrict b,
                       std::int32_t n, std::int32_t limit) {
   if (n < 1) return 0;
   // (sum << 6) / n > limit, truncated, once sum << 6 reaches (limit + 1) n.
@@ -91,8 +101,8 @@ std::int32_t CostUpTo(const std::int32_t* __restrict a, const std::int32_t* __re
   for (std::int32_t first = 0; first < n; first += kChunk) {
     const std::int32_t end = n - first < kChunk ? n : first + kChunk;
     for (std::int32_t i = first; i < end; ++i) {
-      const std::int32_t d = a[i] - b[i];
-      const std::int32_t magnitude = d < 0 ? -d : d;
+      const auto d = static_cast<std::int16_t>(a[i] - b[i]);
+      const auto magnitude = static_cast<std::int16_t>(d < 0 ? -d : d);
       sum += magnitude < kCostClip ? magnitude : kCostClip;
     }
     if ((std::int64_t{sum} << kCostScaleShift) >= reach) return INT32_MAX;
@@ -227,12 +237,11 @@ void align_flicker_subpixel_2x5(std::int32_t* curStats, std::int32_t* prevStats,
         convolve_Laplacian_filter_2x5(g_shift_table.blend[w], g_shift_table.laplacian[w], seg_len);
       }
     }
-    // With the tables' Laplacians and the current rows the costs read (from start + 2 to the
-    // segment's last two) within the cost range, the costs that cannot place are cut short.
-    bool cut_short =
-        tabulated && WithinCostRange(vec_laplace_curr_working_memory + start + 2, seg_len - 4);
+    // The costs read the current rows from start + 2 up to the segment's last two.
+    bool cut_short = tabulated && PackCostRows(vec_laplace_curr_working_memory + start + 2,
+                                               seg_len - 4, g_cost_rows.current + 2);
     for (std::int32_t weight = 0; cut_short && weight < kShiftDen; ++weight) {
-      cut_short = WithinCostRange(g_shift_table.laplacian[weight], seg_len);
+      cut_short = PackCostRows(g_shift_table.laplacian[weight], seg_len, g_cost_rows.table[weight]);
     }
     std::int32_t best_cost = INT32_MAX;
     std::int32_t second_cost = INT32_MAX;
@@ -244,12 +253,14 @@ void align_flicker_subpixel_2x5(std::int32_t* curStats, std::int32_t* prevStats,
       // Row j of the shifted segment and of its Laplacian, from first on.
       const std::int32_t* shifted = seg_prev_log_shift_working_memory + first;
       const std::int32_t* laplacian = seg_laplace_prev_working_memory + first;
+      const std::int16_t* packed = nullptr;  // the same rows, 16-bit, when cut short
       if (tabulated) {
         const FlkShiftSource src = flicker_shift_source(s, kShiftDen);
         // offset + first is at least 2: no pointer before a sequence's start is formed.
         shifted =
             (src.weight == 0 ? log_prev : g_shift_table.blend[src.weight]) + (src.offset + first);
         laplacian = g_shift_table.laplacian[src.weight] + (src.offset + first);
+        packed = g_cost_rows.table[src.weight] + (src.offset + first);
       } else {
         subpixel_shift_vec_2x5(log_prev, seg_prev_log_shift_working_memory, seg_len, s, kShiftDen);
         convolve_Laplacian_filter_2x5(seg_prev_log_shift_working_memory,
@@ -257,8 +268,7 @@ void align_flicker_subpixel_2x5(std::int32_t* curStats, std::int32_t* prevStats,
       }
       // Only a cost at or below the second best places.
       const std::int32_t cost =
-          cut_short ? CostUpTo(laplacian, vec_laplace_curr_working_memory + start + first, scored,
-                               second_cost)
+          cut_short ? CostUpTo(packed, g_cost_rows.current + first, scored, second_cost)
                     : laplace_diff_avg_2x5(const_cast<std::int32_t*>(laplacian),
                                            vec_laplace_curr_working_memory + start + first, scored,
                                            kCostClip, kCostScaleShift);
