@@ -32,10 +32,13 @@ void copy_column(const std::int32_t* prev, const std::int32_t* cur, std::int64_t
 }
 
 // Transposes one band of `rows` x `ncols` values into column order.
-void transpose_band(const std::int32_t* band, std::int32_t rows, std::int32_t ncols,
-                    std::int32_t* columns) {
-  for (std::int32_t r = 0; r < rows; ++r) {
-    for (std::int32_t c = 0; c < ncols; ++c) columns[c * rows + r] = band[r * ncols + c];
+void transpose_band(const std::int32_t* __restrict band, std::int32_t rows, std::int32_t ncols,
+                    std::int32_t* __restrict columns) {
+  // Column by column: one strided read and one contiguous write a value.
+  for (std::int32_t c = 0; c < ncols; ++c) {
+    const std::int32_t* from = band + c;
+    std::int32_t* to = columns + static_cast<std::int64_t>(c) * rows;
+    for (std::int32_t r = 0; r < rows; ++r) to[r] = from[static_cast<std::int64_t>(r) * ncols];
   }
 }
 
