@@ -182,6 +182,9 @@ void align_flicker(std::int32_t* curStats, std::int32_t* prevStats, std::int32_t
   std::int32_t p = 0;  // next block of the aligned and unaligned block vectors
   std::int32_t q = 0;  // next sample of the packed unregistered vector
   const std::int32_t peak_threshold = fx::wrap_mul32(2, flicker_grad_threshold);
+  // The companded even samples of a window's halved rows, (kFullWindowSize + 3) / 4 at most.
+  static std::int32_t even_cur[kFullWindowSize / 4 + 1];
+  static std::int32_t even_prev[kFullWindowSize / 4 + 1];
 
   for (std::int32_t w = 0; w < numWindows; ++w) {
     winOffset[w] = kNotAligned;
@@ -208,9 +211,11 @@ void align_flicker(std::int32_t* curStats, std::int32_t* prevStats, std::int32_t
       }
       central_gradient(cvector_current_working_memory, m, grad_current_working_memory);
       central_gradient(cvector_prev_working_memory, m, grad_prev_working_memory);
+      // The companded even samples are the fine search's too (h = (m + 1) / 2 of them).
       for (std::int32_t j = 0; j < h; ++j) {
-        avector_out_working_memory[q + j] = flicker_compand(cvector_current_working_memory[2 * j]) -
-                                            flicker_compand(cvector_prev_working_memory[2 * j]);
+        even_cur[j] = flicker_compand(cvector_current_working_memory[2 * j]);
+        even_prev[j] = flicker_compand(cvector_prev_working_memory[2 * j]);
+        avector_out_working_memory[q + j] = even_cur[j] - even_prev[j];
       }
     }
     const std::int32_t* ratio = avector_out_working_memory + q;
@@ -242,10 +247,11 @@ void align_flicker(std::int32_t* curStats, std::int32_t* prevStats, std::int32_t
           continue;
         }
         std::int32_t best = 0;
-        exhaust_search_fine(cvector_current_working_memory, cvector_prev_working_memory,
+        flicker_fine_search(cvector_current_working_memory, cvector_prev_working_memory,
                             flicker_despike_working_memory_h1, flicker_despike_working_memory_h2, m,
-                            0, kPreShift, kFineOutShift, kFineHalfSpan, windowLength, coarse, best,
-                            cvector_out_test_ptr_array, cvector_out_test_length_working_memory);
+                            kPreShift, kFineOutShift, kFineHalfSpan, windowLength, coarse, best,
+                            cvector_out_test_ptr_array, cvector_out_test_length_working_memory,
+                            even_cur, even_prev);
         const std::int32_t fine = coarse + best - (kFineCandidates >> 1);
         winOffset[w] = fine;
         if (fx::wrap_abs32(fine) > flicker_search_range) {

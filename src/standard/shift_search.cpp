@@ -259,6 +259,16 @@ void exhaust_search_fine(std::int32_t* cur, std::int32_t* prev, std::int64_t* cu
                          std::int32_t preShift, std::int32_t outShift, std::int32_t halfSpan,
                          std::int32_t fullLen, std::int32_t coarse, std::int32_t& bestIndex,
                          std::int32_t** outVec, std::int32_t* outLen) {
+  flicker_fine_search(cur, prev, curMask, prevMask, len, preShift, outShift, halfSpan, fullLen,
+                      coarse, bestIndex, outVec, outLen, nullptr, nullptr);
+}
+
+void flicker_fine_search(std::int32_t* cur, std::int32_t* prev, std::int64_t* curMask,
+                         std::int64_t* prevMask, std::int32_t len, std::int32_t preShift,
+                         std::int32_t outShift, std::int32_t halfSpan, std::int32_t fullLen,
+                         std::int32_t coarse, std::int32_t& bestIndex, std::int32_t** outVec,
+                         std::int32_t* outLen, const std::int32_t* even_cur,
+                         const std::int32_t* even_prev) {
   if (halfSpan == -1) return;
   // 2^(halfSpan + 1) - 1 candidates must fit the ten candidate rows.
   if (halfSpan < 0 || halfSpan > 8 || (std::int32_t{2} << halfSpan) - 1 > kCandidateSlots ||
@@ -288,6 +298,13 @@ void exhaust_search_fine(std::int32_t* cur, std::int32_t* prev, std::int64_t* cu
   const std::int32_t odd_at = (len + 1) >> 1;  // where the odd phase starts
   const std::int32_t phase_step = phased ? 2 : 1;
   for (std::int32_t phase = 0, at = 0; phase < phase_step; ++phase) {
+    if (phase == 0 && phased && even_cur != nullptr) {
+      for (; at < odd_at; ++at) {
+        cur_log[at] = even_cur[at];
+        prev_log[at] = even_prev[at];
+      }
+      continue;
+    }
     for (std::int32_t i = phase; i < len; i += phase_step, ++at) {
       cur_log[at] = flicker_compand(cur[i]);
       prev_log[at] = flicker_compand(prev[i]);

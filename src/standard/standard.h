@@ -150,6 +150,16 @@ void exhaust_search_fine(std::int32_t* cur, std::int32_t* prev, std::int64_t* cu
                          std::int32_t preShift, std::int32_t outShift, std::int32_t halfSpan,
                          std::int32_t fullLen, std::int32_t coarse, std::int32_t& bestIndex,
                          std::int32_t** outVec, std::int32_t* outLen);
+// exhaust_search_fine with the companded even samples already at hand, as the alignment's log
+// ratio takes them: even_cur[i] = L(cur[2 i]) and even_prev[i] = L(prev[2 i]) for
+// i < (len + 1) / 2, used when the candidates are taken at every second sample (outShift 1);
+// null: none.
+void flicker_fine_search(std::int32_t* cur, std::int32_t* prev, std::int64_t* curMask,
+                         std::int64_t* prevMask, std::int32_t len, std::int32_t preShift,
+                         std::int32_t outShift, std::int32_t halfSpan, std::int32_t fullLen,
+                         std::int32_t coarse, std::int32_t& bestIndex, std::int32_t** outVec,
+                         std::int32_t* outLen, const std::int32_t* even_cur,
+                         const std::int32_t* even_prev);
 
 // ---- Despike (also scratch of the alignment, the shift search and the 2x5 despike) ----
 constexpr std::int32_t kDespikeSize = 2000;
