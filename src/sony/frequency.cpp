@@ -71,12 +71,14 @@ void flicker_compute_freq_3x_SONY(std::int32_t* version_a, std::int32_t* version
       for (std::int32_t v = 0; v < 3; ++v) {
         std::int64_t re = 0;
         std::int64_t im = 0;
-        // Within the tables: the whole span was checked against their width above.
-        const std::int32_t start = i * segment_length;
-        if (segment_length >= 1 && packed) {
-          flicker_packed_sums(v, start, segment_length, k, re, im);
-        } else if (segment_length >= 1) {
-          flicker_partial_sums(versions[v] + start, segment_length, k, start, re, im);
+        if (segment_length >= 1) {
+          // Within the tables: the whole span was checked against their width above.
+          const std::int32_t start = i * segment_length;
+          if (packed) {
+            flicker_packed_sums(v, start, segment_length, k, re, im);
+          } else {
+            flicker_partial_sums(versions[v] + start, segment_length, k, start, re, im);
+          }
         }
         part_cos[k * stride + 3 * i + v] = re;
         part_sin[k * stride + 3 * i + v] = im;
