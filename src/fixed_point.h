@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Named integer primitives shared by every pipeline: deliberate 32-bit wrap-around, rounding
-// shifts, truncating division and bit counts. Nobody hand-rolls these in a stage.
+// shifts, truncating division, bit counts and range-checked narrowing. Nobody hand-rolls these
+// in a stage.
 #ifndef KESTREL_FIXED_POINT_H
 #define KESTREL_FIXED_POINT_H
 
@@ -106,6 +107,20 @@ constexpr std::int32_t clamp32(std::int32_t v, std::int32_t lo, std::int32_t hi)
 // formula wherever that one does not overflow, and never wrapped into a huge loop bound.
 constexpr std::int32_t saturate32(std::int64_t v) {
   return v < INT32_MIN ? INT32_MIN : (v > INT32_MAX ? INT32_MAX : static_cast<std::int32_t>(v));
+}
+
+// out[i] = v[i] in 16 bits for i < n, for the 16-bit vector paths; true when every v[i] lies
+// within [-2^bits, 2^bits) (bits <= 15), so that nothing was cut. Biased by 2^bits, a value
+// inside sets no bit from bits + 1 up: one OR over all of them, which vectorises.
+inline bool narrow16(const std::int32_t* __restrict v, std::int64_t n, int bits,
+                     std::int16_t* __restrict out) {
+  const std::uint32_t bias = 1u << bits;
+  std::uint32_t biased = 0;
+  for (std::int64_t i = 0; i < n; ++i) {
+    biased |= static_cast<std::uint32_t>(v[i]) + bias;
+    out[i] = static_cast<std::int16_t>(v[i]);
+  }
+  return (biased >> (bits + 1)) == 0;
 }
 
 }  // namespace fx

@@ -53,19 +53,6 @@ namespace {
 std::int16_t g_packedRows[2][9][kFlkPackedColumns];
 std::int16_t g_packedSignals[3][kFlkPackedColumns];
 
-// out[i] = v[i] for i < n; true when every v[i] lies within [-2^bits, 2^bits).
-bool PackSixteen(const std::int32_t* __restrict v, std::int64_t n, std::int32_t bits,
-                 std::int16_t* __restrict out) {
-  // Biased by 2^bits, a value inside sets no bit from bits + 1 up: one test of all of them.
-  const std::uint32_t bias = 1u << bits;
-  std::uint32_t biased = 0;
-  for (std::int64_t i = 0; i < n; ++i) {
-    biased |= static_cast<std::uint32_t>(v[i]) + bias;
-    out[i] = static_cast<std::int16_t>(v[i]);
-  }
-  return (biased >> (bits + 1)) == 0;
-}
-
 }  // namespace
 
 bool flicker_pack_sums(const std::int32_t* const* signals, const std::int64_t* extents,
@@ -76,12 +63,12 @@ bool flicker_pack_sums(const std::int32_t* const* signals, const std::int64_t* e
   if (columns > kFlkPackedColumns || columns > g_flkTabW) return false;
   bool inside = true;
   for (std::int32_t v = 0; v < count; ++v) {
-    inside = inside && PackSixteen(signals[v], extents[v], 13, g_packedSignals[v]);
+    inside = inside && fx::narrow16(signals[v], extents[v], 13, g_packedSignals[v]);
   }
   for (std::int32_t k = 0; k < 9 && inside; ++k) {
     const std::int64_t row = std::int64_t{k} * g_flkTabW;
-    inside = PackSixteen(g_flkTab1 + row, columns, 9, g_packedRows[0][k]) &&
-             PackSixteen(g_flkTab2 + row, columns, 9, g_packedRows[1][k]);
+    inside = fx::narrow16(g_flkTab1 + row, columns, 9, g_packedRows[0][k]) &&
+             fx::narrow16(g_flkTab2 + row, columns, 9, g_packedRows[1][k]);
   }
   return inside;
 }

@@ -78,16 +78,6 @@ struct CostRows {
 };
 CostRows g_cost_rows;
 
-// out[i] = v[i] for i < n; true when every v[i] lies within [-2^14, 2^14).
-bool PackCostRows(const std::int32_t* __restrict v, std::int32_t n, std::int16_t* __restrict out) {
-  std::uint32_t biased = 0;
-  for (std::int32_t i = 0; i < n; ++i) {
-    biased |= static_cast<std::uint32_t>(v[i]) + (1u << 14);
-    out[i] = static_cast<std::int16_t>(v[i]);
-  }
-  return (biased >> 15) == 0;
-}
-
 // laplace_diff_avg_2x5 on packed rows where only a cost of at most `limit` can matter: once the
 // sum so far gives more, no later term brings it back, and the rest is skipped; INT32_MAX then
 // stands for the cost. Checked every 64 rows.
@@ -238,10 +228,11 @@ void align_flicker_subpixel_2x5(std::int32_t* curStats, std::int32_t* prevStats,
       }
     }
     // The costs read the current rows from start + 2 up to the segment's last two.
-    bool cut_short = tabulated && PackCostRows(vec_laplace_curr_working_memory + start + 2,
-                                               seg_len - 4, g_cost_rows.current + 2);
+    bool cut_short = tabulated && fx::narrow16(vec_laplace_curr_working_memory + start + 2,
+                                               seg_len - 4, 14, g_cost_rows.current + 2);
     for (std::int32_t weight = 0; cut_short && weight < kShiftDen; ++weight) {
-      cut_short = PackCostRows(g_shift_table.laplacian[weight], seg_len, g_cost_rows.table[weight]);
+      cut_short =
+          fx::narrow16(g_shift_table.laplacian[weight], seg_len, 14, g_cost_rows.table[weight]);
     }
     std::int32_t best_cost = INT32_MAX;
     std::int32_t second_cost = INT32_MAX;
