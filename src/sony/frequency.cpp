@@ -68,20 +68,22 @@ void flicker_compute_freq_3x_SONY(std::int32_t* version_a, std::int32_t* version
   const bool packed = flicker_pack_sums(versions, extents, 3);
   for (std::int32_t k = 0; k < 9; ++k) {
     for (std::int32_t i = 0; i < segments; ++i) {
-      for (std::int32_t v = 0; v < 3; ++v) {
-        std::int64_t re = 0;
-        std::int64_t im = 0;
-        if (segment_length >= 1) {
-          // Within the tables: the whole span was checked against their width above.
-          const std::int32_t start = i * segment_length;
-          if (packed) {
-            flicker_packed_sums(v, start, segment_length, k, re, im);
-          } else {
-            flicker_partial_sums(versions[v] + start, segment_length, k, start, re, im);
+      std::int64_t re[3] = {};
+      std::int64_t im[3] = {};
+      if (segment_length >= 1) {
+        // Within the tables: the whole span was checked against their width above.
+        const std::int32_t start = i * segment_length;
+        if (packed) {
+          flicker_packed_sums_each(3, start, segment_length, k, re, im);
+        } else {
+          for (std::int32_t v = 0; v < 3; ++v) {
+            flicker_partial_sums(versions[v] + start, segment_length, k, start, re[v], im[v]);
           }
         }
-        part_cos[k * stride + 3 * i + v] = re;
-        part_sin[k * stride + 3 * i + v] = im;
+      }
+      for (std::int32_t v = 0; v < 3; ++v) {
+        part_cos[k * stride + 3 * i + v] = re[v];
+        part_sin[k * stride + 3 * i + v] = im[v];
       }
     }
   }

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <cstring>
 #include <utility>
 
 #include "decision/decision.h"
@@ -53,6 +54,45 @@ namespace {
 std::int16_t g_packedRows[2][9][kFlkPackedColumns];
 std::int16_t g_packedSignals[3][kFlkPackedColumns];
 
+// The table rows change only when a host writes them, but they are writable: the packed rows are
+// kept with the 32-bit entries they came from and reused while the tables compare equal to those
+// over the columns asked for (a comparison the C library vectorises, several times cheaper than
+// narrowing again). 144 KB.
+struct PackedRowsSource {
+  const std::int32_t* tables[2] = {};
+  std::int32_t width = 0;
+  std::int64_t columns = 0;  // columns the packed rows hold, 0: none
+  std::int32_t entries[2][9][kFlkPackedColumns];
+};
+PackedRowsSource g_packedFrom;
+
+bool PackTableRows(std::int64_t columns) {
+  const std::int32_t* const tables[2] = {g_flkTab1, g_flkTab2};
+  PackedRowsSource& from = g_packedFrom;
+  const auto bytes = static_cast<std::size_t>(columns) * sizeof(std::int32_t);
+  bool same = from.tables[0] == tables[0] && from.tables[1] == tables[1] &&
+              from.width == g_flkTabW && columns <= from.columns;
+  for (std::int32_t t = 0; t < 2 && same; ++t) {
+    for (std::int32_t k = 0; k < 9 && same; ++k) {
+      same = std::memcmp(tables[t] + std::int64_t{k} * g_flkTabW, from.entries[t][k], bytes) == 0;
+    }
+  }
+  if (same) return true;
+  from.columns = 0;
+  for (std::int32_t t = 0; t < 2; ++t) {
+    for (std::int32_t k = 0; k < 9; ++k) {
+      const std::int32_t* row = tables[t] + std::int64_t{k} * g_flkTabW;
+      if (!fx::narrow16(row, columns, 9, g_packedRows[t][k])) return false;
+      std::memcpy(from.entries[t][k], row, bytes);
+    }
+  }
+  from.tables[0] = tables[0];
+  from.tables[1] = tables[1];
+  from.width = g_flkTabW;
+  from.columns = columns;
+  return true;
+}
+
 }  // namespace
 
 bool flicker_pack_sums(const std::int32_t* const* signals, const std::int64_t* extents,
@@ -65,37 +105,63 @@ bool flicker_pack_sums(const std::int32_t* const* signals, const std::int64_t* e
   for (std::int32_t v = 0; v < count; ++v) {
     inside = inside && fx::narrow16(signals[v], extents[v], 13, g_packedSignals[v]);
   }
-  for (std::int32_t k = 0; k < 9 && inside; ++k) {
-    const std::int64_t row = std::int64_t{k} * g_flkTabW;
-    inside = fx::narrow16(g_flkTab1 + row, columns, 9, g_packedRows[0][k]) &&
-             fx::narrow16(g_flkTab2 + row, columns, 9, g_packedRows[1][k]);
-  }
-  return inside;
+  return inside && PackTableRows(columns);
 }
+
+namespace {
+
+// Sums of up to three packed signals over the same columns, each table entry read once for all.
+// Each product lies within 2^22, so 256 of them sum in 32 bits: pairs of 16-bit products summed
+// in 32-bit lanes, eight samples to a vector.
+template <std::int32_t N>
+void PackedSumsOf(const std::int16_t* const* signals, std::int32_t pos, std::int32_t length,
+                  std::int32_t k, std::int64_t* re, std::int64_t* im) {
+  const std::int16_t* __restrict cos_row = g_packedRows[0][k] + pos;
+  const std::int16_t* __restrict sin_row = g_packedRows[1][k] + pos;
+  const std::int16_t* __restrict x0 = signals[0] + pos;
+  const std::int16_t* __restrict x1 = N > 1 ? signals[1] + pos : x0;
+  const std::int16_t* __restrict x2 = N > 2 ? signals[2] + pos : x0;
+  constexpr std::int32_t kChunk = 256;
+  std::int64_t c0 = 0, s0 = 0, c1 = 0, s1 = 0, c2 = 0, s2 = 0;
+  for (std::int32_t first = 0; first < length; first += kChunk) {
+    const std::int32_t end = length - first < kChunk ? length : first + kChunk;
+    std::int32_t cc0 = 0, ss0 = 0, cc1 = 0, ss1 = 0, cc2 = 0, ss2 = 0;
+    for (std::int32_t n = first; n < end; ++n) {
+      cc0 += x0[n] * cos_row[n];
+      ss0 += x0[n] * sin_row[n];
+      if constexpr (N > 1) {
+        cc1 += x1[n] * cos_row[n];
+        ss1 += x1[n] * sin_row[n];
+      }
+      if constexpr (N > 2) {
+        cc2 += x2[n] * cos_row[n];
+        ss2 += x2[n] * sin_row[n];
+      }
+    }
+    c0 += cc0, s0 += ss0, c1 += cc1, s1 += ss1, c2 += cc2, s2 += ss2;
+  }
+  const std::int64_t cs[3] = {c0, c1, c2};
+  const std::int64_t ss[3] = {s0, s1, s2};
+  for (std::int32_t v = 0; v < N; ++v) {
+    re[v] = cs[v];
+    im[v] = ss[v];
+  }
+}
+
+}  // namespace
 
 void flicker_packed_sums(std::int32_t signal, std::int32_t pos, std::int32_t length, std::int32_t k,
                          std::int64_t& re, std::int64_t& im) {
-  const std::int16_t* __restrict x = g_packedSignals[signal] + pos;
-  const std::int16_t* __restrict cos_row = g_packedRows[0][k] + pos;
-  const std::int16_t* __restrict sin_row = g_packedRows[1][k] + pos;
-  // Each product lies within 2^22, so 256 of them sum in 32 bits: pairs of 16-bit products
-  // summed in 32-bit lanes, eight samples to a vector.
-  constexpr std::int32_t kChunk = 256;
-  std::int64_t c = 0;
-  std::int64_t s = 0;
-  for (std::int32_t first = 0; first < length; first += kChunk) {
-    const std::int32_t end = length - first < kChunk ? length : first + kChunk;
-    std::int32_t chunk_c = 0;
-    std::int32_t chunk_s = 0;
-    for (std::int32_t n = first; n < end; ++n) {
-      chunk_c += x[n] * cos_row[n];
-      chunk_s += x[n] * sin_row[n];
-    }
-    c += chunk_c;
-    s += chunk_s;
-  }
-  re = c;
-  im = s;
+  const std::int16_t* const x[1] = {g_packedSignals[signal]};
+  PackedSumsOf<1>(x, pos, length, k, &re, &im);
+}
+
+void flicker_packed_sums_each(std::int32_t count, std::int32_t pos, std::int32_t length,
+                              std::int32_t k, std::int64_t* re, std::int64_t* im) {
+  const std::int16_t* const x[3] = {g_packedSignals[0], g_packedSignals[1], g_packedSignals[2]};
+  if (count == 3) return PackedSumsOf<3>(x, pos, length, k, re, im);
+  if (count == 2) return PackedSumsOf<2>(x, pos, length, k, re, im);
+  if (count == 1) return PackedSumsOf<1>(x, pos, length, k, re, im);
 }
 
 void flicker_energies(const std::int32_t* signal, std::int32_t length, std::int64_t* energies) {
@@ -757,8 +823,12 @@ void flicker_compute_freq_robust(std::int32_t* version_a, std::int32_t* version_
       const std::int32_t len = segment_lengths[i];
       cos_a[k][i] = sin_a[k][i] = cos_b[k][i] = sin_b[k][i] = 0;
       if (len >= 1 && packed) {
-        flicker_packed_sums(0, pos, len, k, cos_b[k][i], sin_b[k][i]);
-        flicker_packed_sums(1, pos, len, k, cos_a[k][i], sin_a[k][i]);
+        std::int64_t re[2], im[2];
+        flicker_packed_sums_each(2, pos, len, k, re, im);
+        cos_b[k][i] = re[0];
+        sin_b[k][i] = im[0];
+        cos_a[k][i] = re[1];
+        sin_a[k][i] = im[1];
       } else if (len >= 1) {
         // The table column is the position in the whole signal: phases run on across segments.
         flicker_partial_sums(version_b + pos, len, k, pos, cos_b[k][i], sin_b[k][i]);
@@ -771,19 +841,23 @@ void flicker_compute_freq_robust(std::int32_t* version_a, std::int32_t* version_
   // choice q (bit i set: version A for segment i) costs two additions per frequency.
   const std::int32_t low_bits = segments / 2;
   const std::int32_t high_bits = segments - low_bits;
+  // Doubling: the choices of segments first .. first + j - 1 extended by segment first + j
+  // (version B in place, version A one bit up). Exact 64-bit sums, so their order is free.
   const auto tabulate = [&](std::int32_t first, std::int32_t bits, HalfSums& half) {
     const std::int32_t n = std::int32_t{1} << bits;
     for (std::int32_t k = 0; k < 9; ++k) {
-      for (std::int32_t h = 0; h < n; ++h) {
-        std::int64_t re = 0;
-        std::int64_t im = 0;
-        for (std::int32_t j = 0; j < bits; ++j) {
-          const bool a = (h >> j) & 1;
-          re += a ? cos_a[k][first + j] : cos_b[k][first + j];
-          im += a ? sin_a[k][first + j] : sin_b[k][first + j];
+      std::int64_t* re = half.re + k * n;
+      std::int64_t* im = half.im + k * n;
+      re[0] = 0;
+      im[0] = 0;
+      for (std::int32_t j = 0; j < bits; ++j) {
+        const std::int32_t done = std::int32_t{1} << j;
+        for (std::int32_t h = 0; h < done; ++h) {
+          re[done + h] = re[h] + cos_a[k][first + j];
+          im[done + h] = im[h] + sin_a[k][first + j];
+          re[h] += cos_b[k][first + j];
+          im[h] += sin_b[k][first + j];
         }
-        half.re[k * n + h] = re;
-        half.im[k * n + h] = im;
       }
     }
   };

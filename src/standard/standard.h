@@ -204,6 +204,10 @@ bool flicker_pack_sums(const std::int32_t* const* signals, const std::int64_t* e
                        std::int32_t count);
 void flicker_packed_sums(std::int32_t signal, std::int32_t pos, std::int32_t length, std::int32_t k,
                          std::int64_t& re, std::int64_t& im);
+// The same for signals 0 .. count - 1 (up to three) over one segment, into re[v] and im[v]: each
+// table entry is read once for all of them.
+void flicker_packed_sums_each(std::int32_t count, std::int32_t pos, std::int32_t length,
+                              std::int32_t k, std::int64_t* re, std::int64_t* im);
 // E[k] = Re^2 + Im^2 of the whole signal for the nine frequencies, Re and Im rounded by
 // 2^(B(length) - 1) when B(length) > 1; both 0 when length < 1.
 void flicker_energies(const std::int32_t* signal, std::int32_t length, std::int64_t* energies);

@@ -175,20 +175,22 @@ void flicker_compute_freq_3x_2x5(std::int32_t* version_a, std::int32_t* version_
   PartialSums sums[9];  // 4 KB
   for (std::int32_t k = 0; k < 9; ++k) {
     for (std::int32_t i = 0; i < segments; ++i) {
-      for (std::int32_t v = 0; v < 3; ++v) {
-        std::int64_t re = 0;
-        std::int64_t im = 0;
-        if (segment_length >= 1) {
-          // A negative length reads nothing (and its position would leave 32 bits).
-          const std::int32_t pos = i * segment_length;
-          if (packed) {
-            flicker_packed_sums(v, pos, segment_length, k, re, im);
-          } else {
-            flicker_partial_sums(version[v] + pos, segment_length, k, pos, re, im);
+      std::int64_t re[3] = {};
+      std::int64_t im[3] = {};
+      if (segment_length >= 1) {
+        // A negative length reads nothing (and its position would leave 32 bits).
+        const std::int32_t pos = i * segment_length;
+        if (packed) {
+          flicker_packed_sums_each(3, pos, segment_length, k, re, im);
+        } else {
+          for (std::int32_t v = 0; v < 3; ++v) {
+            flicker_partial_sums(version[v] + pos, segment_length, k, pos, re[v], im[v]);
           }
         }
-        sums[k].re[3 * i + v] = re;
-        sums[k].im[3 * i + v] = im;
+      }
+      for (std::int32_t v = 0; v < 3; ++v) {
+        sums[k].re[3 * i + v] = re[v];
+        sums[k].im[3 * i + v] = im[v];
       }
     }
   }

@@ -155,6 +155,13 @@ TEST_F(FrequencyTest, PackedSumsEqualTheWideOnesWithinTheirRange) {
   EXPECT_FALSE(flicker_pack_sums(signals, extents, 1));
   a[499] = 0;
   const std::int32_t entry = g_flkTab2[8 * g_flkTabW + 20];
+  // The packed rows follow a table written since they were last packed.
+  g_flkTab2[8 * g_flkTabW + 20] = entry + 100;
+  EXPECT_TRUE(flicker_pack_sums(signals, extents, 1));
+  std::int64_t wide_re = 0, wide_im = 0;
+  flicker_packed_sums(0, 0, 500, 8, re, im);
+  flicker_partial_sums(a.data(), 500, 8, 0, wide_re, wide_im);
+  EXPECT_EQ(im, wide_im);
   for (const std::int32_t outside : {512, -513}) {
     g_flkTab2[8 * g_flkTabW + 20] = outside;
     EXPECT_FALSE(flicker_pack_sums(signals, extents, 1)) << outside;
