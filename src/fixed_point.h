@@ -1,11 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 // Named integer primitives shared by every pipeline: deliberate 32-bit wrap-around, rounding
-// shifts, truncating division, bit counts and range-checked narrowing. Nobody hand-rolls these
-// in a stage.
+// shifts, truncating division, bit counts, range-checked narrowing and the plain copy. Nobody
+// hand-rolls these in a stage.
 #ifndef KESTREL_FIXED_POINT_H
 #define KESTREL_FIXED_POINT_H
 
 #include <cstdint>
+#include <cstring>
 #include <limits>
 #include <type_traits>
 
@@ -121,6 +122,22 @@ inline bool narrow16(const std::int32_t* __restrict v, std::int64_t n, int bits,
     out[i] = static_cast<std::int16_t>(v[i]);
   }
   return (biased >> (bits + 1)) == 0;
+}
+
+// to[i] = from[i] for i = 0 .. n - 1 in that order. Apart, the arrays are copied by the C library
+// (several words a cycle); overlapping ones, which only a direct call of an exported stage can
+// pass, keep the element order's result.
+template <typename T>
+inline void copy_forward(const T* from, std::int64_t n, T* to) {
+  if (n < 1) return;
+  const auto a = reinterpret_cast<std::uintptr_t>(from);
+  const auto b = reinterpret_cast<std::uintptr_t>(to);
+  const auto bytes = static_cast<std::uintptr_t>(n) * sizeof(T);
+  if (a + bytes <= b || b + bytes <= a) {
+    std::memcpy(to, from, bytes);
+    return;
+  }
+  for (std::int64_t i = 0; i < n; ++i) to[i] = from[i];
 }
 
 }  // namespace fx

@@ -80,8 +80,12 @@ template <typename In, typename W>
 void Extend(const In* x, std::int32_t n, W* work, const Layout& layout, Border border) {
   const std::int32_t P = layout.left_pad;
   const std::int32_t Q = layout.right_pad;
+  if constexpr (std::is_same_v<In, W>) {
+    fx::copy_forward(x, n, work + P);
+  } else {
 #pragma GCC unroll 4
-  for (std::int32_t j = 0; j < n; ++j) work[P + j] = static_cast<W>(x[j]);
+    for (std::int32_t j = 0; j < n; ++j) work[P + j] = static_cast<W>(x[j]);
+  }
   switch (border) {
     case Border::kSymmetric:
       if (P <= n && Q <= n) {  // the usual case: no mirror index leaves the signal

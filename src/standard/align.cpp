@@ -87,10 +87,9 @@ std::int32_t smooth_and_halve(const std::int32_t* x, std::int32_t n, std::int32_
   // Samples within +-2^27 (every statistic; the mirrors repeat samples): the sum, 16 x at most,
   // fits 32 bits.
   std::uint32_t wide = 0;
-  for (std::int32_t i = 0; i < n; ++i) {
-    padded[i + 2] = x[i];
+  for (std::int32_t i = 0; i < n; ++i)
     wide |= (static_cast<std::uint32_t>(x[i]) + (1u << 27)) >> 28;
-  }
+  fx::copy_forward(x, n, padded + 2);
   padded[n + 2] = x[n - 1];
   padded[n + 3] = x[n > 1 ? n - 2 : 0];
   const std::int32_t m = (n + 1) >> 1;
@@ -119,7 +118,7 @@ std::int32_t smooth_and_halve(const std::int32_t* x, std::int32_t n, std::int32_
 void central_gradient(const std::int32_t* v, std::int32_t m, std::int32_t* grad) {
   std::int32_t* padded = convolve_analysis_working_memory_32;
   padded[0] = v[0];
-  for (std::int32_t i = 0; i < m; ++i) padded[i + 1] = v[i];
+  fx::copy_forward(v, m, padded + 1);
   padded[m + 1] = v[m - 1];
   const std::int32_t* h = flicker_filter_h1;
   if (h[0] == 1 && h[1] == 0 && h[2] == -1) {
@@ -132,10 +131,6 @@ void central_gradient(const std::int32_t* v, std::int32_t m, std::int32_t* grad)
     for (std::int32_t t = 0; t < 3; ++t) g = fx::wrap_add32(g, fx::wrap_mul32(h[t], padded[k + t]));
     grad[k] = g;
   }
-}
-
-void copy_values(const std::int32_t* from, std::int32_t n, std::int32_t* to) {
-  for (std::int32_t i = 0; i < n; ++i) to[i] = from[i];
 }
 
 }  // namespace
@@ -190,10 +185,8 @@ void align_flicker(std::int32_t* curStats, std::int32_t* prevStats, std::int32_t
     winOffset[w] = kNotAligned;
     const std::int32_t lw = window_samples(w, windowLength, totalLength);
     const std::int64_t start = static_cast<std::int64_t>(w) * windowLength;
-    for (std::int32_t i = 0; i < lw; ++i) {
-      cvector_current_full_working_memory[i] = curStats[start + i];
-      cvector_prev_full_working_memory[i] = prevStats[start + i];
-    }
+    fx::copy_forward(curStats + start, lw, cvector_current_full_working_memory);
+    fx::copy_forward(prevStats + start, lw, cvector_prev_full_working_memory);
     const std::int32_t m = lw >= 1 ? (lw + 1) >> 1 : 0;
     const std::int32_t h = ratio_samples(lw);
 
@@ -228,14 +221,14 @@ void align_flicker(std::int32_t* curStats, std::int32_t* prevStats, std::int32_t
 
     bool flat = peaks_cur == 0 || peaks_prev == 0;
     if (flat) {
-      copy_values(ratio, h, ovector_out_working_memory + p);
+      fx::copy_forward(ratio, h, ovector_out_working_memory + p);
     } else {
       std::int32_t unreliable = 0;
       const std::int32_t coarse = exhaust_search(
           cvector_current_working_memory, cvector_prev_working_memory,
           flicker_despike_working_memory_h1, flicker_despike_working_memory_h2, m,
           flicker_search_range, kPreShift, kCoarseDecShift, windowLength, unreliable);
-      copy_values(ratio, h, ovector_out_working_memory + p);
+      fx::copy_forward(ratio, h, ovector_out_working_memory + p);
       flat = unreliable == 1;
       if (!flat) {
         if (fx::wrap_abs32(coarse) > flicker_search_range) {
@@ -271,14 +264,14 @@ void align_flicker(std::int32_t* curStats, std::int32_t* prevStats, std::int32_t
         } else {
           at = p + (h - n);
         }
-        copy_values(cvector_out_test_ptr_array[best], n, cvector_out_working_memory + at);
+        fx::copy_forward(cvector_out_test_ptr_array[best], n, cvector_out_working_memory + at);
         winLength[w] = block;
         p += block;
         continue;
       }
     }
     // Flat or unreliable: the window is taken unaligned.
-    copy_values(ratio, h, cvector_out_working_memory + p);
+    fx::copy_forward(ratio, h, cvector_out_working_memory + p);
     winPad[w] = 0;
     winLength[w] = h;
     p += h;

@@ -55,11 +55,11 @@ void mark_spikes(const T* h1, T* h2, T* h3, std::int32_t n) {
   for (std::int32_t i = 0; i < n; ++i)
     product[i] = fx::wrap_mul32(fx::low32(h1[i]), fx::low32(h2[i]));
   convolve_analysis(product, n, measure, flicker_filter_s2, 4, 4, 1, 9, 1);
+  // Every entry rewritten, the kept ones unchanged: the loop then vectorises.
   for (std::int32_t i = 0; i < n; ++i) {
-    if (fx::wrap_abs32(measure[i]) >= kSpikeThreshold) {
-      h2[i] = 0;
-      h3[i] = 0;
-    }
+    const T keep = fx::wrap_abs32(measure[i]) >= kSpikeThreshold ? 0 : -1;
+    h2[i] &= keep;
+    h3[i] &= keep;
   }
 }
 

@@ -2,7 +2,9 @@
 // Exhaustive shift search: peak masks, the coarse decimated search and the fine search.
 #include "standard/standard.h"
 
+#include <bit>
 #include <cstring>
+#include <type_traits>
 
 #include "filterbank/filterbank.h"
 #include "fixed_point.h"
@@ -38,9 +40,38 @@ inline std::int32_t valid_lane(const std::int64_t* mask, std::int32_t i) {
 // Low-pass (flicker_filter_s1, unit gain in Q8) and decimate by `step`: the window is mirrored
 // six samples each side, edge sample repeated, into the analysis scratch. Returns the count.
 // The coarse search's low-pass at every fourth sample of the extended window buf, in 32-bit
-// lanes: samples within +-2^22 keep the Q8 sums below 2^30, so they are those of the 64-bit
+// lanes. The taps sum to 256, so samples within +-2^23 keep the Q8 sums and their rounding inside
+// int32, and statistics in [0, 2^24) keep them inside uint32: either way the words of the 64-bit
 // loop. The window is split into its four phases first, so that each tap reads a contiguous run
-// and the outputs vectorise. Only for the table as built; false leaves the work to the caller.
+// and the outputs vectorise.
+template <typename T>
+void lowpass_phases(const std::int32_t* buf, std::int32_t outputs, std::int32_t* out) {
+  static T phases[4][kMaxWorkLen / 4 + 4];
+  for (std::int32_t j = 0; j < outputs + 2; ++j) {
+    phases[0][j] = static_cast<T>(buf[4 * j]);
+    phases[1][j] = static_cast<T>(buf[4 * j + 1]);
+    phases[2][j] = static_cast<T>(buf[4 * j + 2]);
+    phases[3][j] = static_cast<T>(buf[4 * j + 3]);
+  }
+  phases[0][outputs + 2] = static_cast<T>(buf[4 * (outputs + 2)]);
+  // Output k reads buf[4k .. 4k + 12]: phase 0 up to k + 3, the others up to k + 2.
+  const T* __restrict p0 = phases[0];
+  const T* __restrict p1 = phases[1];
+  const T* __restrict p2 = phases[2];
+  const T* __restrict p3 = phases[3];
+  for (std::int32_t k = 0; k < outputs; ++k) {
+    const T sum = (p0[k] + p0[k + 3]) + 4 * (p1[k] + p3[k + 2]) + 10 * (p2[k] + p2[k + 2]) +
+                  20 * (p3[k] + p1[k + 2]) + 31 * (p0[k + 1] + p0[k + 2]) +
+                  40 * (p1[k + 1] + p3[k + 1]) + 44 * p2[k + 1];
+    if constexpr (std::is_signed_v<T>) {
+      out[k] = fx::rshift_round32(sum, 8);
+    } else {
+      out[k] = static_cast<std::int32_t>((sum + 128u) >> 8);
+    }
+  }
+}
+
+// Only for the table as built; false leaves the work to the caller.
 bool lowpass_every_fourth(const std::int32_t* x, std::int32_t len, const std::int32_t* buf,
                           std::int32_t* out) {
   static constexpr std::int32_t kTaps[2 * kFilterHalf + 1] = {1,  4,  10, 20, 31, 40, 44,
@@ -48,31 +79,19 @@ bool lowpass_every_fourth(const std::int32_t* x, std::int32_t len, const std::in
   for (std::int32_t t = 0; t <= 2 * kFilterHalf; ++t) {
     if (flicker_filter_s1[t] != kTaps[t]) return false;
   }
-  std::uint32_t outside = 0;
+  std::uint32_t outside_signed = 0;
+  std::uint32_t outside_unsigned = 0;
   for (std::int32_t i = 0; i < len; ++i) {
-    outside |= (static_cast<std::uint32_t>(x[i]) + (1u << 22)) >> 23;
+    outside_signed |= (static_cast<std::uint32_t>(x[i]) + (1u << 23)) >> 24;
+    outside_unsigned |= static_cast<std::uint32_t>(x[i]) >> 24;
   }
-  if (outside != 0) return false;
-  // Output k reads buf[4k .. 4k + 12]: phase 0 up to k + 3, the others up to k + 2.
   const std::int32_t outputs = (len + 3) >> 2;
-  static std::int32_t phases[4][kMaxWorkLen / 4 + 4];
-  for (std::int32_t j = 0; j < outputs + 2; ++j) {
-    phases[0][j] = buf[4 * j];
-    phases[1][j] = buf[4 * j + 1];
-    phases[2][j] = buf[4 * j + 2];
-    phases[3][j] = buf[4 * j + 3];
-  }
-  phases[0][outputs + 2] = buf[4 * (outputs + 2)];
-  const std::int32_t* __restrict p0 = phases[0];
-  const std::int32_t* __restrict p1 = phases[1];
-  const std::int32_t* __restrict p2 = phases[2];
-  const std::int32_t* __restrict p3 = phases[3];
-  for (std::int32_t k = 0; k < outputs; ++k) {
-    const std::int32_t sum = (p0[k] + p0[k + 3]) + 4 * (p1[k] + p3[k + 2]) +
-                             10 * (p2[k] + p2[k + 2]) + 20 * (p3[k] + p1[k + 2]) +
-                             31 * (p0[k + 1] + p0[k + 2]) + 40 * (p1[k + 1] + p3[k + 1]) +
-                             44 * p2[k + 1];
-    out[k] = fx::rshift_round32(sum, 8);
+  if (outside_signed == 0) {
+    lowpass_phases<std::int32_t>(buf, outputs, out);
+  } else if (outside_unsigned == 0) {
+    lowpass_phases<std::uint32_t>(buf, outputs, out);
+  } else {
+    return false;
   }
   return true;
 }
@@ -81,7 +100,7 @@ std::int32_t lowpass_decimate(const std::int32_t* x, std::int32_t len, std::int3
                               std::int32_t* out) {
   if (len < 1) return 0;  // nothing to mirror
   std::int32_t* buf = convolve_analysis_working_memory_32;
-  for (std::int32_t j = 0; j < len; ++j) buf[kFilterHalf + j] = x[j];
+  fx::copy_forward(x, len, buf + kFilterHalf);
   // Only windows shorter than the mirror need the clamp; it keeps the copy inside the input.
   for (std::int32_t m = 0; m < kFilterHalf; ++m) {
     buf[kFilterHalf - 1 - m] = x[fx::clamp32(m, 0, len - 1)];
@@ -157,6 +176,8 @@ std::int32_t find_peaks(std::int32_t* grad, std::int32_t n, std::int32_t thresho
         i += 8;
         continue;
       }
+      // Straight to the first peak of the eight (the lowest byte is the first in memory).
+      if constexpr (std::endian::native == std::endian::little) i += std::countr_zero(eight) >> 3;
     }
     if (is_peak(i)) {
       ++peaks;
@@ -310,13 +331,18 @@ void flicker_fine_search(std::int32_t* cur, std::int32_t* prev, std::int64_t* cu
       prev_log[at] = flicker_compand(prev[i]);
     }
   }
-  std::uint32_t wide = 0;  // non-zero once a sample lies outside [-2^30, 2^30)
+  std::uint32_t wide = 0;   // non-zero once a sample lies outside [-2^30, 2^30)
+  std::uint32_t above = 0;  // bits 24..31 clear: every sample a statistic in [0, 2^24)
   for (std::int32_t i = 0; i < len; ++i) {
     cur_valid[i] = valid_lane(curMask, i);
     prev_valid[i] = valid_lane(prevMask, i);
     wide |= (static_cast<std::uint32_t>(cur[i]) + (1u << 30)) >> 31;
     wide |= (static_cast<std::uint32_t>(prev[i]) + (1u << 30)) >> 31;
+    above |= static_cast<std::uint32_t>(cur[i]) | static_cast<std::uint32_t>(prev[i]);
   }
+  // Differences of statistics stay below 2^24 in size, so 256 of them sum in 32 bits; any
+  // other two within +-2^30 stay below 2^32.
+  const std::int32_t chunk = (above >> 24) == 0 ? 256 : 2;
   const std::int32_t from = lo < 0 ? 0 : lo;
 
   std::int32_t best_count = 0;
@@ -356,11 +382,16 @@ void flicker_fine_search(std::int32_t* cur, std::int32_t* prev, std::int64_t* cu
         // Samples within +-2^30: each difference and its magnitude fit 32 bits, so the loop
         // vectorises; only the sum needs 64.
         std::uint64_t sum = 0;
-        for (std::int32_t j = from; j < to; ++j) {
-          const std::int32_t both = cv[j] & pv[j];
-          const std::int32_t d = c[j] - p[j];
-          sum += static_cast<std::uint32_t>((d < 0 ? -d : d) & both);
-          count -= both;
+        for (std::int32_t first = from; first < to; first += chunk) {
+          const std::int32_t end = to - first < chunk ? to : first + chunk;
+          std::uint32_t part = 0;
+          for (std::int32_t j = first; j < end; ++j) {
+            const std::int32_t both = cv[j] & pv[j];
+            const std::int32_t d = c[j] - p[j];
+            part += static_cast<std::uint32_t>((d < 0 ? -d : d) & both);
+            count -= both;
+          }
+          sum += part;
         }
         cost = static_cast<std::int64_t>(sum);
       } else {

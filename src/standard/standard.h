@@ -63,11 +63,23 @@ inline std::int32_t flicker_count_swings(const std::int32_t* buf, std::int64_t f
                                          std::int32_t len, std::int32_t thr) {
   const std::int64_t hi = thr;
   const std::int64_t lo = -hi;
-  std::int32_t swings = 0;
-  for (std::int32_t i = 0; i + 1 < len; ++i) {
-    const std::int64_t a = first + i == 0 ? 0 : buf[first + i - 1];
-    const std::int64_t b = buf[first + i];
-    if ((a < lo && b > hi) || (a > hi && b < lo)) ++swings;
+  const auto swing = [&](std::int64_t a, std::int64_t b) {
+    return (a < lo && b > hi) || (a > hi && b < lo);
+  };
+  if (len < 2) return 0;
+  std::int32_t swings = swing(first == 0 ? 0 : buf[first - 1], buf[first]) ? 1 : 0;
+  if (thr == INT32_MIN) {  // -thr leaves 32 bits
+    for (std::int32_t i = 1; i + 1 < len; ++i) swings += swing(buf[first + i - 1], buf[first + i]);
+    return swings;
+  }
+  // Both bounds are 32-bit words: the pair test in 32-bit lanes, which vectorises.
+  const std::int32_t hi32 = thr;
+  const std::int32_t lo32 = -thr;
+  const std::int32_t* __restrict at = buf + first;
+  for (std::int32_t i = 1; i + 1 < len; ++i) {
+    const std::int32_t a = at[i - 1];
+    const std::int32_t b = at[i];
+    swings += static_cast<std::int32_t>(((a < lo32) & (b > hi32)) | ((a > hi32) & (b < lo32)));
   }
   return swings;
 }

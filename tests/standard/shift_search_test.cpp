@@ -102,6 +102,13 @@ TEST(CoarseSearch, LowPassIsRoundedAndMirrorsTheEdgeSample) {
             (V{84, 14, -39, -172, -39, 0, 30}));
   EXPECT_EQ(V(cvector_prev_down_working_memory, cvector_prev_down_working_memory + 7),
             (V{-4, -5, -1, 0, 1, 5, 3}));
+  // Statistics up to 2^24 - 1, where the Q8 sums need all 32 unsigned bits: rows alternating
+  // 2^24 - 1 and 2^23 meet the even and the odd taps (128 each) inside the window, and their
+  // mean, 12582911.5, rounds up.
+  for (std::int32_t i = 0; i < 28; ++i) v.cur[i] = i % 2 == 0 ? 16777215 : 8388608;
+  Coarse(v, 2000, 40);
+  EXPECT_EQ(V(cvector_current_down_working_memory + 2, cvector_current_down_working_memory + 6),
+            V(4, 12582912));
 }
 
 TEST(CoarseSearch, ScansMinus36To32InStepsOf4) {
