@@ -81,7 +81,7 @@ void Extend(const In* x, std::int32_t n, W* work, const Layout& layout, Border b
   const std::int32_t P = layout.left_pad;
   const std::int32_t Q = layout.right_pad;
   if constexpr (std::is_same_v<In, W>) {
-    fx::copy_forward(x, n, work + P);
+    if (work + P != x) fx::copy_forward(x, n, work + P);  // else extended in place
   } else {
 #pragma GCC unroll 4
     for (std::int32_t j = 0; j < n; ++j) work[P + j] = static_cast<W>(x[j]);
@@ -367,16 +367,33 @@ void convolve_synthesis(std::int64_t* x, std::int32_t n, std::int64_t* y, std::i
   Synthesis(x, n, y, h, L, R, d, s, convolve_synthesis_working_memory_64);
 }
 
+namespace {
+
+// The start of the extension around x for a filter of this layout, or null when its pads do not
+// fit the room x keeps.
+std::int32_t* InPlace(std::int32_t* x, std::int32_t L, std::int32_t R, std::int32_t d) {
+  const Layout layout = LayoutOf(L, R, d);
+  if (layout.left_pad < 0 || layout.left_pad > kFilterPadRoom || layout.right_pad < 0 ||
+      layout.right_pad > kFilterPadRoom) {
+    return nullptr;
+  }
+  return x - layout.left_pad;
+}
+
+}  // namespace
+
 void convolve_analysis_into(std::int32_t* x, std::int32_t n, std::int32_t* y, std::int32_t* h,
                             std::int32_t L, std::int32_t R, std::int32_t d, std::int32_t s,
                             std::int32_t step, std::int32_t* work) {
-  Analysis(x, n, y, h, L, R, d, s, step, work);
+  if (work == nullptr) work = InPlace(x, L, R, d);
+  if (work != nullptr) Analysis(x, n, y, h, L, R, d, s, step, work);
 }
 
 void convolve_synthesis_into(std::int32_t* x, std::int32_t n, std::int32_t* y, std::int32_t* h,
                              std::int32_t L, std::int32_t R, std::int32_t d, std::int32_t s,
                              std::int32_t* work) {
-  Synthesis(x, n, y, h, L, R, d, s, work);
+  if (work == nullptr) work = InPlace(x, L, R, d);
+  if (work != nullptr) Synthesis(x, n, y, h, L, R, d, s, work);
 }
 
 void convolve_analysis_extend(const std::int64_t* x, std::int32_t n, std::int32_t L, std::int32_t R,

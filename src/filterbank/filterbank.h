@@ -37,7 +37,10 @@ void convolve_synthesis(std::int64_t* x, std::int32_t n, std::int64_t* y, std::i
                         std::int32_t L, std::int32_t R, std::int32_t d, std::int32_t s);
 // The 32-bit kernels over a caller's extension buffer of kFilterWorkSize words, leaving the
 // working memories above alone: for a caller that has proved its bands cannot wrap and keeps
-// them in 32 bits.
+// them in 32 bits. With work null, x itself keeps kFilterPadRoom writable words before and after
+// its n samples, and the border extension is written there around the samples instead of into a
+// copy (a filter whose pads exceed the room writes nothing).
+constexpr std::int32_t kFilterPadRoom = 16;
 void convolve_analysis_into(std::int32_t* x, std::int32_t n, std::int32_t* y, std::int32_t* h,
                             std::int32_t L, std::int32_t R, std::int32_t d, std::int32_t s,
                             std::int32_t step, std::int32_t* work);

@@ -307,7 +307,8 @@ void align_flicker(std::int32_t* curStats, std::int32_t* prevStats, std::int32_t
     }
     flicker_interpolation(cvector_out_working_memory, winLength, winPad, numWindows);
     flicker_interpolation(ovector_out_working_memory, winLength, winPad, numWindows);
-    flicker_despike(cvector_out_working_memory, cvector_out1_working_memory, p);
+    // The second despike, of the same length, leaves every working memory as it would be.
+    flicker_despike_output_only(cvector_out_working_memory, cvector_out1_working_memory, p);
     flicker_despike(ovector_out_working_memory, ovector_out1_working_memory, p);
     flicker_compute_freq_robust(cvector_out1_working_memory, ovector_out1_working_memory,
                                 numWindows, winLength, result);

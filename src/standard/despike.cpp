@@ -84,49 +84,67 @@ void Widen(const std::int32_t* __restrict from, std::int32_t n, std::int64_t* __
 // The same despike with every band in 32 bits, for inputs NarrowRange admits: no sum can wrap, so
 // each band holds the 64-bit path's values, and each is widened into its working memory once.
 // The 64-bit kernels' extension buffers are left as the last calls of that path leave them.
+// Without kMemories only the output is produced (the 64-bit working memories are not written).
+template <bool kMemories>
 void DespikeNarrow(const std::int32_t* input, std::int32_t* output, std::int32_t n) {
-  static std::int32_t h1[kDespikeSize], l1[kDespikeSize], h2[kDespikeSize], l2[kDespikeSize];
-  static std::int32_t h3[kDespikeSize], l3[kDespikeSize], smooth[kDespikeSize];
-  static std::int32_t detail[kDespikeSize], l3r[kDespikeSize], l2r[kDespikeSize];
-  static std::int32_t work[kFilterWorkSize];
+  // The bands that are filtered again keep room for their border extensions around them, so
+  // the filters extend them in place instead of copying each into a scratch buffer.
+  constexpr std::int32_t kRoom = kFilterPadRoom;
+  constexpr std::int32_t kRoomy = kRoom + kDespikeSize + kRoom;
+  static std::int32_t roomy[7][kRoomy];
+  std::int32_t* const l1 = roomy[0] + kRoom;
+  std::int32_t* const l2 = roomy[1] + kRoom;
+  std::int32_t* const h2 = roomy[2] + kRoom;
+  std::int32_t* const h3 = roomy[3] + kRoom;
+  std::int32_t* const l3 = roomy[4] + kRoom;
+  std::int32_t* const l3r = roomy[5] + kRoom;
+  std::int32_t* const l2r = roomy[6] + kRoom;
+  static std::int32_t h1[kDespikeSize], smooth[kDespikeSize], detail[kDespikeSize];
+  static std::int32_t work[kFilterWorkSize];  // the input's extension
   std::int32_t* x = const_cast<std::int32_t*>(input);
+  const auto keep = [n]([[maybe_unused]] const std::int32_t* band,
+                        [[maybe_unused]] std::int64_t* memory) {
+    if constexpr (kMemories) Widen(band, n, memory);
+  };
 
-  Widen(input, n, flicker_despike_working_memory_input1);
+  keep(input, flicker_despike_working_memory_input1);
   convolve_analysis_into(x, n, h1, flicker_filter_h, 0, 1, 1, 0, 1, work);
   convolve_analysis_into(x, n, l1, flicker_filter_s, 2, 2, 1, 0, 1, work);
-  convolve_analysis_into(l1, n, h2, flicker_filter_h, 0, 1, 2, 0, 1, work);
-  convolve_analysis_into(l1, n, l2, flicker_filter_s, 2, 2, 2, 0, 1, work);
-  convolve_analysis_into(l2, n, h3, flicker_filter_h, 0, 1, 4, 0, 1, work);
-  convolve_analysis_into(l2, n, l3, flicker_filter_s, 2, 2, 4, 0, 1, work);
-  Widen(h1, n, flicker_despike_working_memory_h1);
-  Widen(l1, n, flicker_despike_working_memory_l1);
-  Widen(l2, n, flicker_despike_working_memory_l2);
-  Widen(l3, n, flicker_despike_working_memory_l3);
+  convolve_analysis_into(l1, n, h2, flicker_filter_h, 0, 1, 2, 0, 1, nullptr);
+  convolve_analysis_into(l1, n, l2, flicker_filter_s, 2, 2, 2, 0, 1, nullptr);
+  convolve_analysis_into(l2, n, h3, flicker_filter_h, 0, 1, 4, 0, 1, nullptr);
+  convolve_analysis_into(l2, n, l3, flicker_filter_s, 2, 2, 4, 0, 1, nullptr);
+  keep(h1, flicker_despike_working_memory_h1);
+  keep(l1, flicker_despike_working_memory_l1);
+  keep(l2, flicker_despike_working_memory_l2);
+  keep(l3, flicker_despike_working_memory_l3);
 
   mark_spikes(h1, h2, h3, n);
-  Widen(h2, n, flicker_despike_working_memory_h2);
-  Widen(h3, n, flicker_despike_working_memory_h3);
+  keep(h2, flicker_despike_working_memory_h2);
+  keep(h3, flicker_despike_working_memory_h3);
 
-  convolve_synthesis_into(l3, n, smooth, flicker_filter_s, 2, 2, 4, 0, work);
-  convolve_synthesis_into(h3, n, detail, flicker_filter_q, 4, 3, 4, 0, work);
+  convolve_synthesis_into(l3, n, smooth, flicker_filter_s, 2, 2, 4, 0, nullptr);
+  convolve_synthesis_into(h3, n, detail, flicker_filter_q, 4, 3, 4, 0, nullptr);
   for (std::int32_t i = 0; i < n; ++i) l3r[i] = fx::round8_32(smooth[i] + detail[i]);
-  Widen(detail, n, flicker_despike_working_memory_h3r);
-  Widen(l3r, n, flicker_despike_working_memory_l3r);
-  convolve_synthesis_into(l3r, n, smooth, flicker_filter_s, 2, 2, 2, 0, work);
-  convolve_synthesis_into(h2, n, detail, flicker_filter_q, 4, 3, 2, 0, work);
+  keep(detail, flicker_despike_working_memory_h3r);
+  keep(l3r, flicker_despike_working_memory_l3r);
+  convolve_synthesis_into(l3r, n, smooth, flicker_filter_s, 2, 2, 2, 0, nullptr);
+  convolve_synthesis_into(h2, n, detail, flicker_filter_q, 4, 3, 2, 0, nullptr);
   for (std::int32_t i = 0; i < n; ++i) l2r[i] = fx::round8_32(smooth[i] + detail[i]);
-  Widen(detail, n, flicker_despike_working_memory_h2r);
-  Widen(l2r, n, flicker_despike_working_memory_l2r);
-  convolve_synthesis_into(l2r, n, smooth, flicker_filter_s, 2, 2, 1, 0, work);
-  Widen(smooth, n, flicker_despike_working_memory_l1r);
+  keep(detail, flicker_despike_working_memory_h2r);
+  keep(l2r, flicker_despike_working_memory_l2r);
+  convolve_synthesis_into(l2r, n, smooth, flicker_filter_s, 2, 2, 1, 0, nullptr);
+  keep(smooth, flicker_despike_working_memory_l1r);
   for (std::int32_t i = 0; i < n; ++i) output[i] = fx::round8_32(smooth[i]);
 
   // The 64-bit path's last analysis extends l2 at dilation 4; its last synthesis calls extend h3
   // and h2 (the longest pads, whose tails outlast the shorter ones) and then l2r.
-  convolve_analysis_extend(flicker_despike_working_memory_l2, n, 2, 2, 4);
-  convolve_synthesis_extend(flicker_despike_working_memory_h3, n, 4, 3, 4);
-  convolve_synthesis_extend(flicker_despike_working_memory_h2, n, 4, 3, 2);
-  convolve_synthesis_extend(flicker_despike_working_memory_l2r, n, 2, 2, 1);
+  if constexpr (kMemories) {
+    convolve_analysis_extend(flicker_despike_working_memory_l2, n, 2, 2, 4);
+    convolve_synthesis_extend(flicker_despike_working_memory_h3, n, 4, 3, 4);
+    convolve_synthesis_extend(flicker_despike_working_memory_h2, n, 4, 3, 2);
+    convolve_synthesis_extend(flicker_despike_working_memory_l2r, n, 2, 2, 1);
+  }
 }
 
 }  // namespace
@@ -137,7 +155,7 @@ void flicker_despike(std::int32_t* input, std::int32_t* output, std::int32_t n) 
     LogRefusalFlk("flicker_despike", "%d samples outside %d..%d", n, kMinDespikeLen, kDespikeSize);
     return;
   }
-  if (NarrowRange(input, n)) return DespikeNarrow(input, output, n);
+  if (NarrowRange(input, n)) return DespikeNarrow<true>(input, output, n);
   std::int64_t* x = flicker_despike_working_memory_input1;
   std::int64_t* h1 = flicker_despike_working_memory_h1;
   std::int64_t* l1 = flicker_despike_working_memory_l1;
@@ -165,4 +183,11 @@ void flicker_despike(std::int32_t* input, std::int32_t* output, std::int32_t n) 
   // The finest detail h1 only served the spike measure: it is dropped, not added back.
   convolve_synthesis(l2r, n, l1r, flicker_filter_s, 2, 2, 1, 0);  // 256x
   for (std::int32_t i = 0; i < n; ++i) output[i] = fx::low32(fx::round8_64(l1r[i]));
+}
+
+void flicker_despike_output_only(std::int32_t* input, std::int32_t* output, std::int32_t n) {
+  if (n >= kMinDespikeLen && n <= kDespikeSize && NarrowRange(input, n)) {
+    return DespikeNarrow<false>(input, output, n);
+  }
+  flicker_despike(input, output, n);
 }

@@ -191,6 +191,10 @@ extern std::int64_t flicker_despike_working_memory_l2r[kDespikeSize];
 extern std::int64_t flicker_despike_working_memory_l1r[kDespikeSize];
 
 void flicker_despike(std::int32_t* input, std::int32_t* output, std::int32_t n);
+// flicker_despike's output (and its refusal line) alone, the 64-bit working memories left as
+// they are where the 32-bit path applies: for a caller whose next despike has the same length,
+// which rewrites every word of them this call would have written.
+void flicker_despike_output_only(std::int32_t* input, std::int32_t* output, std::int32_t n);
 
 // ---- Frequency estimation ----
 void flicker_compute_freq(std::int32_t* signal, std::int32_t length, std::int32_t* freq_out);

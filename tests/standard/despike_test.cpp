@@ -91,10 +91,16 @@ TEST(Despike, WorkingMemoriesEndWithTheSignal) {
     x[100] = 99;  // past the 100 samples given
     for (std::int64_t* m : wide) m[100] = -5;
     for (std::int32_t* m : narrow) m[100] = -5;
+    V input = x;
     flicker_despike(x.data(), x.data(), 100);
     for (const std::int64_t* m : wide) EXPECT_EQ(m[100], -5) << level;
     for (const std::int32_t* m : narrow) EXPECT_EQ(m[100], -5) << level;
     EXPECT_EQ(x[100], 99);
+    // The output alone: the same samples; the 32-bit path leaves the 64-bit memories as they were.
+    for (std::int64_t* m : wide) m[0] = -7;
+    flicker_despike_output_only(input.data(), input.data(), 100);
+    EXPECT_EQ(input, x) << level;
+    for (const std::int64_t* m : wide) EXPECT_EQ(m[0] == -7, level == 8191) << level;
   }
 }
 
