@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Named integer primitives shared by every pipeline: deliberate 32-bit wrap-around, rounding
-// shifts, truncating division, bit counts, range-checked narrowing and the plain copy. Nobody
-// hand-rolls these in a stage.
+// shifts, truncating division, bit counts, range-checked narrowing, the exact sum and the plain
+// copy. Nobody hand-rolls these in a stage.
 #ifndef KESTREL_FIXED_POINT_H
 #define KESTREL_FIXED_POINT_H
 
@@ -122,6 +122,24 @@ inline bool narrow16(const std::int32_t* __restrict v, std::int64_t n, int bits,
     out[i] = static_cast<std::int16_t>(v[i]);
   }
   return (biased >> (bits + 1)) == 0;
+}
+
+// The exact sum of v[0 .. n - 1]. Up to 2^15 samples, each sample's high half (signed, below
+// 2^15 in size) and low half (below 2^16) sum apart in 32-bit lanes, which vectorises; the
+// widening 64-bit loop does not on the baseline ISA.
+inline std::int64_t sum64(const std::int32_t* v, std::int32_t n) {
+  if (n <= 32767) {
+    std::int32_t high = 0;
+    std::uint32_t low = 0;
+    for (std::int32_t i = 0; i < n; ++i) {
+      high += v[i] >> 16;
+      low += static_cast<std::uint32_t>(v[i]) & 0xFFFFu;
+    }
+    return std::int64_t{high} * 65536 + low;
+  }
+  std::int64_t sum = 0;
+  for (std::int32_t i = 0; i < n; ++i) sum += v[i];
+  return sum;
 }
 
 // to[i] = from[i] for i = 0 .. n - 1 in that order. Apart, the arrays are copied by the C library

@@ -183,9 +183,7 @@ std::int32_t flicker_choose_column(std::int32_t* cols, std::int32_t len, std::in
   const std::int32_t neg_thr = fx::wrap_neg32(thr);
   for (std::int32_t c = 0; c < ncols; ++c) {
     std::int32_t* col = cols + static_cast<std::int64_t>(c) * (len > 0 ? len : 0);
-    std::int64_t sum = 0;  // 64-bit: len values of 32 bits
-    for (std::int32_t i = 0; i < len; ++i) sum += col[i];
-    mean[c] = len > 0 ? fx::low32(sum / len) : 0;
+    mean[c] = len > 0 ? fx::low32(fx::sum64(col, len) / len) : 0;
     for (std::int32_t i = 0; i < len; ++i) col[i] = fx::wrap_sub32(col[i], mean[c]);
     // Sign swings across the dead band between neighbouring rows; a zero breaks a swing.
     std::int32_t swings = 0;

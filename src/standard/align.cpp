@@ -24,27 +24,8 @@ std::int32_t ovector_out1_working_memory[2000];
 
 bool flicker_exposure_stable(const std::int32_t* cur, const std::int32_t* prev, std::int32_t n) {
   // 64-bit: at most 12000 samples of 32 bits, times 10.
-  std::int64_t sum_cur = 0;
-  std::int64_t sum_prev = 0;
-  if (n <= 32767) {
-    // Each sample's high half (signed, below 2^15 in size) and low half (below 2^16) sum apart
-    // in 32-bit lanes, exactly for up to 2^15 samples.
-    std::int32_t high_cur = 0, high_prev = 0;
-    std::uint32_t low_cur = 0, low_prev = 0;
-    for (std::int32_t i = 0; i < n; ++i) {
-      high_cur += cur[i] >> 16;
-      high_prev += prev[i] >> 16;
-      low_cur += static_cast<std::uint32_t>(cur[i]) & 0xFFFFu;
-      low_prev += static_cast<std::uint32_t>(prev[i]) & 0xFFFFu;
-    }
-    sum_cur = std::int64_t{high_cur} * 65536 + low_cur;
-    sum_prev = std::int64_t{high_prev} * 65536 + low_prev;
-  } else {
-    for (std::int32_t i = 0; i < n; ++i) {
-      sum_cur += cur[i];
-      sum_prev += prev[i];
-    }
-  }
+  const std::int64_t sum_cur = fx::sum64(cur, n);
+  const std::int64_t sum_prev = fx::sum64(prev, n);
   return !(5 * sum_cur > 7 * sum_prev || sum_prev == 0 || sum_cur == 0 ||
            10 * sum_cur < 7 * sum_prev);
 }

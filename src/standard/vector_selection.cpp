@@ -29,10 +29,7 @@ std::int32_t find_vector(std::int32_t* cols, std::int32_t len, std::int32_t ncol
 
   for (std::int32_t c = 0; c < ncols; ++c) {
     std::int32_t* column = cols + static_cast<std::int64_t>(c) * len;
-    // 64-bit: at most 1500 entries of 32 bits.
-    std::int64_t sum = 0;
-    for (std::int32_t i = 0; i < len; ++i) sum += column[i];
-    mean[c] = fx::low32(fx::div_trunc<std::int64_t>(sum, len));
+    mean[c] = fx::low32(fx::div_trunc<std::int64_t>(fx::sum64(column, len), len));
     for (std::int32_t i = 0; i < len; ++i) column[i] = fx::wrap_sub32(column[i], mean[c]);
   }
 

@@ -80,9 +80,11 @@ void flickerDespikeAdaptive_2x5(std::int32_t* input, std::int32_t* output, std::
 
   if (levels == 1) {
     // Clip strong first differences instead of deleting them.
+    // Every entry rewritten (the kept ones unchanged), so the loop vectorises.
+    const std::int32_t negative = fx::wrap_neg32(threshold);
     for (std::int32_t i = 0; i < n; ++i) {
-      if (fx::wrap_abs32(h1[i]) >= threshold)
-        h1[i] = h1[i] > 0 ? threshold : fx::wrap_neg32(threshold);
+      const std::int32_t clipped = h1[i] > 0 ? threshold : negative;
+      h1[i] = fx::wrap_abs32(h1[i]) >= threshold ? clipped : h1[i];
     }
     analysis32(l1, n, l1r, flicker_filter_s, 2, 2, 1, 0);
     convolve_synthesis(h1, n, h2r, flicker_filter_q, 4, 3, 1, 0);
@@ -94,11 +96,11 @@ void flickerDespikeAdaptive_2x5(std::int32_t* input, std::int32_t* output, std::
   }
 
   if (levels == 2) {
+    // Every entry rewritten (the kept ones unchanged), so the loop vectorises.
     for (std::int32_t i = 0; i < n; ++i) {
-      if (fx::wrap_abs32(h1[i]) >= threshold) {
-        h1[i] = 0;
-        h2[i] = 0;
-      }
+      const std::int32_t keep = fx::wrap_abs32(h1[i]) >= threshold ? 0 : -1;
+      h1[i] &= keep;
+      h2[i] &= keep;
     }
     // 64-bit: the 16 x 16 x 16 smoothing gain on l2 leaves no 32-bit headroom.
     convolve_synthesis_32_to_64_2x5(l2, n, l2r, flicker_filter_s, 2, 2, 2, 0);
@@ -117,10 +119,9 @@ void flickerDespikeAdaptive_2x5(std::int32_t* input, std::int32_t* output, std::
   for (std::int32_t i = 0; i < n; ++i) h_tmp[i] = fx::wrap_mul32(h1[i], h2[i]);
   analysis32(h_tmp, n, h_mask, flicker_filter_s2, 4, 4, 1, 9);
   for (std::int32_t i = 0; i < n; ++i) {
-    if (fx::wrap_abs32(h_mask[i]) >= threshold) {
-      h2[i] = 0;
-      h3[i] = 0;
-    }
+    const std::int32_t keep = fx::wrap_abs32(h_mask[i]) >= threshold ? 0 : -1;
+    h2[i] &= keep;
+    h3[i] &= keep;
   }
   convolve_synthesis_32_to_64_2x5(l3, n, l3r, flicker_filter_s, 2, 2, 4, 0);
   convolve_synthesis_32_to_64_2x5(h3, n, h3r, flicker_filter_q, 4, 3, 4, 0);
