@@ -166,11 +166,19 @@ void flicker_packed_sums_each(std::int32_t count, std::int32_t pos, std::int32_t
 
 void flicker_energies(const std::int32_t* signal, std::int32_t length, std::int64_t* energies) {
   const std::int32_t b = length < 1 ? 1 : fx::bit_count(static_cast<std::uint64_t>(length));
+  // The packed rows are kept across calls, so packing pays for one signal too.
+  const std::int32_t* const signals[1] = {signal};
+  const std::int64_t extents[1] = {length};
+  const bool packed = length >= 1 && flicker_pack_sums(signals, extents, 1);
   for (std::int32_t k = 0; k < 9; ++k) {
     std::int64_t re = 0;
     std::int64_t im = 0;
     if (length >= 1) {
-      flicker_partial_sums(signal, length, k, 0, re, im);
+      if (packed) {
+        flicker_packed_sums(0, 0, length, k, re, im);
+      } else {
+        flicker_partial_sums(signal, length, k, 0, re, im);
+      }
       re = fx::rshift_round64(re, b - 1);
       im = fx::rshift_round64(im, b - 1);
     }
