@@ -59,34 +59,18 @@ void flicker_compute_freq_3x_SONY(std::int32_t* version_a, std::int32_t* version
   const std::int32_t b = fx::bit_count(total < 0 ? 0u : static_cast<std::uint64_t>(total));
 
   // Partial sums by frequency, then segment and version (index 3 x segment + version).
-  const std::int32_t* versions[3] = {version_a, version_b, version_c};
+  const std::int32_t* const versions[3] = {version_a, version_b, version_c};
   std::int64_t* const part_cos = g_sonyChoices.part_cos;
   std::int64_t* const part_sin = g_sonyChoices.part_sin;
   const std::int32_t stride = 3 * segments;
-  const std::int64_t extent = segment_length >= 1 ? std::int64_t{segments} * segment_length : 0;
-  const std::int64_t extents[3] = {extent, extent, extent};
-  const bool packed = flicker_pack_sums(versions, extents, 3);
-  for (std::int32_t k = 0; k < 9; ++k) {
-    for (std::int32_t i = 0; i < segments; ++i) {
-      std::int64_t re[3] = {};
-      std::int64_t im[3] = {};
-      if (segment_length >= 1) {
-        // Within the tables: the whole span was checked against their width above.
-        const std::int32_t start = i * segment_length;
-        if (packed) {
-          flicker_packed_sums_each(3, start, segment_length, k, re, im);
-        } else {
-          for (std::int32_t v = 0; v < 3; ++v) {
-            flicker_partial_sums(versions[v] + start, segment_length, k, start, re[v], im[v]);
-          }
+  flicker_equal_segment_sums(
+      versions, segments, segment_length,
+      [&](std::int32_t k, std::int32_t i, const std::int64_t* re, const std::int64_t* im) {
+        for (std::int32_t v = 0; v < 3; ++v) {
+          part_cos[k * stride + 3 * i + v] = re[v];
+          part_sin[k * stride + 3 * i + v] = im[v];
         }
-      }
-      for (std::int32_t v = 0; v < 3; ++v) {
-        part_cos[k * stride + 3 * i + v] = re[v];
-        part_sin[k * stride + 3 * i + v] = im[v];
-      }
-    }
-  }
+      });
 
   // Choice q picks version (digit i of q in base 3) for segment i, segment 0 least significant.
   // Its sums are those of its low `low_segments` digits plus those of its high digits, each half

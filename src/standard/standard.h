@@ -224,6 +224,35 @@ void flicker_packed_sums(std::int32_t signal, std::int32_t pos, std::int32_t len
 // table entry is read once for all of them.
 void flicker_packed_sums_each(std::int32_t count, std::int32_t pos, std::int32_t length,
                               std::int32_t k, std::int64_t* re, std::int64_t* im);
+// The sums of three versions over `segments` segments of segment_length samples, segment i at
+// column i x segment_length, for the nine frequencies: store(k, i, re, im) takes segment i's
+// sums of the three versions (zeros for a length below 1). The caller has checked the span
+// against the tables' width.
+template <typename Store>
+void flicker_equal_segment_sums(const std::int32_t* const* versions, std::int32_t segments,
+                                std::int32_t segment_length, Store store) {
+  const std::int64_t extent = segment_length >= 1 ? std::int64_t{segments} * segment_length : 0;
+  const std::int64_t extents[3] = {extent, extent, extent};
+  const bool packed = flicker_pack_sums(versions, extents, 3);
+  for (std::int32_t k = 0; k < 9; ++k) {
+    for (std::int32_t i = 0; i < segments; ++i) {
+      std::int64_t re[3] = {};
+      std::int64_t im[3] = {};
+      if (segment_length >= 1) {
+        // A negative length reads nothing (and its position would leave 32 bits).
+        const std::int32_t pos = i * segment_length;
+        if (packed) {
+          flicker_packed_sums_each(3, pos, segment_length, k, re, im);
+        } else {
+          for (std::int32_t v = 0; v < 3; ++v) {
+            flicker_partial_sums(versions[v] + pos, segment_length, k, pos, re[v], im[v]);
+          }
+        }
+      }
+      store(k, i, re, im);
+    }
+  }
+}
 // E[k] = Re^2 + Im^2 of the whole signal for the nine frequencies, Re and Im rounded by
 // 2^(B(length) - 1) when B(length) > 1; both 0 when length < 1.
 void flicker_energies(const std::int32_t* signal, std::int32_t length, std::int64_t* energies);

@@ -168,32 +168,16 @@ void flicker_compute_freq_3x_2x5(std::int32_t* version_a, std::int32_t* version_
   const std::int32_t total = fx::wrap_mul32(segment_count, segment_length);
   const std::int32_t b =
       fx::bit_count(static_cast<std::uint64_t>(static_cast<std::int64_t>(total)));
-  std::int32_t* const version[3] = {version_a, version_b, version_c};
-  const std::int64_t extent = segment_length >= 1 ? std::int64_t{segments} * segment_length : 0;
-  const std::int64_t extents[3] = {extent, extent, extent};
-  const bool packed = flicker_pack_sums(version, extents, 3);
+  const std::int32_t* const version[3] = {version_a, version_b, version_c};
   PartialSums sums[9];  // 4 KB
-  for (std::int32_t k = 0; k < 9; ++k) {
-    for (std::int32_t i = 0; i < segments; ++i) {
-      std::int64_t re[3] = {};
-      std::int64_t im[3] = {};
-      if (segment_length >= 1) {
-        // A negative length reads nothing (and its position would leave 32 bits).
-        const std::int32_t pos = i * segment_length;
-        if (packed) {
-          flicker_packed_sums_each(3, pos, segment_length, k, re, im);
-        } else {
-          for (std::int32_t v = 0; v < 3; ++v) {
-            flicker_partial_sums(version[v] + pos, segment_length, k, pos, re[v], im[v]);
-          }
+  flicker_equal_segment_sums(
+      version, segments, segment_length,
+      [&](std::int32_t k, std::int32_t i, const std::int64_t* re, const std::int64_t* im) {
+        for (std::int32_t v = 0; v < 3; ++v) {
+          sums[k].re[3 * i + v] = re[v];
+          sums[k].im[3 * i + v] = im[v];
         }
-      }
-      for (std::int32_t v = 0; v < 3; ++v) {
-        sums[k].re[3 * i + v] = re[v];
-        sums[k].im[3 * i + v] = im[v];
-      }
-    }
-  }
+      });
   FlkChoiceHalf low{};
   FlkChoiceHalf high{};
   split_choices(sums, segments, nullptr, low, high);
