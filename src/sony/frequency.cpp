@@ -84,9 +84,9 @@ void flicker_compute_freq_3x_SONY(std::int32_t* version_a, std::int32_t* version
   std::int64_t* const low_sin = g_sonyChoices.low_sin;
   std::int64_t* const high_cos = g_sonyChoices.high_cos;
   std::int64_t* const high_sin = g_sonyChoices.high_sin;
-  flicker_tabulate_choices(part_cos, part_sin, stride, 0, low_segments, low_choices, low_cos,
+  flicker_tabulate_choices(part_cos, part_sin, stride, 3, 0, low_segments, low_choices, low_cos,
                            low_sin);
-  flicker_tabulate_choices(part_cos, part_sin, stride, low_segments, segments - low_segments,
+  flicker_tabulate_choices(part_cos, part_sin, stride, 3, low_segments, segments - low_segments,
                            high_choices, high_cos, high_sin);
 
   // The best frame score wins; ties keep the earlier choice (version_a everywhere first).

@@ -207,20 +207,23 @@ void flicker_scale_candidates(std::int64_t* energies, std::int32_t count, std::i
 }
 
 void flicker_tabulate_choices(const std::int64_t* part_re, const std::int64_t* part_im,
-                              std::int32_t stride, std::int32_t first, std::int32_t count,
-                              std::uint32_t n, std::int64_t* re_out, std::int64_t* im_out) {
+                              std::int32_t stride, std::int32_t versions, std::int32_t first,
+                              std::int32_t count, std::uint32_t n, std::int64_t* re_out,
+                              std::int64_t* im_out) {
+  if (versions < 2 || versions > 3) return;
+  const auto base = static_cast<std::uint32_t>(versions);
   // Segment by segment: the choices of the first m segments, extended by each candidate of the
-  // next (n = 3^count).
+  // next (n = versions^count). Exact 64-bit sums, so their order is free.
   for (std::int32_t k = 0; k < 9; ++k) {
     std::int64_t* re = re_out + k * n;
     std::int64_t* im = im_out + k * n;
     re[0] = 0;
     im[0] = 0;
     std::uint32_t size = 1;
-    for (std::int32_t m = 0; m < count && size * 3 <= n; ++m) {
-      const std::int64_t* pr = part_re + k * stride + 3 * (first + m);
-      const std::int64_t* pi = part_im + k * stride + 3 * (first + m);
-      for (std::uint32_t v = 2; v >= 1; --v) {
+    for (std::int32_t m = 0; m < count && size * base <= n; ++m) {
+      const std::int64_t* pr = part_re + k * stride + versions * (first + m);
+      const std::int64_t* pi = part_im + k * stride + versions * (first + m);
+      for (std::uint32_t v = base - 1; v >= 1; --v) {
         for (std::uint32_t a = 0; a < size; ++a) {
           re[v * size + a] = re[a] + pr[v];
           im[v * size + a] = im[a] + pi[v];
@@ -230,7 +233,7 @@ void flicker_tabulate_choices(const std::int64_t* part_re, const std::int64_t* p
         re[a] += pr[0];
         im[a] += pi[0];
       }
-      size *= 3;
+      size *= base;
     }
   }
 }
@@ -820,8 +823,8 @@ void flicker_compute_freq_robust(std::int32_t* version_a, std::int32_t* version_
 
   // Cosine and sine sums of each segment, both versions, every frequency: a choice's energies are
   // rebuilt from them by additions only, so nothing of size 2^segments is stored.
-  std::int64_t cos_a[9][kMaxRobustSegments], sin_a[9][kMaxRobustSegments];
-  std::int64_t cos_b[9][kMaxRobustSegments], sin_b[9][kMaxRobustSegments];
+  // [k][2 i + v]: version B (v = 0) and version A (v = 1) of segment i.
+  std::int64_t part_cos[9][2 * kMaxRobustSegments], part_sin[9][2 * kMaxRobustSegments];
   const std::int32_t* const signals[2] = {version_b, version_a};
   const std::int64_t extents[2] = {extent, extent};
   const bool packed = flicker_pack_sums(signals, extents, 2);
@@ -829,18 +832,15 @@ void flicker_compute_freq_robust(std::int32_t* version_a, std::int32_t* version_
     std::int32_t pos = 0;
     for (std::int32_t i = 0; i < segments; ++i) {
       const std::int32_t len = segment_lengths[i];
-      cos_a[k][i] = sin_a[k][i] = cos_b[k][i] = sin_b[k][i] = 0;
+      std::int64_t* const re = part_cos[k] + 2 * i;
+      std::int64_t* const im = part_sin[k] + 2 * i;
+      re[0] = re[1] = im[0] = im[1] = 0;
       if (len >= 1 && packed) {
-        std::int64_t re[2], im[2];
         flicker_packed_sums_each(2, pos, len, k, re, im);
-        cos_b[k][i] = re[0];
-        sin_b[k][i] = im[0];
-        cos_a[k][i] = re[1];
-        sin_a[k][i] = im[1];
       } else if (len >= 1) {
         // The table column is the position in the whole signal: phases run on across segments.
-        flicker_partial_sums(version_b + pos, len, k, pos, cos_b[k][i], sin_b[k][i]);
-        flicker_partial_sums(version_a + pos, len, k, pos, cos_a[k][i], sin_a[k][i]);
+        flicker_partial_sums(version_b + pos, len, k, pos, re[0], im[0]);
+        flicker_partial_sums(version_a + pos, len, k, pos, re[1], im[1]);
       }
       pos += len;
     }
@@ -849,30 +849,13 @@ void flicker_compute_freq_robust(std::int32_t* version_a, std::int32_t* version_
   // choice q (bit i set: version A for segment i) costs two additions per frequency.
   const std::int32_t low_bits = segments / 2;
   const std::int32_t high_bits = segments - low_bits;
-  // Doubling: the choices of segments first .. first + j - 1 extended by segment first + j
-  // (version B in place, version A one bit up). Exact 64-bit sums, so their order is free.
-  const auto tabulate = [&](std::int32_t first, std::int32_t bits, HalfSums& half) {
-    const std::int32_t n = std::int32_t{1} << bits;
-    for (std::int32_t k = 0; k < 9; ++k) {
-      std::int64_t* re = half.re + k * n;
-      std::int64_t* im = half.im + k * n;
-      re[0] = 0;
-      im[0] = 0;
-      for (std::int32_t j = 0; j < bits; ++j) {
-        const std::int32_t done = std::int32_t{1} << j;
-        for (std::int32_t h = 0; h < done; ++h) {
-          re[done + h] = re[h] + cos_a[k][first + j];
-          im[done + h] = im[h] + sin_a[k][first + j];
-          re[h] += cos_b[k][first + j];
-          im[h] += sin_b[k][first + j];
-        }
-      }
-    }
-  };
-  tabulate(0, low_bits, g_robustLow);
-  tabulate(low_bits, high_bits, g_robustHigh);
   const auto low_choices = std::uint32_t{1} << low_bits;
   const auto high_choices = std::uint32_t{1} << high_bits;
+  constexpr std::int32_t kStride = 2 * kMaxRobustSegments;
+  flicker_tabulate_choices(&part_cos[0][0], &part_sin[0][0], kStride, 2, 0, low_bits, low_choices,
+                           g_robustLow.re, g_robustLow.im);
+  flicker_tabulate_choices(&part_cos[0][0], &part_sin[0][0], kStride, 2, low_bits, high_bits,
+                           high_choices, g_robustHigh.re, g_robustHigh.im);
   const auto component = [b](std::int64_t sum, std::int32_t) {
     return fx::rshift_round64(sum, b - 1);
   };

@@ -282,12 +282,13 @@ struct FlkChoiceHalf {
   std::uint32_t count;
 };
 
-// Sums over every choice of `count` segments from segment `first` (choice index: digit i in base 3
-// picks candidate v of segment first + i, segment `first` least significant), from per-segment
-// sums at [k * stride + 3 * segment + v]; n = 3^count choices.
+// Sums over every choice of `count` segments from segment `first` (choice index: digit i in base
+// `versions`, 2 or 3, picks candidate v of segment first + i, segment `first` least significant),
+// from per-segment sums at [k * stride + versions * segment + v]; n = versions^count choices.
 void flicker_tabulate_choices(const std::int64_t* part_re, const std::int64_t* part_im,
-                              std::int32_t stride, std::int32_t first, std::int32_t count,
-                              std::uint32_t n, std::int64_t* re_out, std::int64_t* im_out);
+                              std::int32_t stride, std::int32_t versions, std::int32_t first,
+                              std::int32_t count, std::uint32_t n, std::int64_t* re_out,
+                              std::int64_t* im_out);
 
 // The common shift of a search whose component is rshift_round64(sum, s) (min_length 0) or the
 // Q7 average trunc(128 x sum / length) over choices at least min_length long, without visiting

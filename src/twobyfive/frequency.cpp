@@ -49,9 +49,9 @@ void split_choices(const PartialSums* sums, std::int32_t segments, std::int32_t*
   const std::uint32_t nl = choice_count(low_segments);
   const std::uint32_t nh = choice_count(segments - low_segments);
   constexpr std::int32_t stride = sizeof(PartialSums) / sizeof(std::int64_t);
-  flicker_tabulate_choices(sums[0].re, sums[0].im, stride, 0, low_segments, nl, g_choices.low_re,
+  flicker_tabulate_choices(sums[0].re, sums[0].im, stride, 3, 0, low_segments, nl, g_choices.low_re,
                            g_choices.low_im);
-  flicker_tabulate_choices(sums[0].re, sums[0].im, stride, low_segments, segments - low_segments,
+  flicker_tabulate_choices(sums[0].re, sums[0].im, stride, 3, low_segments, segments - low_segments,
                            nh, g_choices.high_re, g_choices.high_im);
   low = FlkChoiceHalf{g_choices.low_re, g_choices.low_im, nullptr, nl};
   high = FlkChoiceHalf{g_choices.high_re, g_choices.high_im, nullptr, nh};
